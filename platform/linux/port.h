@@ -1,0 +1,79 @@
+// What the files of the port share: the record behind a handle, the last error, and the names of devices. None of it is
+// part of the published API, and the port never goes through the published calls itself, so that a test program which
+// replaces them sees the program's calls alone.
+#pragma once
+
+#include <windows.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+// ---- errors.cpp ----
+
+// Makes error the number that GetLastError gives to this thread.
+void SetPortError(DWORD error);
+
+// The Windows number of a system error, as a user of Windows would see it for the same fault.
+DWORD WindowsError(int systemError);
+
+// The same for a call on path: tells a missing file from a missing folder by looking at the parent.
+DWORD WindowsErrorOfPath(int systemError, const std::string &path);
+
+// ---- handles, files.cpp ----
+
+enum class HandleKind { File, Disk, Volume, ControlDevice };
+
+// Behind each HANDLE, owned by it.
+struct PortHandle {
+    HandleKind kind = HandleKind::File;
+    int descriptor = -1;
+    uint64_t position = 0; // bytes; of the next transfer
+    bool isBlockDevice = false;
+    bool isDirect = false;        // the descriptor has O_DIRECT
+    uint32_t sectorBytes = 512;   // of a disk: what unbuffered transfers are aligned to
+    void *bounceBuffer = nullptr; // for transfers whose own buffer the device would refuse; made when first needed
+    uint32_t diskNumber = 0;      // of a volume: the disk that it lies on
+    uint64_t lengthBytes = 0;     // of a volume
+    bool isBroken = false;        // of a control device: an exchange failed half-way
+};
+
+// The record behind a handle of that kind, or null with the last error set.
+PortHandle *HandleRecord(HANDLE handle);
+
+// ---- control_device.cpp ----
+
+// Connects to the control device at folder/name; INVALID_HANDLE_VALUE with the last error set.
+HANDLE OpenControlDevice(const std::string &folder, const std::string &name);
+
+// One exchange with the device behind handle, with the arguments and the result of DeviceIoControl.
+BOOL ExchangeWithDevice(PortHandle *handle, DWORD controlCode, const void *input, DWORD inputLength, void *output,
+                        DWORD outputLength, DWORD *bytesReturned);
+
+// ---- device_name.cpp ----
+
+enum class DeviceKind { None, Disk, Volume, ControlDevice };
+
+struct Device {
+    DeviceKind kind = DeviceKind::None;
+    std::string path;         // of a disk: its node or file
+    uint32_t diskNumber = 0;  // of a volume: the disk that it lies on; noDisk for none of the disks
+    uint64_t lengthBytes = 0; // of a volume
+    std::string folder;       // of a control device: where its socket lies
+    std::string name;
+};
+
+constexpr uint32_t noDisk = 0xFFFFFFFF;
+
+// The device behind \\.\name on this machine.
+Device FindDevice(const std::string &name);
+
+// The same when the folder is the whole machine.
+Device FindDeviceInFolder(const std::string &folder, const std::string &name);
+
+// The machine's own disks in the order of their numbers, as names in the block layer; sysRoot is the mount of sysfs.
+std::vector<std::string> ListOwnDisks(const std::string &sysRoot);
+
+// The number of the disk that the block device major:minor lies on, through partitions, device mapper and md; noDisk if
+// it lies on none.
+uint32_t OwnDiskHolding(const std::string &sysRoot, unsigned int majorNumber, unsigned int minorNumber);

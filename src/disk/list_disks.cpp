@@ -1,0 +1,36 @@
+// Opens each disk in turn, asks its facts and prints them.
+//
+// The open asks for no unbuffered access and may fail for any reason: without rights the list is simply empty. The
+// system disk's number is asked anew for every disk listed, so a machine without C: ends at the first disk that opens.
+#include "disk/list_disks.h"
+
+#include "cli/console.h"
+#include "disk/physical_disk.h"
+
+#include <cstdio>
+#include <cwchar>
+
+static constexpr int32_t listedDisks = 16;
+
+static void ListDisk(int32_t diskNumber)
+{
+    wchar_t path[64];
+    swprintf(path, sizeof(path) / sizeof(path[0]), L"\\\\.\\PhysicalDrive%d", diskNumber);
+    const HANDLE disk =
+        CreateFileW(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0, nullptr);
+    if (disk == INVALID_HANDLE_VALUE) {
+        return;
+    }
+    const DiskGeometry geometry = GetDiskGeometry(disk);
+    const char *marker = diskNumber == SystemDiskNumber() ? "   <- currently booted system disk" : "";
+    printf("PhysicalDrive%-2d  %8.2f GiB  sector %u bytes%s\n", diskNumber, ToGiB(geometry.diskSize),
+           geometry.sectorSize, marker);
+    CloseHandle(disk);
+}
+
+void ListDisks()
+{
+    for (int32_t diskNumber = 0; diskNumber < listedDisks; ++diskNumber) {
+        ListDisk(diskNumber);
+    }
+}

@@ -1,0 +1,50 @@
+// The raw devices: opening a disk by its number, what is asked of an open disk, which disk the system lives on, and the
+// aligned memory that unbuffered I/O wants. A handle is used directly with the platform's calls by the operation that
+// opened it, and closed by it.
+#pragma once
+
+#include <windows.h>
+
+#include <cstdint>
+
+struct DiskGeometry {
+    uint64_t diskSize;   // bytes
+    uint32_t sectorSize; // bytes, logical
+};
+
+// A block of size bytes whose address is a multiple of alignment, a power of two. Move-only owner: a moved-from or
+// default-made buffer is empty. Without memory the construction is fatal.
+struct AlignedBuffer {
+    AlignedBuffer() = default;
+    AlignedBuffer(uint64_t size, uint64_t alignment);
+    AlignedBuffer(AlignedBuffer &&other) noexcept;
+    AlignedBuffer &operator=(AlignedBuffer &&other) noexcept;
+    ~AlignedBuffer();
+
+    uint8_t *data = nullptr;
+    uint64_t size = 0; // bytes
+};
+
+// Disk diskNumber for unbuffered reading while others go on using it: positions, lengths and buffers must keep to whole
+// sectors. The handle is the caller's. Fatal on failure.
+HANDLE OpenDiskForRead(int32_t diskNumber);
+
+// Disk diskNumber for unbuffered reading and writing, alone: fails while anyone else, a mounted volume included, holds
+// it. The handle is the caller's. A failure prints its advice and ends the process.
+HANDLE OpenDiskForWrite(int32_t diskNumber);
+
+// Length and sector size of an open disk. Fatal on failure.
+DiskGeometry GetDiskGeometry(HANDLE disk);
+
+// Reads exactly byteCount bytes at the position of an open disk or file; false if it fails or ends first.
+bool ReadExactly(HANDLE file, void *buffer, DWORD byteCount);
+
+// Writes byteCount bytes at the position of an open disk or file; false if it fails or takes fewer.
+bool WriteExactly(HANDLE file, const void *buffer, DWORD byteCount);
+
+// Moves the position of an open disk or file to position bytes from its start; gives the call's result.
+BOOL SeekTo(HANDLE file, uint64_t position);
+
+// Number of the disk that holds C:, that of its first extent if it spans several. Asked anew at each call. Fatal if
+// there is no C: or it does not answer.
+int32_t SystemDiskNumber();
