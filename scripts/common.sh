@@ -3,6 +3,7 @@
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 # Debian's own Python, which is the one that Debian's Python packages are for.
+# shellcheck disable=SC2034  # the scripts that source this use it
 python=/usr/bin/python3
 
 # Installs those of the named Debian packages that are not there.

@@ -64,8 +64,9 @@ static std::vector<uint8_t> ReadTrailer(HANDLE file, uint64_t dataEnd)
 {
     LARGE_INTEGER fileSize = {};
     GetFileSizeEx(file, &fileSize);
+    const uint64_t leastSize = dataEnd + trailerOverhead;
     uint32_t totalLength = 0;
-    if (fileSize.QuadPart < static_cast<LONGLONG>(dataEnd + trailerOverhead) ||
+    if (fileSize.QuadPart < static_cast<LONGLONG>(leastSize) ||
         !SeekTo(file, static_cast<uint64_t>(fileSize.QuadPart) - sizeof(totalLength)) ||
         !ReadExactly(file, &totalLength, sizeof(totalLength)) || totalLength < trailerOverhead ||
         totalLength > longestTrailer || totalLength > static_cast<uint64_t>(fileSize.QuadPart) - dataEnd) {
