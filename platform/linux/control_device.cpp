@@ -36,7 +36,11 @@ static int ConnectTo(int folder, const std::string &name)
     if (connection < 0) {
         return -1;
     }
-    if (connect(connection, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0) {
+    int result = -1;
+    do {
+        result = connect(connection, reinterpret_cast<const sockaddr *>(&address), sizeof(address));
+    } while (result != 0 && errno == EINTR);
+    if (result != 0) {
         const int error = errno;
         close(connection);
         errno = error;

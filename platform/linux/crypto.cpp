@@ -75,15 +75,18 @@ extern "C" NTSTATUS BCryptOpenAlgorithmProvider(BCRYPT_ALG_HANDLE *algorithm, LP
                                                 ULONG flags)
 {
     Provider provider = {Algorithm::Sha256, false};
-    if (wcscmp(id, BCRYPT_SHA256_ALGORITHM) == 0 && flags == BCRYPT_ALG_HANDLE_HMAC_FLAG) {
-        provider.algorithm = Algorithm::HmacSha256;
-    } else if (wcscmp(id, BCRYPT_AES_ALGORITHM) == 0 && flags == 0) {
+    ULONG knownFlags = 0;
+    if (wcscmp(id, BCRYPT_SHA256_ALGORITHM) == 0) {
+        knownFlags = BCRYPT_ALG_HANDLE_HMAC_FLAG;
+        provider.algorithm = flags == 0 ? Algorithm::Sha256 : Algorithm::HmacSha256;
+    } else if (wcscmp(id, BCRYPT_AES_ALGORITHM) == 0) {
         provider.algorithm = Algorithm::Aes;
-    } else if (wcscmp(id, BCRYPT_RNG_ALGORITHM) == 0 && flags == 0) {
+    } else if (wcscmp(id, BCRYPT_RNG_ALGORITHM) == 0) {
         provider.algorithm = Algorithm::Random;
-    } else if (wcscmp(id, BCRYPT_SHA256_ALGORITHM) != 0) {
+    } else {
         return statusNotFound;
-    } else if (flags != 0) {
+    }
+    if ((flags & ~knownFlags) != 0) {
         return statusInvalidParameter;
     }
     if (implementation != nullptr) {

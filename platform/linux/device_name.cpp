@@ -93,7 +93,8 @@ static uint64_t LengthOfNode(const std::string &path)
 
 // ---- The devices folder ----
 
-// C: has to be a link to one of the folder's own disks, whatever that disk is a link to in its turn.
+// C: has to be a link to one of the folder's own disks, whatever that disk is a link to in its turn, and even if that
+// disk doesn't open.
 static Device FindVolumeInFolder(const std::string &folder)
 {
     Device device;
@@ -106,7 +107,7 @@ static Device FindVolumeInFolder(const std::string &folder)
     }
     struct stat node = {};
     if (ParseDiskName(diskName, &device.diskNumber) && RealPath(targetFolder) == RealPath(folder) &&
-        stat((folder + "/" + diskName).c_str(), &node) == 0) {
+        lstat((folder + "/" + diskName).c_str(), &node) == 0) {
         device.kind = DeviceKind::Volume;
         device.lengthBytes = LengthOfNode(folder + "/" + diskName);
     }
@@ -190,7 +191,7 @@ std::vector<std::string> ListOwnDisks(const std::string &sysRoot)
     return names;
 }
 
-// Follows a block device, as its folder in sysfs, down to the first of the disks.
+// Follows a block device, as its folder in sysfs, down to the first of the disks that it lies on.
 static uint32_t DiskBelow(const std::string &deviceFolder, const std::vector<std::string> &disks, int levelsLeft)
 {
     if (deviceFolder.empty() || levelsLeft == 0) {
@@ -203,13 +204,11 @@ static uint32_t DiskBelow(const std::string &deviceFolder, const std::vector<std
     if (found != disks.end()) {
         return static_cast<uint32_t>(found - disks.begin());
     }
+    uint32_t first = noDisk;
     for (const std::string &slave : ListFolder(deviceFolder + "/slaves")) {
-        const uint32_t number = DiskBelow(RealPath(deviceFolder + "/slaves/" + slave), disks, levelsLeft - 1);
-        if (number != noDisk) {
-            return number;
-        }
+        first = std::min(first, DiskBelow(RealPath(deviceFolder + "/slaves/" + slave), disks, levelsLeft - 1));
     }
-    return noDisk;
+    return first;
 }
 
 uint32_t OwnDiskHolding(const std::string &sysRoot, unsigned int majorNumber, unsigned int minorNumber)
@@ -235,8 +234,9 @@ static dev_t SourceOfRoot()
         std::string source;
         fields >> field >> source;
         struct stat node = {};
-        if (mountPoint == "/" && stat(source.c_str(), &node) == 0 && S_ISBLK(node.st_mode)) {
-            device = node.st_rdev;
+        if (mountPoint == "/") { // the last one lies on top
+            const bool isDevice = source[0] == '/' && stat(source.c_str(), &node) == 0 && S_ISBLK(node.st_mode);
+            device = isDevice ? node.st_rdev : 0;
         }
     }
     return device;

@@ -81,3 +81,18 @@ DWORD WindowsErrorOfPath(int systemError, const std::string &path)
     const bool parentIsFolder = stat(path.substr(0, separator).c_str(), &parent) == 0 && S_ISDIR(parent.st_mode);
     return parentIsFolder ? ERROR_FILE_NOT_FOUND : ERROR_PATH_NOT_FOUND;
 }
+
+DWORD WindowsErrorOfTransfer(int systemError, bool isWrite)
+{
+    switch (systemError) {
+    case EBADF: // the handle is open, but not in this direction
+        return ERROR_ACCESS_DENIED;
+    case EIO:
+    case ENODATA: // what the block layer says of a bad sector
+    case EILSEQ:
+    case EBADMSG: // checksums that don't hold
+        return isWrite ? ERROR_IO_DEVICE : ERROR_CRC;
+    default:
+        return WindowsError(systemError);
+    }
+}

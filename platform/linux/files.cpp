@@ -137,13 +137,14 @@ static HANDLE CreateFileAlone(const std::string &path, bool mustBeNew)
         return RefuseOpen(WindowsErrorOfPath(errno, path));
     }
     if (!TakeLock(record.descriptor, true, false) || ftruncate(record.descriptor, 0) != 0) {
-        const DWORD error = WindowsError(errno);
-        if (created) {
+        const int error = errno;
+        if (created && error != EWOULDBLOCK) { // else another opener was faster and has it now
             unlink(path.c_str());
         }
         close(record.descriptor);
-        return RefuseOpen(error);
+        return RefuseOpen(WindowsError(error));
     }
+    SetPortError(created ? ERROR_SUCCESS : ERROR_ALREADY_EXISTS);
     return MakeHandle(record);
 }
 
@@ -379,7 +380,7 @@ static bool Transfer(PortHandle &handle, void *buffer, uint64_t byteCount, DWORD
         step = handle.isDirect ? CallDirect(handle, rest, byteCount - done, handle.position, isWrite)
                                : CallOnce(handle, rest, byteCount - done, handle.position, isWrite);
         if (step < 0 && errno != EINTR) {
-            SetPortError(WindowsError(errno));
+            SetPortError(WindowsErrorOfTransfer(errno, isWrite));
             break;
         }
         if (step > 0) {
@@ -388,7 +389,7 @@ static bool Transfer(PortHandle &handle, void *buffer, uint64_t byteCount, DWORD
         }
     }
     *moved = static_cast<DWORD>(done);
-    return step >= 0 || done == byteCount;
+    return step >= 0;
 }
 
 // A block device takes whole sectors alone, as an unbuffered disk does everywhere.
@@ -507,26 +508,33 @@ static bool Answer(const void *answer, DWORD answerLength, void *output, DWORD o
     return true;
 }
 
-static bool AnswerLength(const PortHandle &handle, void *output, DWORD outputLength, DWORD *bytesReturned)
+static bool LengthOfDisk(const PortHandle &handle, LONGLONG *lengthBytes)
 {
-    uint64_t lengthBytes = 0;
+    uint64_t deviceBytes = 0;
     struct stat file = {};
     const int result =
-        handle.isBlockDevice ? ioctl(handle.descriptor, BLKGETSIZE64, &lengthBytes) : fstat(handle.descriptor, &file);
+        handle.isBlockDevice ? ioctl(handle.descriptor, BLKGETSIZE64, &deviceBytes) : fstat(handle.descriptor, &file);
     if (result != 0) {
         SetPortError(WindowsError(errno));
         return false;
     }
+    *lengthBytes = handle.isBlockDevice ? static_cast<LONGLONG>(deviceBytes) : file.st_size;
+    return true;
+}
+
+static bool AnswerLength(const PortHandle &handle, void *output, DWORD outputLength, DWORD *bytesReturned)
+{
     GET_LENGTH_INFORMATION answer = {};
-    answer.Length.QuadPart = handle.isBlockDevice ? static_cast<LONGLONG>(lengthBytes) : file.st_size;
-    return Answer(&answer, sizeof(answer), output, outputLength, bytesReturned);
+    return LengthOfDisk(handle, &answer.Length.QuadPart) &&
+           Answer(&answer, sizeof(answer), output, outputLength, bytesReturned);
 }
 
 static bool AnswerGeometry(const PortHandle &handle, void *output, DWORD outputLength, DWORD *bytesReturned)
 {
     DISK_GEOMETRY_EX answer = {};
     answer.Geometry.BytesPerSector = handle.sectorBytes;
-    return Answer(&answer, sizeof(answer), output, outputLength, bytesReturned);
+    return LengthOfDisk(handle, &answer.DiskSize.QuadPart) &&
+           Answer(&answer, sizeof(answer), output, outputLength, bytesReturned);
 }
 
 static bool ReadPartitionsAgain(const PortHandle &handle)
@@ -578,7 +586,8 @@ extern "C" BOOL DeviceIoControl(HANDLE device, DWORD controlCode, LPVOID input, 
     DWORD unwantedCount = 0;
     DWORD *count = bytesReturned == nullptr ? &unwantedCount : bytesReturned;
     *count = 0;
-    if (overlapped != nullptr || handle->kind == HandleKind::File) {
+    const bool takesInput = handle->kind == HandleKind::ControlDevice;
+    if (overlapped != nullptr || handle->kind == HandleKind::File || (inputLength != 0 && !takesInput)) {
         SetPortError(ERROR_INVALID_PARAMETER);
         return FALSE;
     }

@@ -20,6 +20,9 @@ DWORD WindowsError(int systemError);
 // The same for a call on path: tells a missing file from a missing folder by looking at the parent.
 DWORD WindowsErrorOfPath(int systemError, const std::string &path);
 
+// The same for a transfer: bytes that can't be read are one fault, a device that doesn't take them another.
+DWORD WindowsErrorOfTransfer(int systemError, bool isWrite);
+
 // ---- handles, files.cpp ----
 
 enum class HandleKind { File, Disk, Volume, ControlDevice };
@@ -38,7 +41,7 @@ struct PortHandle {
     bool isBroken = false;        // of a control device: an exchange failed half-way
 };
 
-// The record behind a handle of that kind, or null with the last error set.
+// The record behind handle, or null with the last error set.
 PortHandle *HandleRecord(HANDLE handle);
 
 // ---- control_device.cpp ----

@@ -31,6 +31,7 @@ extern "C" void *_aligned_malloc(size_t size, size_t alignment)
     const size_t least = isHuge ? hugePageBytes : sizeof(void *);
     void *block = nullptr;
     if (posix_memalign(&block, alignment < least ? least : alignment, size == 0 ? 1 : size) != 0) {
+        SetPortError(ERROR_NOT_ENOUGH_MEMORY);
         return nullptr;
     }
     if (isHuge) {

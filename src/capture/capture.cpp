@@ -1,5 +1,5 @@
-// Capture, from top to bottom: the source and its geometry, the tracker, the base, the header, the key, the image file,
-// the chunk loop, then header and table at the front of the file.
+// Capture, from top to bottom: the source and its geometry, the tracker, the snapshots, the base, the header, the key,
+// the image file, the chunk loop, then header and table at the front of the file.
 //
 // Header and table are held in memory and written last, so an image that did not reach its end has zeros where its
 // header belongs. The tracker is attached before anything is frozen and queried once, after; the epoch of that query
@@ -12,6 +12,7 @@
 #include "cli/console.h"
 #include "crypto/password.h"
 #include "image/image_output.h"
+#include "snapshot/snapshot_requester.h"
 
 #include <cstdio>
 #include <cstring>
@@ -64,12 +65,16 @@ static void FillHeader(CaptureRun &run)
     }
 }
 
+// A chunk that no snapshot holds whole is read from the live disk, without a word.
 static void ReadChunk(CaptureRun &run, ChunkEntry &entry, uint64_t offset, uint32_t length)
 {
-    if (!SeekTo(run.source, offset)) {
+    const ShadowRange *range = FindShadowRange(run.shadowRanges, offset, length);
+    const HANDLE source = range != nullptr ? range->shadowHandle : run.source;
+    const uint64_t position = range != nullptr ? offset - range->diskOffset : offset;
+    if (!SeekTo(source, position)) {
         Fatal("SetFilePointerEx on source failed mid-capture", 0);
     }
-    if (!ReadExactly(run.source, run.readBuffer.data, length)) {
+    if (!ReadExactly(source, run.readBuffer.data, length)) {
         Fatal("ReadFile from source disk failed mid-capture - image is incomplete, do not trust it", 0);
     }
     Sha256Buffer(run.readBuffer.data, length, entry.hash);
@@ -152,6 +157,7 @@ static void ReleaseRun(CaptureRun &run)
     run.readBuffer = AlignedBuffer();
     run.table = ChunkTable();
     run.key.reset();
+    run.shadowRanges.clear();
     if (run.tracker.handle != INVALID_HANDLE_VALUE) {
         CloseHandle(run.tracker.handle);
     }
@@ -163,6 +169,9 @@ void Capture(const CaptureOptions &options)
     OpenSource(run);
     NoteLiveSystemDisk(options);
     run.tracker.Open(static_cast<uint32_t>(options.diskNumber));
+    if (options.useVss) {
+        run.shadowRanges = OpenSnapshots(static_cast<uint32_t>(options.diskNumber));
+    }
     QueryTracker(run);
     if (options.thin && options.basePath.empty()) {
         Fatal("--thin needs --base", 0);
@@ -182,6 +191,9 @@ void Capture(const CaptureOptions &options)
     CloseHandle(run.image);
     CloseHandle(run.source);
     ReleaseBase(run);
+    if (options.useVss) {
+        CloseSnapshots(true);
+    }
     CommitEpoch(run);
     PrintResult(run);
     ReleaseRun(run);

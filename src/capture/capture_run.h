@@ -4,9 +4,11 @@
 #include "capture/capture.h"
 #include "disk/physical_disk.h"
 #include "image/image_file.h"
+#include "snapshot/shadow_range.h"
 #include "tracker/change_tracker.h"
 
 #include <optional>
+#include <vector>
 
 struct CaptureRun {
     explicit CaptureRun(const CaptureOptions &captureOptions) : options(captureOptions) {}
@@ -16,6 +18,7 @@ struct CaptureRun {
     HANDLE image = INVALID_HANDLE_VALUE;
     DiskGeometry geometry = {};
     ChangeTracker tracker;
+    std::vector<ShadowRange> shadowRanges; // empty: everything is read live
     ImageHeader header = {};
     ChunkTable table;
     std::optional<GcmKey> key;   // present exactly with encrypt

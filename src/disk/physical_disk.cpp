@@ -7,21 +7,12 @@
 
 #include "cli/console.h"
 
-#include <winioctl.h>
-
 #include <malloc.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <cwchar>
 #include <utility>
-
-// What the extents query fills: the count and room for nine extents.
-struct VolumeExtents {
-    VOLUME_DISK_EXTENTS first;
-    DISK_EXTENT others[8];
-};
-static_assert(sizeof(VolumeExtents) == 224);
 
 AlignedBuffer::AlignedBuffer(uint64_t size, uint64_t alignment)
     : data(static_cast<uint8_t *>(_aligned_malloc(size, alignment))), size(size)

@@ -5,12 +5,21 @@
 
 #include <windows.h>
 
+#include <winioctl.h>
+
 #include <cstdint>
 
 struct DiskGeometry {
     uint64_t diskSize;   // bytes
     uint32_t sectorSize; // bytes, logical
 };
+
+// What a volume's extents query fills: the count and room for nine extents.
+struct VolumeExtents {
+    VOLUME_DISK_EXTENTS first;
+    DISK_EXTENT others[8];
+};
+static_assert(sizeof(VolumeExtents) == 224);
 
 // A block of size bytes whose address is a multiple of alignment, a power of two. Move-only owner: a moved-from or
 // default-made buffer is empty. Without memory the construction is fatal.

@@ -19,6 +19,8 @@ typedef uint32_t DWORD;
 typedef DWORD *LPDWORD;
 typedef int32_t LONG;
 typedef uint32_t ULONG;
+typedef unsigned int UINT;
+typedef int INT;
 typedef long long LONGLONG;
 typedef unsigned long long ULONGLONG;
 typedef intptr_t LONG_PTR;
@@ -63,6 +65,8 @@ typedef struct _OVERLAPPED OVERLAPPED, *LPOVERLAPPED;
 #define INVALID_FILE_ATTRIBUTES 0xFFFFFFFFU
 
 #define FILE_BEGIN 0U
+
+#define INFINITE 0xFFFFFFFFU
 
 #define ERROR_SUCCESS 0U
 #define ERROR_FILE_NOT_FOUND 2U
@@ -112,6 +116,12 @@ BOOL CloseHandle(HANDLE object);
 // Sends one control code to a disk, a volume or a control device. bytesReturned may be null where nothing comes back.
 BOOL DeviceIoControl(HANDLE device, DWORD controlCode, LPVOID input, DWORD inputLength, LPVOID output,
                      DWORD outputLength, LPDWORD bytesReturned, LPOVERLAPPED overlapped);
+
+// Enumerates the volumes by name, each with its trailing backslash, into nameUnits units at name: the first gives the
+// search handle or INVALID_HANDLE_VALUE, the next are told by TRUE, and the search is the caller's to close.
+HANDLE FindFirstVolumeW(LPWSTR name, DWORD nameUnits);
+BOOL FindNextVolumeW(HANDLE search, LPWSTR name, DWORD nameUnits);
+BOOL FindVolumeClose(HANDLE search);
 
 // The error number of this thread's last failed call.
 DWORD GetLastError(void);
