@@ -92,6 +92,9 @@ DWORD WindowsErrorOfTransfer(int systemError, bool isWrite)
     case EILSEQ:
     case EBADMSG: // checksums that don't hold
         return isWrite ? ERROR_IO_DEVICE : ERROR_CRC;
+    case ENXIO:
+    case ENODEV: // the device went away
+        return ERROR_IO_DEVICE;
     default:
         return WindowsError(systemError);
     }

@@ -162,6 +162,7 @@ static HANDLE OpenFile(const std::string &path, const OpenRequest &request)
     return RefuseOpen(ERROR_INVALID_PARAMETER);
 }
 
+// Some drivers refuse to open such a device for writing, each with an error of its own, others only refuse the writes.
 static bool IsReadOnlyDevice(const std::string &path)
 {
     const int descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
@@ -185,12 +186,6 @@ static int OpenDiskNode(const std::string &path, int flags, bool unbuffered, boo
     return descriptor;
 }
 
-static DWORD OpenDiskError(int systemError, const std::string &path, bool exclusive)
-{
-    const bool mayBeReadOnly = exclusive && (systemError == EACCES || systemError == EPERM || systemError == EROFS);
-    return mayBeReadOnly && IsReadOnlyDevice(path) ? ERROR_WRITE_PROTECT : WindowsErrorOfPath(systemError, path);
-}
-
 static HANDLE OpenDisk(const std::string &path, bool exclusive, bool unbuffered)
 {
     struct stat node = {};
@@ -200,6 +195,9 @@ static HANDLE OpenDisk(const std::string &path, bool exclusive, bool unbuffered)
     if (!S_ISREG(node.st_mode) && !S_ISBLK(node.st_mode)) {
         return RefuseOpen(ERROR_FILE_NOT_FOUND);
     }
+    if (exclusive && S_ISBLK(node.st_mode) && IsReadOnlyDevice(path)) {
+        return RefuseOpen(ERROR_WRITE_PROTECT);
+    }
     PortHandle record;
     record.kind = HandleKind::Disk;
     record.isBlockDevice = S_ISBLK(node.st_mode);
@@ -207,7 +205,7 @@ static HANDLE OpenDisk(const std::string &path, bool exclusive, bool unbuffered)
     record.descriptor =
         OpenDiskNode(path, (exclusive ? exclusiveFlags : O_RDONLY) | O_CLOEXEC, unbuffered, &record.isDirect);
     if (record.descriptor < 0) {
-        return RefuseOpen(OpenDiskError(errno, path, exclusive));
+        return RefuseOpen(WindowsErrorOfPath(errno, path));
     }
     int sectorBytes = 0;
     if (!TakeLock(record.descriptor, exclusive, record.isBlockDevice) ||
