@@ -4,9 +4,10 @@
 
 #include <windows.h>
 
-#include <vsbackup.h>
 #include <vss.h>
 #include <vswriter.h>
+
+#include <vsbackup.h>
 
 // Calls CreateVssBackupComponents and stores its result. False if anything was raised meanwhile; *components and
 // *result are then as the call left them.

@@ -6,10 +6,10 @@
 #include "capture/base_image.h"
 
 #include "cli/console.h"
+#include "disk/transfer.h"
 #include "image/image_path.h"
 
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 static void CheckGeometry(const CaptureRun &run)
@@ -62,16 +62,11 @@ static void LoseProof(CaptureRun &run, const char *reason)
 // A thin image finds its base by the bare name in its own folder, and must not overwrite it.
 static void CheckThinPaths(const CaptureOptions &options)
 {
-    char basePath[_MAX_PATH];
-    char outPath[_MAX_PATH];
-    if (_fullpath(basePath, options.basePath.c_str(), sizeof(basePath)) == nullptr ||
-        _fullpath(outPath, options.outPath.c_str(), sizeof(outPath)) == nullptr) {
-        Fatal("could not resolve image paths", 0);
-    }
-    if (_stricmp(ParentFolder(basePath).c_str(), ParentFolder(outPath).c_str()) != 0) {
+    const auto [baseFull, outFull] = ResolvePaths(options.basePath, options.outPath);
+    if (_stricmp(ParentFolder(baseFull).c_str(), ParentFolder(outFull).c_str()) != 0) {
         Fatal("--thin: the image and its --base must be in the same folder", 0);
     }
-    if (_stricmp(basePath, outPath) == 0) {
+    if (_stricmp(baseFull.c_str(), outFull.c_str()) == 0) {
         Fatal("--thin: --out must differ from --base", 0);
     }
 }
@@ -105,17 +100,17 @@ ChunkShortcut TakeFromBase(CaptureRun &run, uint64_t i, uint64_t offset, uint32_
         return ChunkShortcut::Read;
     }
     ChunkEntry &entry = run.table[i];
-    if (!run.options.thin) {
-        FetchChunk(run.baseImage, i, run.readBuffer.data);
+    const ChunkEntry &baseEntry = run.baseImage.table[i];
+    if (run.options.thin) {
+        memcpy(entry.hash, baseEntry.hash, digestBytes);
+        entry.storedLength = 0;
+        ++run.referenceCount;
+        return ChunkShortcut::Reference;
     }
-    memcpy(entry.hash, run.baseImage.table[i].hash, digestBytes);
-    if (!run.options.thin) {
-        ++run.copiedCount;
-        return ChunkShortcut::Fetched;
-    }
-    entry.storedLength = 0;
-    ++run.referenceCount;
-    return ChunkShortcut::Reference;
+    FetchChunk(run.baseImage, i, run.readBuffer.data);
+    memcpy(entry.hash, baseEntry.hash, digestBytes);
+    ++run.copiedCount;
+    return ChunkShortcut::Fetched;
 }
 
 bool ReferToBase(CaptureRun &run, uint64_t i)

@@ -11,6 +11,7 @@
 #include "capture/capture_run.h"
 #include "cli/console.h"
 #include "crypto/password.h"
+#include "disk/transfer.h"
 #include "image/image_output.h"
 #include "snapshot/snapshot_requester.h"
 
@@ -66,9 +67,9 @@ static void FillHeader(CaptureRun &run)
 }
 
 // A chunk that no snapshot holds whole is read from the live disk, without a word.
-static void ReadChunk(CaptureRun &run, ChunkEntry &entry, uint64_t offset, uint32_t length)
+static void ReadAndHashChunk(CaptureRun &run, ChunkEntry &entry, uint64_t offset, uint32_t length)
 {
-    const ShadowRange *range = FindShadowRange(run.shadowRanges, offset, length);
+    const ShadowRange *range = run.options.useVss ? FindShadowRange(run.shadowRanges, offset, length) : nullptr;
     const HANDLE source = range != nullptr ? range->shadowHandle : run.source;
     const uint64_t position = range != nullptr ? offset - range->diskOffset : offset;
     if (!SeekTo(source, position)) {
@@ -104,7 +105,7 @@ static void CaptureChunk(CaptureRun &run, uint64_t i, uint64_t offset, uint32_t 
         return;
     }
     if (shortcut == ChunkShortcut::Read) {
-        ReadChunk(run, entry, offset, length);
+        ReadAndHashChunk(run, entry, offset, length);
         if (ReferToBase(run, i)) {
             return;
         }
@@ -181,8 +182,9 @@ void Capture(const CaptureOptions &options)
     if (options.encrypt) {
         MakeKeyOfNewImage(run.header, options.passwordFile, run.key);
     }
-    run.image = CreateImageFile(options.outPath, CREATE_ALWAYS, run.header.chunkCount);
+    run.image = CreateImageFile(options.outPath, CREATE_ALWAYS);
     run.table = ChunkTable(run.header.chunkCount);
+    SeekTo(run.image, DataStart(run.header.chunkCount));
     run.readBuffer = AlignedBuffer(run.header.chunkSize, run.geometry.sectorSize);
     run.cipherBuffer = AlignedBuffer(run.header.chunkSize, run.geometry.sectorSize);
     CaptureChunks(run);

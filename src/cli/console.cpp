@@ -1,8 +1,7 @@
 // The two endings of a failed run and the one progress line.
 //
 // The error number is taken before anything else in Fatal, because printing may change it. All failures end through
-// exit, not abort: the exit hooks are what takes a backup's snapshots down. EndWithFailure is the only caller of exit
-// and holds no object of its own.
+// exit, not abort: the exit hooks are what takes a backup's snapshots down.
 #include "cli/console.h"
 
 #include <cstdio>

@@ -1,9 +1,8 @@
 // One function per command: reads its options in a fixed order, refuses what it can't run without, calls its operation.
 //
 // The disk number is converted before anything else is looked at, so a malformed one ends the program whatever else is
-// missing. A missing --confirm is no usage error: the refusal of a destructive run is the operation's own. capture
-// refuses
-// --encrypt without a password file here, consolidate in its operation, behind the opening of its source.
+// missing. A missing --confirm is no usage error: the refusal of a destructive run is the operation's own. Only capture
+// refuses --encrypt without a password file here; consolidate does it itself, behind the opening of its source.
 #include "cli/dispatch.h"
 
 #include "capture/capture.h"

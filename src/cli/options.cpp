@@ -1,4 +1,5 @@
-// The three lookups. Both scans begin at index 1, the command word, and take the first match.
+// The lookups, over the vector as the process received it, and the conversion of a disk number. On a platform whose
+// long is wider than 32 bits the range is tested here, where strtol would let the value pass.
 #include "cli/options.h"
 
 #include <windows.h>

@@ -89,7 +89,7 @@ GcmKey::GcmKey(const uint8_t *rawKey)
 
 GcmKey::GcmKey(GcmKey &&other) noexcept
     : algorithm(std::exchange(other.algorithm, nullptr)), keyHandle(std::exchange(other.keyHandle, nullptr)),
-      keyObject(std::move(other.keyObject))
+      keyObject(std::exchange(other.keyObject, {}))
 {
 }
 
@@ -99,7 +99,7 @@ GcmKey &GcmKey::operator=(GcmKey &&other) noexcept
         EndKey(*this);
         algorithm = std::exchange(other.algorithm, nullptr);
         keyHandle = std::exchange(other.keyHandle, nullptr);
-        keyObject = std::move(other.keyObject);
+        keyObject = std::exchange(other.keyObject, {});
     }
     return *this;
 }
@@ -109,14 +109,14 @@ GcmKey::~GcmKey()
     EndKey(*this);
 }
 
-static BCRYPT_AUTHENTICATED_CIPHER_MODE_INFO ModeInfo(const uint8_t *nonce, const uint8_t *tag)
+static BCRYPT_AUTHENTICATED_CIPHER_MODE_INFO ModeInfo(const uint8_t *nonce, uint8_t *tag)
 {
     BCRYPT_AUTHENTICATED_CIPHER_MODE_INFO info = {};
     info.cbSize = sizeof(info);
     info.dwInfoVersion = BCRYPT_AUTHENTICATED_CIPHER_MODE_INFO_VERSION;
     info.pbNonce = const_cast<PUCHAR>(nonce);
     info.cbNonce = nonceBytes;
-    info.pbTag = const_cast<PUCHAR>(tag);
+    info.pbTag = tag;
     info.cbTag = tagBytes;
     return info;
 }
@@ -136,7 +136,7 @@ void SealChunk(const GcmKey &key, const uint8_t *plain, uint32_t length, const u
 bool OpenChunk(const GcmKey &key, const uint8_t *cipher, uint32_t length, const uint8_t *nonce, const uint8_t *tag,
                uint8_t *plain)
 {
-    BCRYPT_AUTHENTICATED_CIPHER_MODE_INFO info = ModeInfo(nonce, tag);
+    BCRYPT_AUTHENTICATED_CIPHER_MODE_INFO info = ModeInfo(nonce, const_cast<uint8_t *>(tag));
     ULONG resultLength = 0;
     return BCRYPT_SUCCESS(BCryptDecrypt(key.keyHandle, const_cast<PUCHAR>(cipher), length, &info, nullptr, 0, plain,
                                         length, &resultLength, 0));

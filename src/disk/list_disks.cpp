@@ -8,16 +8,12 @@
 #include "disk/physical_disk.h"
 
 #include <cstdio>
-#include <cwchar>
 
 static constexpr int32_t listedDisks = 16;
 
 static void ListDisk(int32_t diskNumber)
 {
-    wchar_t path[64];
-    swprintf(path, sizeof(path) / sizeof(path[0]), L"\\\\.\\PhysicalDrive%d", diskNumber);
-    const HANDLE disk =
-        CreateFileW(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0, nullptr);
+    const HANDLE disk = OpenPhysicalDrive(diskNumber, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, 0);
     if (disk == INVALID_HANDLE_VALUE) {
         return;
     }

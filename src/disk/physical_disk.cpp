@@ -14,8 +14,8 @@
 #include <cwchar>
 #include <utility>
 
-AlignedBuffer::AlignedBuffer(uint64_t size, uint64_t alignment)
-    : data(static_cast<uint8_t *>(_aligned_malloc(size, alignment))), size(size)
+AlignedBuffer::AlignedBuffer(uint64_t byteCount, uint64_t alignment)
+    : data(static_cast<uint8_t *>(_aligned_malloc(byteCount != 0 ? byteCount : 1, alignment))), size(byteCount)
 {
     if (data == nullptr) {
         Fatal("out of memory allocating aligned I/O buffer", 0);
@@ -41,16 +41,17 @@ AlignedBuffer::~AlignedBuffer()
     }
 }
 
-static HANDLE OpenPhysicalDrive(int32_t diskNumber, DWORD access, DWORD share)
+HANDLE OpenPhysicalDrive(int32_t diskNumber, DWORD access, DWORD share, DWORD flags)
 {
     wchar_t path[64];
     swprintf(path, sizeof(path) / sizeof(path[0]), L"\\\\.\\PhysicalDrive%d", diskNumber);
-    return CreateFileW(path, access, share, nullptr, OPEN_EXISTING, FILE_FLAG_NO_BUFFERING, nullptr);
+    return CreateFileW(path, access, share, nullptr, OPEN_EXISTING, flags, nullptr);
 }
 
 HANDLE OpenDiskForRead(int32_t diskNumber)
 {
-    const HANDLE disk = OpenPhysicalDrive(diskNumber, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE);
+    const HANDLE disk =
+        OpenPhysicalDrive(diskNumber, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, FILE_FLAG_NO_BUFFERING);
     if (disk == INVALID_HANDLE_VALUE) {
         Fatal("could not open source disk for raw read (run as Administrator?)", 0);
     }
@@ -59,7 +60,7 @@ HANDLE OpenDiskForRead(int32_t diskNumber)
 
 HANDLE OpenDiskForWrite(int32_t diskNumber)
 {
-    const HANDLE disk = OpenPhysicalDrive(diskNumber, GENERIC_READ | GENERIC_WRITE, 0);
+    const HANDLE disk = OpenPhysicalDrive(diskNumber, GENERIC_READ | GENERIC_WRITE, 0, FILE_FLAG_NO_BUFFERING);
     if (disk == INVALID_HANDLE_VALUE) {
         const DWORD lastError = GetLastError();
         fprintf(stderr,
@@ -88,23 +89,14 @@ DiskGeometry GetDiskGeometry(HANDLE disk)
     return {static_cast<uint64_t>(length.Length.QuadPart), geometry.Geometry.BytesPerSector};
 }
 
-bool ReadExactly(HANDLE file, void *buffer, DWORD byteCount)
+BOOL TakeVolumeExtents(HANDLE volume, VolumeExtentsReply *reply)
 {
-    DWORD bytesRead = 0;
-    return ReadFile(file, buffer, byteCount, &bytesRead, nullptr) && bytesRead == byteCount;
-}
-
-bool WriteExactly(HANDLE file, const void *buffer, DWORD byteCount)
-{
-    DWORD bytesWritten = 0;
-    return WriteFile(file, buffer, byteCount, &bytesWritten, nullptr) && bytesWritten == byteCount;
-}
-
-BOOL SeekTo(HANDLE file, uint64_t position)
-{
-    LARGE_INTEGER distance;
-    distance.QuadPart = static_cast<LONGLONG>(position);
-    return SetFilePointerEx(file, distance, nullptr, FILE_BEGIN);
+    *reply = {};
+    DWORD bytesReturned = 0;
+    const BOOL answered = DeviceIoControl(volume, IOCTL_VOLUME_GET_VOLUME_DISK_EXTENTS, nullptr, 0, reply,
+                                          sizeof(*reply), &bytesReturned, nullptr);
+    CloseHandle(volume);
+    return answered;
 }
 
 int32_t SystemDiskNumber()
@@ -114,11 +106,8 @@ int32_t SystemDiskNumber()
     if (volume == INVALID_HANDLE_VALUE) {
         Fatal("could not open C: to determine the system disk number", 0);
     }
-    VolumeExtents extents = {};
-    DWORD bytesReturned = 0;
-    const BOOL answered = DeviceIoControl(volume, IOCTL_VOLUME_GET_VOLUME_DISK_EXTENTS, nullptr, 0, &extents,
-                                          sizeof(extents), &bytesReturned, nullptr);
-    CloseHandle(volume);
+    VolumeExtentsReply extents;
+    const BOOL answered = TakeVolumeExtents(volume, &extents);
     if (!answered) {
         Fatal("IOCTL_VOLUME_GET_VOLUME_DISK_EXTENTS on C: failed", 0);
     }

@@ -15,17 +15,18 @@ struct DiskGeometry {
 };
 
 // What a volume's extents query fills: the count and room for nine extents.
-struct VolumeExtents {
+struct VolumeExtentsReply {
     VOLUME_DISK_EXTENTS first;
     DISK_EXTENT others[8];
 };
-static_assert(sizeof(VolumeExtents) == 224);
+static_assert(sizeof(VolumeExtentsReply) == 224);
 
-// A block of size bytes whose address is a multiple of alignment, a power of two. Move-only owner: a moved-from or
-// default-made buffer is empty. Without memory the construction is fatal.
+// A block of byteCount bytes whose address is a multiple of alignment, a power of two. Move-only owner: a moved-from or
+// default-made buffer is empty. Without memory the construction is fatal. Where a damaged image asks for no bytes a
+// block is made all the same, since the platform takes a size of 0 for a programming error.
 struct AlignedBuffer {
     AlignedBuffer() = default;
-    AlignedBuffer(uint64_t size, uint64_t alignment);
+    AlignedBuffer(uint64_t byteCount, uint64_t alignment);
     AlignedBuffer(AlignedBuffer &&other) noexcept;
     AlignedBuffer &operator=(AlignedBuffer &&other) noexcept;
     ~AlignedBuffer();
@@ -33,6 +34,10 @@ struct AlignedBuffer {
     uint8_t *data = nullptr;
     uint64_t size = 0; // bytes
 };
+
+// Opens disk diskNumber with the given access, share mode and flags of CreateFileW. INVALID_HANDLE_VALUE on failure,
+// with GetLastError as the call left it.
+HANDLE OpenPhysicalDrive(int32_t diskNumber, DWORD access, DWORD share, DWORD flags);
 
 // Disk diskNumber for unbuffered reading while others go on using it: positions, lengths and buffers must keep to whole
 // sectors. The handle is the caller's. Fatal on failure.
@@ -45,14 +50,8 @@ HANDLE OpenDiskForWrite(int32_t diskNumber);
 // Length and sector size of an open disk. Fatal on failure.
 DiskGeometry GetDiskGeometry(HANDLE disk);
 
-// Reads exactly byteCount bytes at the position of an open disk or file; false if it fails or ends first.
-bool ReadExactly(HANDLE file, void *buffer, DWORD byteCount);
-
-// Writes byteCount bytes at the position of an open disk or file; false if it fails or takes fewer.
-bool WriteExactly(HANDLE file, const void *buffer, DWORD byteCount);
-
-// Moves the position of an open disk or file to position bytes from its start; gives the call's result.
-BOOL SeekTo(HANDLE file, uint64_t position);
+// Asks an open volume for its extents into *reply, which is zeroed first, and closes it; gives the query's result.
+BOOL TakeVolumeExtents(HANDLE volume, VolumeExtentsReply *reply);
 
 // Number of the disk that holds C:, that of its first extent if it spans several. Asked anew at each call. Fatal if
 // there is no C: or it does not answer.

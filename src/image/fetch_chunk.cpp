@@ -6,7 +6,7 @@
 #include "image/image_file.h"
 
 #include "cli/console.h"
-#include "disk/physical_disk.h"
+#include "disk/transfer.h"
 
 #include <algorithm>
 #include <cstring>
@@ -48,14 +48,14 @@ void FetchChunk(const ImageFile &image, uint64_t i, uint8_t *out)
 {
     const ChunkEntry &entry = image.table[i];
     const uint32_t length = ChunkLength(image.header, i);
-    if (entry.storedLength != 0) {
+    if (!IsReference(entry)) {
         FetchStoredChunk(image, i, length, out);
     } else if (image.base == nullptr) {
         Fatal("image has a thin chunk but no base image", 0);
     } else {
         FetchChunk(*image.base, i, out);
     }
-    uint8_t digest[digestBytes];
+    uint8_t digest[digestBytes] = {};
     Sha256Buffer(out, length, digest);
     if (memcmp(digest, entry.hash, digestBytes) != 0) {
         FailHashCheck();
@@ -79,4 +79,26 @@ bool ReadNextStoredChunk(const ImageFile &image, uint32_t storedLength, uint8_t 
 {
     return storedLength <= bufferSize ? ReadExactly(image.file, buffer, storedLength)
                                       : SkipStoredChunk(image.file, storedLength);
+}
+
+static bool HasChunkLength(const ImageFile &image, uint64_t i)
+{
+    return image.table[i].storedLength == ChunkLength(image.header, i);
+}
+
+bool OpenStoredChunk(const ImageFile &image, uint64_t i, const uint8_t *stored, uint8_t *plain)
+{
+    const ChunkEntry &entry = image.table[i];
+    return HasChunkLength(image, i) && OpenChunk(*image.key, stored, entry.storedLength, entry.nonce, entry.tag, plain);
+}
+
+bool MatchesRecordedHash(const ImageFile &image, uint64_t i, const uint8_t *plain)
+{
+    const ChunkEntry &entry = image.table[i];
+    uint8_t digest[digestBytes] = {};
+    if (!HasChunkLength(image, i)) {
+        return false;
+    }
+    Sha256Buffer(plain, entry.storedLength, digest);
+    return memcmp(digest, entry.hash, digestBytes) == 0;
 }

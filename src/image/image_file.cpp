@@ -8,7 +8,7 @@
 
 #include "cli/console.h"
 #include "crypto/password.h"
-#include "disk/physical_disk.h"
+#include "disk/transfer.h"
 #include "image/image_path.h"
 
 #include <cstdio>
@@ -16,7 +16,7 @@
 
 static constexpr int32_t deepestImage = 64;
 
-static HANDLE OpenFile(const std::string &path)
+static HANDLE OpenImageHandle(const std::string &path)
 {
     const HANDLE file = CreateFileW(WidenPath(path).c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
                                     FILE_ATTRIBUTE_NORMAL, nullptr);
@@ -128,7 +128,7 @@ ImageFile OpenImage(const std::string &path, const std::string &passwordFile, in
         Fatal("image chain is too deep (or loops back on itself)", 0);
     }
     ImageFile image;
-    image.file = OpenFile(path);
+    image.file = OpenImageHandle(path);
     ReadHeader(image);
     ReadTable(image);
     image.imageId = ImageIdOf(image.header, image.table);

@@ -39,3 +39,10 @@ void FetchChunk(const ImageFile &image, uint64_t i, uint8_t *out);
 // bytes, which only a damaged table can claim, is read past and leaves the buffer alone, so that the next chunk still
 // follows. False if the file fails or ends first.
 bool ReadNextStoredChunk(const ImageFile &image, uint32_t storedLength, uint8_t *buffer, uint64_t bufferSize);
+
+// Opens stored chunk i of a sealed image, as read by ReadNextStoredChunk, into plain. False if its tag does not match,
+// or if it is not as long as the chunk that it stands for.
+bool OpenStoredChunk(const ImageFile &image, uint64_t i, const uint8_t *stored, uint8_t *plain);
+
+// True if plain is what the entry of stored chunk i has the digest of, and as long as that chunk.
+bool MatchesRecordedHash(const ImageFile &image, uint64_t i, const uint8_t *plain);

@@ -10,6 +10,11 @@ static constexpr uint32_t usualChunkSize = 0x400000;
 static constexpr size_t nameLengthOffset = magicBytes;
 static constexpr size_t nameOffset = nameLengthOffset + sizeof(uint32_t);
 
+bool IsReference(const ChunkEntry &entry)
+{
+    return entry.storedLength == 0;
+}
+
 uint32_t ChunkSizeFor(uint32_t sectorSize)
 {
     if (usualChunkSize % sectorSize == 0) {
@@ -59,7 +64,7 @@ ImageId ImageIdOf(const ImageHeader &header, const ChunkTable &table)
     bytes.reserve(DataStart(table.size()));
     bytes.insert(bytes.end(), headerBytes, headerBytes + sizeof(header));
     bytes.insert(bytes.end(), tableBytes, tableBytes + sizeof(ChunkEntry) * table.size());
-    ImageId imageId;
+    ImageId imageId = {};
     Sha256Buffer(bytes.data(), bytes.size(), imageId.data());
     return imageId;
 }

@@ -38,7 +38,7 @@ struct ImageHeader {
     uint32_t kdfIterations;  // of PBKDF2; 0 in a plain image
 };
 
-// An entry with storedLength 0 is a reference: the base image has the chunk.
+// A StoredEntry has its chunk in this image. A ReferenceEntry, storedLength 0, leaves it to the base image.
 struct ChunkEntry {
     uint64_t diskOffset;       // bytes
     uint32_t storedLength;     // bytes in this image's data area
@@ -61,10 +61,13 @@ static_assert(offsetof(ChunkEntry, nonce) == 44 && offsetof(ChunkEntry, tag) == 
 
 using ChunkTable = ZeroedArray<ChunkEntry>;
 
+// True for a ReferenceEntry.
+bool IsReference(const ChunkEntry &entry);
+
 // SHA-256 over header and table as they stand in the file. A thin image pins its base by it; it is stored nowhere else.
 using ImageId = std::array<uint8_t, digestBytes>;
 
-// Bytes per chunk for a disk of that sector size: 4 MiB, or the next whole number of sectors above it.
+// Bytes per chunk for a disk of that sector size, which is not 0: 4 MiB, or the next whole number of sectors above it.
 uint32_t ChunkSizeFor(uint32_t sectorSize);
 
 // Chunks of a disk of diskSize bytes, the short last one included.

@@ -2,17 +2,16 @@
 #include "image/image_output.h"
 
 #include "cli/console.h"
-#include "disk/physical_disk.h"
+#include "disk/transfer.h"
 #include "image/image_path.h"
 
-HANDLE CreateImageFile(const std::string &path, DWORD disposition, uint64_t chunkCount)
+HANDLE CreateImageFile(const std::string &path, DWORD disposition)
 {
     const HANDLE image =
         CreateFileW(WidenPath(path).c_str(), GENERIC_WRITE, 0, nullptr, disposition, FILE_ATTRIBUTE_NORMAL, nullptr);
     if (image == INVALID_HANDLE_VALUE) {
         Fatal("could not create output image file", 0);
     }
-    SeekTo(image, DataStart(chunkCount));
     return image;
 }
 

@@ -8,10 +8,9 @@
 
 #include <string>
 
-// Creates the file at path for an image of chunkCount chunks, alone, and positions it at its data area. disposition is
-// CREATE_ALWAYS to replace what stands there or CREATE_NEW to refuse it. The handle is the caller's. Fatal on failure;
-// the result of the positioning is not looked at.
-HANDLE CreateImageFile(const std::string &path, DWORD disposition, uint64_t chunkCount);
+// Creates the file at path, alone. disposition is CREATE_ALWAYS to replace what stands there or CREATE_NEW to refuse
+// it. The handle is the caller's, who goes on at DataStart. Fatal on failure.
+HANDLE CreateImageFile(const std::string &path, DWORD disposition);
 
 // Writes header and table to the front of the file. No result of it is looked at: what a reader finds there decides.
 void WriteHeaderAndTable(HANDLE image, const ImageHeader &header, const ChunkTable &table);

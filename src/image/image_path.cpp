@@ -1,5 +1,11 @@
-// Splitting and widening. Both separators count on every system, since images travel between systems.
+// Splitting, widening and resolving. Both separators count on every system, since images travel between systems.
 #include "image/image_path.h"
+
+#include "cli/console.h"
+
+#include <windows.h>
+
+#include <cstdlib>
 
 std::wstring WidenPath(const std::string &path)
 {
@@ -20,4 +26,15 @@ std::string ParentFolder(const std::string &path)
 std::string BareFileName(const std::string &path)
 {
     return path.substr(ParentFolder(path).size());
+}
+
+ResolvedPaths ResolvePaths(const std::string &first, const std::string &second)
+{
+    char firstFull[_MAX_PATH];
+    char secondFull[_MAX_PATH];
+    if (_fullpath(firstFull, first.c_str(), sizeof(firstFull)) == nullptr ||
+        _fullpath(secondFull, second.c_str(), sizeof(secondFull)) == nullptr) {
+        Fatal("could not resolve image paths", 0);
+    }
+    return {firstFull, secondFull};
 }

@@ -10,5 +10,12 @@ std::wstring WidenPath(const std::string &path);
 // path up to and including its last \ or /, or empty when it has neither. A colon is no separator.
 std::string ParentFolder(const std::string &path);
 
+// Two paths made absolute and tidy, without a look at what they name. Fatal if either can't be.
+struct ResolvedPaths {
+    std::string first;
+    std::string second;
+};
+ResolvedPaths ResolvePaths(const std::string &first, const std::string &second);
+
 // What stands behind the ParentFolder of path.
 std::string BareFileName(const std::string &path);

@@ -20,7 +20,7 @@ struct FreeMemory {
 // a moved-from array is empty.
 template <typename Element>
 struct ZeroedArray {
-    static_assert(std::is_trivially_copyable_v<Element>, "zero bytes must be a valid element");
+    static_assert(std::is_trivially_copyable_v<Element>, "elements are plain bytes");
 
     ZeroedArray() = default;
 

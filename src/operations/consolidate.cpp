@@ -8,14 +8,15 @@
 
 #include "cli/console.h"
 #include "crypto/password.h"
-#include "disk/physical_disk.h"
+#include "disk/transfer.h"
 #include "image/image_file.h"
 #include "image/image_output.h"
+#include "image/image_path.h"
 #include "operations/verify.h"
 
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
+#include <optional>
 
 struct ConsolidateRun {
     ImageFile source;
@@ -29,16 +30,11 @@ struct ConsolidateRun {
 
 static void CheckPaths(const std::string &inPath, const std::string &outPath)
 {
-    char inFull[_MAX_PATH];
-    char outFull[_MAX_PATH];
-    if (_fullpath(inFull, inPath.c_str(), sizeof(inFull)) == nullptr ||
-        _fullpath(outFull, outPath.c_str(), sizeof(outFull)) == nullptr) {
-        Fatal("could not resolve image paths", 0);
-    }
-    if (_stricmp(inFull, outFull) == 0) {
+    const auto [inFull, outFull] = ResolvePaths(inPath, outPath);
+    if (_stricmp(inFull.c_str(), outFull.c_str()) == 0) {
         Fatal("--out must differ from --in", 0);
     }
-    if (GetFileAttributesA(outFull) != INVALID_FILE_ATTRIBUTES) {
+    if (GetFileAttributesA(outFull.c_str()) != INVALID_FILE_ATTRIBUTES) {
         Fatal("--out already exists - refusing to overwrite an image", 0);
     }
 }
@@ -107,8 +103,9 @@ void ConsolidateImage(const std::string &inPath, const std::string &outPath, con
     if (encrypt) {
         MakeNewKey(run, passwordFile);
     }
-    run.output = CreateImageFile(outPath, CREATE_NEW, run.header.chunkCount);
+    run.output = CreateImageFile(outPath, CREATE_NEW);
     run.table = ChunkTable(run.header.chunkCount);
+    SeekTo(run.output, DataStart(run.header.chunkCount));
     run.plainBuffer = ZeroedArray<uint8_t>(run.header.chunkSize);
     run.sealedBuffer = ZeroedArray<uint8_t>(run.header.chunkSize);
     ConsolidateChunks(run);

@@ -9,13 +9,13 @@
 
 #include "cli/console.h"
 #include "disk/physical_disk.h"
+#include "disk/transfer.h"
 #include "image/image_file.h"
 
 #include <winioctl.h>
 
 #include <algorithm>
 #include <cstdio>
-#include <cstring>
 
 static constexpr uint32_t leastAlignment = 4096;
 
@@ -63,17 +63,14 @@ static void CompareSizes(int32_t diskNumber, uint64_t targetSize, uint64_t diskS
     }
 }
 
-// The checked plaintext of chunk i, in one of the two buffers.
-static const uint8_t *ReadStoredChunk(RestoreRun &run, uint64_t i, uint32_t length)
+// The checked plaintext of stored chunk i, in one of the two buffers.
+static const uint8_t *ReadStoredChunk(RestoreRun &run, uint64_t i)
 {
-    const ChunkEntry &entry = run.image.table[i];
-    if (!ReadNextStoredChunk(run.image, entry.storedLength, run.readBuffer.data, run.readBuffer.size)) {
+    if (!ReadNextStoredChunk(run.image, run.image.table[i].storedLength, run.readBuffer.data, run.readBuffer.size)) {
         Fatal("could not read chunk data from image - restore aborted, target disk left partially written", 0);
     }
-    const bool lengthMatches = entry.storedLength == length;
     if (run.image.header.encrypted != 0) {
-        if (!lengthMatches || !OpenChunk(*run.image.key, run.readBuffer.data, entry.storedLength, entry.nonce,
-                                         entry.tag, run.plainBuffer.data())) {
+        if (!OpenStoredChunk(run.image, i, run.readBuffer.data, run.plainBuffer.data())) {
             fprintf(stderr,
                     "\nFATAL: chunk %zu failed authentication (corrupt/tampered image) - restore aborted, target disk "
                     "left partially written.\n",
@@ -82,11 +79,7 @@ static const uint8_t *ReadStoredChunk(RestoreRun &run, uint64_t i, uint32_t leng
         }
         return run.plainBuffer.data();
     }
-    uint8_t digest[digestBytes] = {};
-    if (lengthMatches) {
-        Sha256Buffer(run.readBuffer.data, entry.storedLength, digest);
-    }
-    if (!lengthMatches || memcmp(digest, entry.hash, digestBytes) != 0) {
+    if (!MatchesRecordedHash(run.image, i, run.readBuffer.data)) {
         fprintf(stderr,
                 "\nFATAL: chunk %zu hash mismatch (corrupt image) - restore aborted, target disk left partially "
                 "written.\n",
@@ -112,10 +105,10 @@ static void RestoreChunks(RestoreRun &run)
         const ChunkEntry &entry = run.image.table[i];
         const uint32_t length = ChunkLength(run.image.header, i);
         const uint8_t *source = run.readBuffer.data;
-        if (entry.storedLength == 0) {
+        if (IsReference(entry)) {
             FetchChunk(run.image, i, run.readBuffer.data);
         } else {
-            source = ReadStoredChunk(run, i, length);
+            source = ReadStoredChunk(run, i);
         }
         WriteChunk(run.target, entry.diskOffset, source, length);
         if (IsProgressDue(i, run.image.table.size())) {

@@ -10,7 +10,6 @@
 #include "image/image_file.h"
 
 #include <cstdio>
-#include <cstring>
 
 struct VerifyRun {
     ImageFile image;
@@ -19,36 +18,27 @@ struct VerifyRun {
     uint64_t failures = 0;
 };
 
-static void ReportBadChunk(VerifyRun &run, uint64_t i, const char *finding)
-{
-    printf("\n  chunk %zu (disk offset %llu): %s\n", static_cast<size_t>(i),
-           static_cast<unsigned long long>(run.image.table[i].diskOffset), finding);
-    ++run.failures;
-}
-
 // False if a sealed chunk did not open: such a chunk is done with, its progress included.
 static bool VerifyStoredChunk(VerifyRun &run, uint64_t i)
 {
     const ChunkEntry &entry = run.image.table[i];
+    const auto diskOffset = static_cast<unsigned long long>(entry.diskOffset);
+    const uint8_t *plain = run.readBuffer.data;
     if (!ReadNextStoredChunk(run.image, entry.storedLength, run.readBuffer.data, run.readBuffer.size)) {
         Fatal("could not read chunk data - image is truncated", 0);
     }
-    const bool lengthMatches = entry.storedLength == ChunkLength(run.image.header, i);
-    const uint8_t *plain = run.readBuffer.data;
     if (run.image.header.encrypted != 0) {
         plain = run.plainBuffer.data();
-        if (!lengthMatches || !OpenChunk(*run.image.key, run.readBuffer.data, entry.storedLength, entry.nonce,
-                                         entry.tag, run.plainBuffer.data())) {
-            ReportBadChunk(run, i, "AUTHENTICATION FAILED (corrupt or tampered)");
+        if (!OpenStoredChunk(run.image, i, run.readBuffer.data, run.plainBuffer.data())) {
+            printf("\n  chunk %zu (disk offset %llu): AUTHENTICATION FAILED (corrupt or tampered)\n",
+                   static_cast<size_t>(i), diskOffset);
+            ++run.failures;
             return false;
         }
     }
-    uint8_t digest[digestBytes] = {};
-    if (lengthMatches) {
-        Sha256Buffer(plain, entry.storedLength, digest);
-    }
-    if (!lengthMatches || memcmp(digest, entry.hash, digestBytes) != 0) {
-        ReportBadChunk(run, i, "HASH MISMATCH");
+    if (!MatchesRecordedHash(run.image, i, plain)) {
+        printf("\n  chunk %zu (disk offset %llu): HASH MISMATCH\n", static_cast<size_t>(i), diskOffset);
+        ++run.failures;
     }
     return true;
 }
@@ -62,7 +52,7 @@ static void VerifyChunks(VerifyRun &run)
     for (uint64_t i = 0; i < run.image.table.size(); ++i) {
         const ChunkEntry &entry = run.image.table[i];
         uint64_t done = entry.diskOffset;
-        if (entry.storedLength == 0) {
+        if (IsReference(entry)) {
             FetchChunk(run.image, i, run.plainBuffer.data());
             done += ChunkLength(run.image.header, i);
         } else {

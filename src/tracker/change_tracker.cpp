@@ -6,6 +6,7 @@
 #include "tracker/change_tracker.h"
 
 #include <cstring>
+#include <utility>
 
 bool ChangeTracker::Open(uint32_t disk)
 {
@@ -30,9 +31,13 @@ bool ChangeTracker::Query()
     if (first.active == 0 || first.trackedExtent == 0) {
         return false;
     }
-    std::vector<uint8_t> reply(size_t{first.bitmapBytes} + sizeof(first));
-    if (!DeviceIoControl(handle, TrackerQuery, &request, sizeof(request), reply.data(),
-                         static_cast<DWORD>(reply.size()), &bytesReturned, nullptr)) {
+    const uint64_t replyBytes = uint64_t{first.bitmapBytes} + sizeof(first);
+    if (replyBytes > UINT32_MAX) {
+        return false; // no output can take it whole, and a part proves nothing
+    }
+    std::vector<uint8_t> reply(replyBytes);
+    if (!DeviceIoControl(handle, TrackerQuery, &request, sizeof(request), reply.data(), static_cast<DWORD>(replyBytes),
+                         &bytesReturned, nullptr)) {
         return false;
     }
     memcpy(&state.header, reply.data(), sizeof(state.header));
