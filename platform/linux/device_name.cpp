@@ -184,10 +184,8 @@ std::vector<std::string> ListOwnDisks(const std::string &sysRoot)
     std::sort(disks.begin(), disks.end(), [](const OwnDisk &left, const OwnDisk &right) {
         return std::lexicographical_compare(left.order, left.order + 2, right.order, right.order + 2);
     });
-    std::vector<std::string> names;
-    for (const OwnDisk &disk : disks) {
-        names.push_back(disk.name);
-    }
+    std::vector<std::string> names(disks.size());
+    std::transform(disks.begin(), disks.end(), names.begin(), [](const OwnDisk &disk) { return disk.name; });
     return names;
 }
 

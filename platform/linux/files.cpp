@@ -25,9 +25,9 @@
 
 static constexpr DWORD negativeSeek = 131;       // ERROR_NEGATIVE_SEEK
 static constexpr DWORD insufficientBuffer = 122; // ERROR_INSUFFICIENT_BUFFER
-static constexpr uint64_t bounceBytes = 1024 * 1024;
+static constexpr uint64_t bounceBytes = uint64_t{1} << 20;
 static constexpr uint64_t bounceAlignment = 4096;
-static constexpr uint64_t largestTransfer = 1024 * 1024 * 1024; // of one system call
+static constexpr uint64_t largestTransfer = uint64_t{1} << 30; // of one system call
 static const char devicePrefix[] = R"(\\.\)";
 
 // ---- Opening ----

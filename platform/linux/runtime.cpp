@@ -11,7 +11,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-static constexpr size_t hugePageBytes = 2 * 1024 * 1024;
+static constexpr size_t hugePageBytes = size_t{2} << 20;
 
 extern "C" ULONGLONG GetTickCount64(void)
 {

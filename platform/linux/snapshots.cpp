@@ -7,9 +7,10 @@
 #include "port.h"
 #include "raised_condition.h"
 
-#include <vsbackup.h>
 #include <vss.h>
 #include <vswriter.h>
+
+#include <vsbackup.h>
 
 extern "C" HRESULT CoInitializeEx(LPVOID, DWORD)
 {

@@ -16,11 +16,8 @@ static bool LocateVolume(uint32_t diskNumber, VolumeExtent &volume)
     if (handle == INVALID_HANDLE_VALUE) {
         return false;
     }
-    VolumeExtents extents = {};
-    DWORD bytesReturned = 0;
-    const BOOL answered = DeviceIoControl(handle, IOCTL_VOLUME_GET_VOLUME_DISK_EXTENTS, nullptr, 0, &extents,
-                                          sizeof(extents), &bytesReturned, nullptr);
-    CloseHandle(handle);
+    VolumeExtentsReply extents;
+    const BOOL answered = TakeVolumeExtents(handle, &extents);
     const DISK_EXTENT &extent = extents.first.Extents[0];
     if (!answered || extents.first.NumberOfDiskExtents != 1 || extent.DiskNumber != diskNumber) {
         return false;

@@ -9,6 +9,7 @@
 #include "snapshot/snapshot_requester.h"
 
 #include "cli/console.h"
+#include "snapshot/requester_state.h"
 #include "structured_guard.h"
 
 #include <objbase.h>
@@ -17,18 +18,9 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <string_view>
 
-// The backup in progress. There is one, with static storage, because the exit hook has to reach it.
-struct SnapshotRequester {
-    IVssBackupComponents *components; // owned; null when there is none
-    VSS_ID snapshotSetId;
-    std::vector<HANDLE> shadowHandles; // the owner of the shadow devices' handles
-    bool comInitialized;
-    bool snapshotsCreated; // from the finished freeze on: there is something to complete or abort, and to delete
-    bool exitHookRegistered;
-};
-
-static SnapshotRequester requester;
+SnapshotRequester snapshotRequester;
 
 // A volume accepted into the snapshot set.
 struct SnapshotVolume {
@@ -44,7 +36,7 @@ struct Setback {
 
 static constexpr Setback noSetback = {nullptr, S_OK};
 
-static unsigned long Hex(HRESULT value)
+static unsigned long ForPrinting(HRESULT value)
 {
     return static_cast<unsigned long>(static_cast<ULONG>(value));
 }
@@ -72,13 +64,14 @@ static bool WaitForAsync(IVssAsync *async, const char *what)
     if (SUCCEEDED(wait) && SUCCEEDED(queried) && status == VSS_S_ASYNC_FINISHED) {
         return true;
     }
-    printf("    %s did not complete successfully (wait=0x%08lX, status=0x%08lX)\n", what, Hex(wait), Hex(status));
+    printf("    %s did not complete successfully (wait=0x%08lX, status=0x%08lX)\n", what, ForPrinting(wait),
+           ForPrinting(status));
     return false;
 }
 
 static std::vector<ShadowRange> AbandonSnapshots(const char *what, HRESULT value)
 {
-    printf("  --vss: %s (0x%08lX) - reading live instead (crash-consistent only).\n", what, Hex(value));
+    printf("  --vss: %s (0x%08lX) - reading live instead (crash-consistent only).\n", what, ForPrinting(value));
     CloseSnapshots(false);
     return {};
 }
@@ -89,7 +82,7 @@ static Setback StartCom()
     if (FAILED(result)) {
         return {"CoInitializeEx failed", result};
     }
-    requester.comInitialized = true;
+    snapshotRequester.comInitialized = true;
     result = CoInitializeSecurity(nullptr, -1, nullptr, nullptr, RPC_C_AUTHN_LEVEL_PKT_PRIVACY,
                                   RPC_C_IMP_LEVEL_IMPERSONATE, nullptr, EOAC_NONE, nullptr);
     if (FAILED(result) && result != RPC_E_TOO_LATE) {
@@ -100,19 +93,19 @@ static Setback StartCom()
 
 static Setback StartBackup()
 {
-    HRESULT result = CreateBackupComponents(&requester.components);
-    if (FAILED(result) || requester.components == nullptr) {
+    HRESULT result = CreateBackupComponents(&snapshotRequester.components);
+    if (FAILED(result) || snapshotRequester.components == nullptr) {
         return {"VSS is not available here (CreateVssBackupComponents)", result};
     }
-    result = requester.components->InitializeForBackup(nullptr);
+    result = snapshotRequester.components->InitializeForBackup(nullptr);
     if (FAILED(result)) {
         return {"InitializeForBackup failed", result};
     }
-    result = requester.components->SetContext(VSS_CTX_BACKUP);
+    result = snapshotRequester.components->SetContext(VSS_CTX_BACKUP);
     if (FAILED(result)) {
         return {"SetContext failed", result};
     }
-    result = requester.components->SetBackupState(false, true, VSS_BT_COPY, false);
+    result = snapshotRequester.components->SetBackupState(false, true, VSS_BT_COPY, false);
     if (FAILED(result)) {
         return {"SetBackupState failed", result};
     }
@@ -124,11 +117,11 @@ static Setback StartSnapshotSet()
 {
     printf("  --vss: gathering writer metadata...\n");
     IVssAsync *async = nullptr;
-    HRESULT result = requester.components->GatherWriterMetadata(&async);
+    HRESULT result = snapshotRequester.components->GatherWriterMetadata(&async);
     if (FAILED(result) || !WaitForAsync(async, "GatherWriterMetadata")) {
         return {"GatherWriterMetadata failed", result};
     }
-    result = requester.components->StartSnapshotSet(&requester.snapshotSetId);
+    result = snapshotRequester.components->StartSnapshotSet(&snapshotRequester.snapshotSetId);
     if (FAILED(result)) {
         return {"StartSnapshotSet failed", result};
     }
@@ -138,16 +131,16 @@ static Setback StartSnapshotSet()
 static bool AddVolume(VolumeExtent &extent, VSS_ID *snapshotId)
 {
     BOOL supported = FALSE;
-    HRESULT result = requester.components->IsVolumeSupported(GUID_NULL, extent.volumeName.data(), &supported);
+    HRESULT result = snapshotRequester.components->IsVolumeSupported(GUID_NULL, extent.volumeName.data(), &supported);
     if (FAILED(result) || !supported) {
         printf("  --vss: volume %ls can't be snapshotted (removable/unsupported) - it will be read live.\n",
                extent.devicePath.c_str());
         return false;
     }
-    result = requester.components->AddToSnapshotSet(extent.volumeName.data(), GUID_NULL, snapshotId);
+    result = snapshotRequester.components->AddToSnapshotSet(extent.volumeName.data(), GUID_NULL, snapshotId);
     if (FAILED(result)) {
         printf("  --vss: could not add volume %ls to the snapshot set (0x%08lX) - read live.\n",
-               extent.devicePath.c_str(), Hex(result));
+               extent.devicePath.c_str(), ForPrinting(result));
         return false;
     }
     return true;
@@ -171,16 +164,16 @@ static Setback FreezeVolumes()
 {
     printf("  --vss: asking writers to prepare and freeze...\n");
     IVssAsync *async = nullptr;
-    HRESULT result = requester.components->PrepareForBackup(&async);
+    HRESULT result = snapshotRequester.components->PrepareForBackup(&async);
     if (FAILED(result) || !WaitForAsync(async, "PrepareForBackup")) {
         return {"PrepareForBackup failed", result};
     }
     async = nullptr;
-    result = requester.components->DoSnapshotSet(&async);
+    result = snapshotRequester.components->DoSnapshotSet(&async);
     if (FAILED(result) || !WaitForAsync(async, "DoSnapshotSet")) {
         return {"DoSnapshotSet failed", result};
     }
-    requester.snapshotsCreated = true;
+    snapshotRequester.snapshotsCreated = true;
     return noSetback;
 }
 
@@ -192,14 +185,14 @@ static bool ReportWriter(UINT writer)
     BSTR name = nullptr;
     VSS_WRITER_STATE state = VSS_WS_UNKNOWN;
     HRESULT failure = S_OK;
-    if (FAILED(requester.components->GetWriterStatus(writer, &instance, &writerId, &name, &state, &failure))) {
+    if (FAILED(snapshotRequester.components->GetWriterStatus(writer, &instance, &writerId, &name, &state, &failure))) {
         return false;
     }
     const bool failed = state >= VSS_WS_FAILED_AT_IDENTIFY && state <= VSS_WS_FAILED_AT_BACKUPSHUTDOWN;
     if (failed) {
         printf("    WARNING: VSS writer '%ls' failed (state %d, hr=0x%08lX) - that application's data is "
                "crash-consistent only.\n",
-               name != nullptr ? name : L"?", static_cast<int>(state), Hex(failure));
+               name != nullptr ? name : L"?", static_cast<int>(state), ForPrinting(failure));
     }
     SysFreeString(name);
     return failed;
@@ -209,25 +202,26 @@ static bool ReportWriter(UINT writer)
 static void ReportWriterStatus()
 {
     IVssAsync *async = nullptr;
-    if (FAILED(requester.components->GatherWriterStatus(&async)) || !WaitForAsync(async, "GatherWriterStatus")) {
+    if (FAILED(snapshotRequester.components->GatherWriterStatus(&async)) ||
+        !WaitForAsync(async, "GatherWriterStatus")) {
         return;
     }
     UINT writers = 0;
-    if (FAILED(requester.components->GetWriterStatusCount(&writers))) {
+    if (FAILED(snapshotRequester.components->GetWriterStatusCount(&writers))) {
         return;
     }
     unsigned int failed = 0;
     for (UINT writer = 0; writer < writers; ++writer) {
         failed += ReportWriter(writer) ? 1 : 0;
     }
-    requester.components->FreeWriterStatus();
+    snapshotRequester.components->FreeWriterStatus();
     printf("  --vss: %u VSS writer(s) reported, %u failed.\n", writers, failed);
 }
 
 // A device's name as the service gives it is an object path, which opens only through the global root.
 static std::wstring ToShadowDevicePath(const std::wstring &name)
 {
-    static const std::wstring objectPrefix = L"\\Device\\";
+    constexpr std::wstring_view objectPrefix = L"\\Device\\";
     return name.compare(0, objectPrefix.size(), objectPrefix) == 0 ? L"\\\\?\\GLOBALROOT" + name : name;
 }
 
@@ -235,10 +229,10 @@ static std::wstring ToShadowDevicePath(const std::wstring &name)
 static HANDLE OpenShadowDevice(const SnapshotVolume &volume)
 {
     VSS_SNAPSHOT_PROP properties = {};
-    const HRESULT result = requester.components->GetSnapshotProperties(volume.snapshotId, &properties);
+    const HRESULT result = snapshotRequester.components->GetSnapshotProperties(volume.snapshotId, &properties);
     if (FAILED(result)) {
         printf("  --vss: GetSnapshotProperties failed for %ls (0x%08lX) - read live.\n",
-               volume.extent.devicePath.c_str(), Hex(result));
+               volume.extent.devicePath.c_str(), ForPrinting(result));
         return INVALID_HANDLE_VALUE;
     }
     const wchar_t *deviceName = properties.m_pwszSnapshotDeviceObject;
@@ -261,7 +255,7 @@ static std::vector<ShadowRange> OpenShadowDevices(const std::vector<SnapshotVolu
     for (const SnapshotVolume &volume : volumes) {
         const HANDLE shadow = OpenShadowDevice(volume);
         if (shadow != INVALID_HANDLE_VALUE) {
-            requester.shadowHandles.push_back(shadow);
+            snapshotRequester.shadowHandles.push_back(shadow);
             ranges.push_back({volume.extent.diskOffset, volume.extent.diskEnd, shadow});
         }
     }
@@ -272,9 +266,9 @@ static std::vector<ShadowRange> OpenShadowDevices(const std::vector<SnapshotVolu
 
 static void RegisterExitHook()
 {
-    if (!requester.exitHookRegistered) {
+    if (!snapshotRequester.exitHookRegistered) {
         atexit(CloseSnapshotsAtExit);
-        requester.exitHookRegistered = true;
+        snapshotRequester.exitHookRegistered = true;
     }
 }
 
@@ -306,12 +300,12 @@ std::vector<ShadowRange> OpenSnapshots(uint32_t diskNumber)
 static void EndBackup(bool captureSucceeded)
 {
     if (!captureSucceeded) {
-        requester.components->AbortBackup();
+        snapshotRequester.components->AbortBackup();
         return;
     }
     IVssAsync *async = nullptr;
-    if (FAILED(requester.components->BackupComplete(&async))) {
-        requester.components->AbortBackup();
+    if (FAILED(snapshotRequester.components->BackupComplete(&async))) {
+        snapshotRequester.components->AbortBackup();
         return;
     }
     WaitForAsync(async, "BackupComplete");
@@ -321,33 +315,33 @@ static void DeleteSnapshotSet()
 {
     LONG deleted = 0;
     VSS_ID nondeletedId = GUID_NULL;
-    const HRESULT result = requester.components->DeleteSnapshots(requester.snapshotSetId, VSS_OBJECT_SNAPSHOT_SET, TRUE,
-                                                                 &deleted, &nondeletedId);
+    const HRESULT result = snapshotRequester.components->DeleteSnapshots(
+        snapshotRequester.snapshotSetId, VSS_OBJECT_SNAPSHOT_SET, TRUE, &deleted, &nondeletedId);
     if (FAILED(result) && result != VSS_E_OBJECT_NOT_FOUND) {
         printf("  --vss: WARNING: could not delete the snapshot set (0x%08lX) - it is still listed under "
                "Win32_ShadowCopy and must be removed by hand.\n",
-               Hex(result));
+               ForPrinting(result));
     }
 }
 
 void CloseSnapshots(bool captureSucceeded)
 {
-    for (const HANDLE shadow : requester.shadowHandles) {
+    for (const HANDLE shadow : snapshotRequester.shadowHandles) {
         CloseHandle(shadow);
     }
-    requester.shadowHandles.clear();
-    if (requester.components != nullptr) {
-        if (requester.snapshotsCreated) {
+    snapshotRequester.shadowHandles.clear();
+    if (snapshotRequester.components != nullptr) {
+        if (snapshotRequester.snapshotsCreated) {
             EndBackup(captureSucceeded);
             DeleteSnapshotSet();
         }
-        requester.components->Release();
-        requester.components = nullptr;
-        requester.snapshotsCreated = false;
+        snapshotRequester.components->Release();
+        snapshotRequester.components = nullptr;
+        snapshotRequester.snapshotsCreated = false;
     }
-    if (requester.comInitialized) {
+    if (snapshotRequester.comInitialized) {
         CoUninitialize();
-        requester.comInitialized = false;
+        snapshotRequester.comInitialized = false;
     }
 }
 
