@@ -1,0 +1,89 @@
+// The machine that a test of the devices runs on: a folder named devices beside the test program, there while the test
+// runs. No test opens a device without it, so that none can reach the real machine's disks.
+#pragma once
+
+#include "linux_test_machine.h"
+#include "port.h"
+#include "test_files.h"
+
+#include <winioctl.h>
+
+#include <cstdlib>
+
+struct DevicesTest : testing::Test {
+    DevicesTest() : folder(ProgramFolder() + "/devices")
+    {
+        std::filesystem::remove_all(folder);
+        std::filesystem::create_directory(folder);
+        if (FindDevice("PhysicalDrive0").path != folder + "/PhysicalDrive0") {
+            abort(); // the next open would be that of a real disk
+        }
+    }
+
+    ~DevicesTest() override
+    {
+        std::filesystem::remove_all(folder);
+    }
+
+    std::string Device(const std::string &name) const
+    {
+        return folder + "/" + name;
+    }
+
+    std::string folder;
+};
+
+constexpr DWORD poison = 0xDEAD;
+
+inline HANDLE OpenDevice(const std::string &name, DWORD access, DWORD share, DWORD flags)
+{
+    SetPortError(poison);
+    return CreateFileW(Widen("\\\\.\\" + name).c_str(), access, share, nullptr, OPEN_EXISTING, flags, nullptr);
+}
+
+// The three ways in which the program opens a disk.
+inline HANDLE OpenDiskToRead(const std::string &name)
+{
+    return OpenDevice(name, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, FILE_FLAG_NO_BUFFERING);
+}
+
+inline HANDLE OpenDiskToList(const std::string &name)
+{
+    return OpenDevice(name, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, 0);
+}
+
+inline HANDLE OpenDiskToRestore(const std::string &name)
+{
+    return OpenDevice(name, GENERIC_READ | GENERIC_WRITE, 0, FILE_FLAG_NO_BUFFERING);
+}
+
+inline HANDLE OpenVolume(const std::string &name)
+{
+    return OpenDevice(name, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, 0);
+}
+
+// The error number of a failed open; 0, and the handle closed, if it did not fail.
+inline DWORD ErrorOf(HANDLE handle)
+{
+    const DWORD error = GetLastError();
+    if (handle != INVALID_HANDLE_VALUE) {
+        CloseHandle(handle);
+        return ERROR_SUCCESS;
+    }
+    return error;
+}
+
+// A buffer whose address is a multiple of 4096, and places in it that are none.
+struct AlignedBytes {
+    explicit AlignedBytes(size_t size) : bytes(static_cast<char *>(_aligned_malloc(size + 4096, 4096))) {}
+
+    AlignedBytes(const AlignedBytes &) = delete;
+    AlignedBytes &operator=(const AlignedBytes &) = delete;
+
+    ~AlignedBytes()
+    {
+        _aligned_free(bytes);
+    }
+
+    char *bytes;
+};

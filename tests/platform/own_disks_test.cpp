@@ -1,0 +1,205 @@
+// The machine's own disks, out of made-up trees in the shape of the kernel's block layer: which devices are disks, in
+// which order, and on which of them a volume lies.
+#include "port.h"
+#include "test_files.h"
+
+#include <vector>
+
+using Names = std::vector<std::string>;
+
+struct OwnDisksTest : testing::Test {
+    OwnDisksTest()
+    {
+        for (const char *name : {"block", "dev/block", "devices"}) {
+            std::filesystem::create_directories(scratch.path / name);
+        }
+    }
+
+    void WriteLine(const std::filesystem::path &path, const std::string &line) const
+    {
+        WriteBytes(path.string(), line + "\n");
+    }
+
+    // A device in its folder, with the link that leads there from its number.
+    void AddNode(const std::filesystem::path &folder, const std::string &number) const
+    {
+        std::filesystem::create_directories(folder);
+        WriteLine(folder / "dev", number);
+        std::filesystem::create_directory_symlink(folder, scratch.path / "dev/block" / number);
+    }
+
+    // A whole device; sequence may be empty for a kernel that counts none.
+    void AddDisk(const std::string &name, const std::string &number, const std::string &sequence) const
+    {
+        AddNode(Folder(name), number);
+        std::filesystem::create_directory(Folder(name) / "slaves");
+        if (!sequence.empty()) {
+            WriteLine(Folder(name) / "diskseq", sequence);
+        }
+        std::filesystem::create_directory_symlink(Folder(name), scratch.path / "block" / name);
+    }
+
+    void AddPartition(const std::string &disk, const std::string &name, const std::string &number) const
+    {
+        AddNode(Folder(disk) / name, number);
+        WriteLine(Folder(disk) / name / "partition", "1");
+    }
+
+    // upper lies on lower, the path of a device below the folder of all devices.
+    void Stack(const std::string &upper, const std::string &lower) const
+    {
+        const std::filesystem::path target = scratch.path / "devices" / lower;
+        std::filesystem::create_directory_symlink(target, Folder(upper) / "slaves" / target.filename());
+    }
+
+    std::filesystem::path Folder(const std::string &name) const
+    {
+        return scratch.path / "devices" / name;
+    }
+
+    Names List() const
+    {
+        return ListOwnDisks(scratch.path.string());
+    }
+
+    uint32_t DiskHolding(unsigned int majorNumber, unsigned int minorNumber) const
+    {
+        return OwnDiskHolding(scratch.path.string(), majorNumber, minorNumber);
+    }
+
+    ScratchFolder scratch;
+};
+
+TEST_F(OwnDisksTest, AreNumberedInTheOrderOfTheirArrival)
+{
+    AddDisk("sda", "8:0", "10");
+    AddDisk("sdb", "8:16", "9");
+    AddDisk("nvme0n1", "259:0", "2");
+    AddDisk("vda", "252:0", "100");
+    EXPECT_EQ(List(), (Names{"nvme0n1", "sdb", "sda", "vda"}));
+}
+
+TEST_F(OwnDisksTest, ThatComeLaterRenumberNone)
+{
+    AddDisk("sdb", "8:16", "4");
+    AddDisk("sdc", "8:32", "7");
+    const Names before = List();
+    AddDisk("sda", "8:0", "8");
+    EXPECT_EQ(List(), (Names{before[0], before[1], "sda"}));
+}
+
+TEST_F(OwnDisksTest, AreNumberedByDeviceNumberWhereArrivalsAreNotCounted)
+{
+    AddDisk("sda", "8:0", "");
+    AddDisk("sdq", "65:0", "");
+    AddDisk("sdb", "8:16", "");
+    AddDisk("sdl", "8:176", "");
+    AddDisk("hda", "3:0", "");
+    AddDisk("nvme0n1", "259:5", "");
+    EXPECT_EQ(List(), (Names{"hda", "sda", "sdb", "sdl", "sdq", "nvme0n1"}));
+}
+
+TEST_F(OwnDisksTest, AreWholeDisksAlone)
+{
+    const char *names[] = {"loop0", "ram0", "zram0", "dm-0", "md0", "md127", "sr0", "fd0"};
+    int minorNumber = 0;
+    for (const char *name : names) {
+        AddDisk(name, "7:" + std::to_string(minorNumber), std::to_string(1 + minorNumber));
+        ++minorNumber;
+    }
+    AddDisk("sda", "8:0", "50");
+    AddPartition("sda", "sda1", "8:1");
+    AddDisk("mmcblk0", "179:0", "51");
+    AddDisk("cciss!c0d0", "104:0", "52");
+    EXPECT_EQ(List(), (Names{"sda", "mmcblk0", "cciss!c0d0"}));
+}
+
+TEST_F(OwnDisksTest, OfAKernelThatDoesNotCountMayHaveUncountedNeighbours)
+{
+    AddDisk("loop0", "7:0", "");
+    AddDisk("sdb", "8:16", "3");
+    AddDisk("sda", "8:0", "4");
+    EXPECT_EQ(List(), (Names{"sdb", "sda"}));
+}
+
+TEST_F(OwnDisksTest, LeaveOutHiddenPathsOfADiskAndWhatHasNoNode)
+{
+    AddDisk("nvme0n1", "259:0", "1");
+    AddDisk("nvme0c0n1", "259:1", "2");
+    WriteLine(Folder("nvme0c0n1") / "hidden", "1");
+    AddDisk("sda", "8:0", "3");
+    WriteLine(Folder("sda") / "hidden", "0");
+    AddDisk("sdb", "8:16", "4");
+    std::filesystem::remove(Folder("sdb") / "dev");
+    EXPECT_EQ(List(), (Names{"nvme0n1", "sda"}));
+}
+
+TEST_F(OwnDisksTest, MayBeNone)
+{
+    EXPECT_EQ(List(), Names());
+    EXPECT_EQ(ListOwnDisks(scratch.File("missing")), Names());
+    EXPECT_EQ(DiskHolding(8, 0), noDisk);
+}
+
+TEST_F(OwnDisksTest, HoldTheirPartitions)
+{
+    AddDisk("sda", "8:0", "2");
+    AddPartition("sda", "sda1", "8:1");
+    AddPartition("sda", "sda2", "8:2");
+    AddDisk("nvme0n1", "259:0", "1");
+    AddPartition("nvme0n1", "nvme0n1p1", "259:1");
+    EXPECT_EQ(DiskHolding(8, 0), 1U);
+    EXPECT_EQ(DiskHolding(8, 2), 1U);
+    EXPECT_EQ(DiskHolding(259, 1), 0U);
+    EXPECT_EQ(DiskHolding(8, 3), noDisk);
+}
+
+TEST_F(OwnDisksTest, HoldWhatDeviceMapperPutsOnTheirPartitions)
+{
+    AddDisk("sda", "8:0", "1");
+    AddDisk("sdb", "8:16", "2");
+    AddPartition("sdb", "sdb3", "8:19");
+    AddDisk("dm-0", "253:0", "3");
+    AddDisk("dm-1", "253:1", "4");
+    Stack("dm-0", "sdb/sdb3");
+    Stack("dm-1", "dm-0");
+    EXPECT_EQ(DiskHolding(253, 0), 1U);
+    EXPECT_EQ(DiskHolding(253, 1), 1U);
+}
+
+TEST_F(OwnDisksTest, OfAVolumeOverSeveralTheFirstCounts)
+{
+    AddDisk("sda", "8:0", "9");
+    AddDisk("sdb", "8:16", "5");
+    AddDisk("sdc", "8:32", "4");
+    AddPartition("sda", "sda1", "8:1");
+    AddPartition("sdb", "sdb1", "8:17");
+    AddDisk("md0", "9:0", "10");
+    Stack("md0", "sda/sda1");
+    Stack("md0", "sdb/sdb1");
+    EXPECT_EQ(List(), (Names{"sdc", "sdb", "sda"}));
+    EXPECT_EQ(DiskHolding(9, 0), 1U);
+}
+
+TEST_F(OwnDisksTest, DoNotHoldWhatLiesInMemoryOrInAFile)
+{
+    AddDisk("sda", "8:0", "1");
+    AddDisk("loop0", "7:0", "2");
+    AddDisk("zram0", "254:0", "3");
+    AddDisk("dm-0", "253:0", "4");
+    Stack("dm-0", "loop0");
+    EXPECT_EQ(DiskHolding(7, 0), noDisk);
+    EXPECT_EQ(DiskHolding(254, 0), noDisk);
+    EXPECT_EQ(DiskHolding(253, 0), noDisk);
+    EXPECT_EQ(DiskHolding(0, 0), noDisk);
+}
+
+TEST_F(OwnDisksTest, EndTheSearchInATreeThatRunsInACircle)
+{
+    AddDisk("sda", "8:0", "1");
+    AddDisk("dm-0", "253:0", "2");
+    AddDisk("dm-1", "253:1", "3");
+    Stack("dm-0", "dm-1");
+    Stack("dm-1", "dm-0");
+    EXPECT_EQ(DiskHolding(253, 0), noDisk);
+}
