@@ -87,7 +87,6 @@ DWORD WindowsErrorOfTransfer(int systemError, bool isWrite)
     switch (systemError) {
     case EBADF: // the handle is open, but not in this direction
         return ERROR_ACCESS_DENIED;
-    case EIO:
     case ENODATA: // what the block layer says of a bad sector
     case EILSEQ:
     case EBADMSG: // checksums that don't hold

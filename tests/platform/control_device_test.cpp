@@ -32,6 +32,15 @@ static int Listen(const std::string &folder, const std::string &name, int backlo
     return listener;
 }
 
+// The next connection, or -1, and a failed test, if none comes.
+static int Accept(int listener)
+{
+    pollfd waiting = {listener, POLLIN, 0};
+    const bool came = poll(&waiting, 1, 10000) == 1;
+    EXPECT_TRUE(came) << "no connection came";
+    return came ? accept4(listener, nullptr, nullptr, SOCK_CLOEXEC) : -1;
+}
+
 // Everything that arrives until byteCount bytes are there or the other end closes.
 static std::string Receive(int connection, size_t byteCount)
 {
@@ -68,12 +77,10 @@ struct Server {
         pthread_sigmask(SIG_BLOCK, &alarm, &before); // the timers of these tests are for the client
         thread = std::thread([this, serve, connectionCount] {
             for (int i = 0; i < connectionCount; ++i) {
-                pollfd waiting = {listener, POLLIN, 0};
-                if (poll(&waiting, 1, 10000) != 1) {
-                    ADD_FAILURE() << "no connection came";
+                const int connection = Accept(listener);
+                if (connection < 0) {
                     return;
                 }
-                const int connection = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
                 serve(connection, i);
                 close(connection);
             }
@@ -300,9 +307,9 @@ TEST_F(ControlDeviceTest, SignalsDoNotDisturbAnOpenThatHasToWait)
         sigfillset(&all);
         pthread_sigmask(SIG_BLOCK, &all, nullptr);
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        close(accept(listener, nullptr, nullptr));
+        close(Accept(listener));
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        close(accept(listener, nullptr, nullptr));
+        close(Accept(listener));
     });
     {
         const Interruptions interruptions;
@@ -360,7 +367,7 @@ TEST_F(ControlDeviceTest, WithoutASocketOrAServerThereIsNoDevice)
 TEST_F(ControlDeviceTest, ASocketElsewhereIsNoDevice)
 {
     std::filesystem::create_directory(Device("inner"));
-    const int listener = Listen(Device("inner"), "Tallier", 1);
+    const int listener = Listen(Device("inner"), "Tallier", 8);
     for (const char *name : {"inner/Tallier", "inner/../inner/Tallier", "./inner/Tallier"}) {
         EXPECT_EQ(ErrorOf(OpenDevice(name, GENERIC_READ | GENERIC_WRITE, 0, 0)), ERROR_FILE_NOT_FOUND) << name;
     }

@@ -403,8 +403,8 @@ TEST(ErrorNumbers, OfTransfersTellABadSectorFromADeviceThatFails)
         DWORD reading;
         DWORD writing;
     } cases[] = {
-        {EIO, 23, 1117}, {ENODATA, 23, 1117}, {EILSEQ, 23, 1117},  {EBADMSG, 23, 1117},
-        {EBADF, 5, 5},   {ENOSPC, 112, 112},  {ENXIO, 1117, 1117}, {ETIMEDOUT, 1117, 1117},
+        {EIO, 1117, 1117}, {ENODATA, 23, 1117}, {EILSEQ, 23, 1117},  {EBADMSG, 23, 1117},
+        {EBADF, 5, 5},     {ENOSPC, 112, 112},  {ENXIO, 1117, 1117}, {ETIMEDOUT, 1117, 1117},
     };
     for (const auto &known : cases) {
         EXPECT_EQ(WindowsErrorOfTransfer(known.systemError, false), known.reading) << known.systemError;
