@@ -97,10 +97,12 @@ def main():
     parser = argparse.ArgumentParser(description="Run the end-to-end tests of Kestrix.")
     parser.add_argument("names", nargs="*", help="run only tests whose id contains one of these")
     parser.add_argument("--list", action="store_true", help="print the ids of the tests and run none")
+    parser.add_argument("--windows", action="store_true", help="the tests of the Windows program, which run under Wine")
     options = parser.parse_args()
     sys.path.insert(0, HERE)
     sys.dont_write_bytecode = True
-    suite = unittest.TestLoader().discover(HERE, pattern="test_*.py", top_level_dir=HERE)
+    folder = os.path.join(HERE, "windows") if options.windows else HERE
+    suite = unittest.TestLoader().discover(folder, pattern="test_*.py", top_level_dir=folder)
     tests = [test for test in tests_of(suite)
              if not options.names or any(name in test.id() for name in options.names)]
     if options.list:

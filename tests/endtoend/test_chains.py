@@ -299,8 +299,3 @@ class BasesAndProof(BaseTest):
         self.assertIn(RESTORE_COMPLETE.encode(), run.out)
         self.assertTrue(self.disk_bytes(2) == self.new)
         self.assertEqual(self.tracker.connections, connections)
-
-
-if __name__ == "__main__":
-    import unittest
-    unittest.main()
