@@ -1,9 +1,10 @@
 // What the tests of capture share: a machine with one source disk, number 1, captures of it into image.kstx, the lines
 // that every capture prints, and looks at the image that came of it.
 //
-// Last errors are spoiled by every call that succeeds (to 4711), so that a number taken a call too late shows.
+// Last errors are spoiled by every call that succeeds, so that a number taken a call too late shows.
 #pragma once
 
+#include "simulator/expectations.h"
 #include "simulator/images.h"
 #include "simulator/run_command.h"
 
@@ -91,7 +92,7 @@ struct Capturing : testing::Test {
     Capturing()
     {
         UseDisk(TinyDisk());
-        machine.lastErrorAfterSuccess = 4711;
+        machine.lastErrorAfterSuccess = spoiledError;
     }
 
     void UseDisk(const Bytes &bytes)

@@ -130,6 +130,12 @@ TEST_F(FullCapture, FillsTheHeaderFieldByField)
     EXPECT_EQ(Bytes(image.data(), image.data() + 64), expected);
 }
 
+TEST_F(FullCapture, MakesItsTableBehindItsFileAndAheadOfItsBuffers)
+{
+    Capture();
+    ExpectOrder({"CreateFileW image.kstx", "calloc 1 72", "SetFilePointerEx file:image.kstx#1 136", "_aligned_malloc"});
+}
+
 TEST_F(FullCapture, OpensTheImageWithoutSecurityOrTemplate)
 {
     Capture();
@@ -330,12 +336,14 @@ TEST_F(FullCapture, ShowsAGapAndKeepsTheEpoch)
     EXPECT_EQ(Commits(), std::vector<uint64_t>{6});
 }
 
-TEST_F(FullCapture, ShowsNoSecondaryGap)
+TEST_F(FullCapture, ShowsNoSecondaryGapAndKeepsTheEpoch)
 {
     UseTracker();
     machine.tracker->reply.secondaryGap = 1;
     Capture();
     ExpectSuccess(tinySource + "Change tracker: disk 1 epoch 6\n" + tinyProgress + completeLine);
+    ExpectImage(PlanOf(TinyDisk(), 6));
+    EXPECT_EQ(Commits(), std::vector<uint64_t>{6});
 }
 
 TEST_F(FullCapture, PrintsAndCommitsAllBitsOfTheEpochAndStoresTheLow56)

@@ -275,6 +275,17 @@ TEST_F(IncrementalCapture, StoresARewrittenBlockOfEqualContentsInAFullImage)
     EXPECT_TRUE(ReadBytes("image.kstx") == BuildImage(PlanOf(ThreeChunkDisk(), 6)));
 }
 
+TEST_F(IncrementalCapture, OfADiskThatChangedEverywhereStillCountsItsCopies)
+{
+    const Bytes disk = PatternBytes(threeChunkBytes, 99);
+    UseDisk(disk);
+    machine.tracker->reply.bitmap = Bytes(8, 0xFF);
+    CaptureCopying();
+    ExpectSuccess(headLines + provedLine + threeChunkProgress +
+                  "Capture complete: image.kstx (Read from disk: 3, Copied from base: 0 chunks)\n");
+    EXPECT_TRUE(ReadBytes("image.kstx") == BuildImage(PlanOf(disk, 6)));
+}
+
 TEST_F(IncrementalCapture, OfADiskThatChangedEverywhereStillNamesItsBase)
 {
     const Bytes disk = PatternBytes(threeChunkBytes, 99);

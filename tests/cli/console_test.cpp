@@ -127,12 +127,14 @@ TEST(PrintProgress, ShowsPercentMebibytesAndTheMeanSpeed)
         {10 * MiB, 10 * MiB, 4000, "\r  100.00%  10 / 10 MiB  (2.5 MiB/s)   "},
         {1 * MiB, 3 * MiB, 8000, "\r   33.33%  1 / 3 MiB  (0.1 MiB/s)   "},
         {2 * MiB, 3 * MiB, 1, "\r   66.67%  2 / 3 MiB  (0.0 MiB/s)   "},
+        {4 * MiB, 10 * MiB, 4294968296, "\r   40.00%  4 / 10 MiB  (0.0 MiB/s)   "}, // a second more than 32 bits hold
         {0, 5 * MiB, 1000, "\r    0.00%  0 / 5 MiB  (0.0 MiB/s)   "},
         {0, 0, 1000, "\r    0.00%  0 / 0 MiB  (0.0 MiB/s)   "},
         {4 * MiB, 0, 1000, "\r    0.00%  4 / 0 MiB  (4.0 MiB/s)   "},
         {512, 1024, 1000, "\r   50.00%  0 / 0 MiB  (0.0 MiB/s)   "},
         {1048575, 1048576, 1000, "\r  100.00%  0 / 1 MiB  (1.0 MiB/s)   "},
-        {1572864, 1572864, 1000, "\r  100.00%  1 / 1 MiB  (1.5 MiB/s)   "}, // cut to whole MiB, not rounded
+        {1572864, 1572864, 1000, "\r  100.00%  1 / 1 MiB  (1.5 MiB/s)   "},      // cut to whole MiB, not rounded
+        {115 * MiB, 800 * MiB, 0, "\r   14.38%  115 / 800 MiB  (0.0 MiB/s)   "}, // multiplied, then divided
         {2 * MiB, 1 * MiB, 1000, "\r  200.00%  2 / 1 MiB  (2.0 MiB/s)   "},
         {1ULL << 63, 0xFFFFFFFFFFFFFFFF, 2000,
          "\r   50.00%  8796093022208 / 17592186044415 MiB  (4398046511104.0 MiB/s)   "},

@@ -92,8 +92,9 @@ struct Dispatching : testing::Test {
 TEST_F(Dispatching, ShowsTheUsageTextWithoutAKnownCommand)
 {
     ExpectUsage({});
-    for (const char *word : {"", "help", "--help", "Capture", "CAPTURE", "captur", "capturex", "capture ", "list_disks",
-                             "list-disk", "LIST-DISKS", "Verify", "restoreX", "consolidat", "--disk"}) {
+    for (const char *word :
+         {"", "help", "--help", "Capture", "CAPTURE", "captur", "capturex", "capture ", "list_disks", "list-disk",
+          "list-disksx", "LIST-DISKS", "Verify", "verifyx", "restoreX", "consolidat", "consolidatex", "--disk"}) {
         ExpectUsage({word, "--disk", "3", "--in", "a", "--out", "x", "--confirm", "YES"});
         ExpectUsage({word});
     }
@@ -204,6 +205,16 @@ TEST_F(Dispatching, CapturesTheDiskWhoseNumberTheTextBeginsWith)
     }
     EXPECT_EQ(Run({"capture", "--disk", "0", "--out", "x"}).exitStatus, 1); // zero is a number like all others
     EXPECT_EQ(machine.calls.front().object, "disk0");
+}
+
+// Only the listing ends at number 15.
+TEST_F(Dispatching, TakesDiskNumbersBeyondThoseThatAreListed)
+{
+    machine.disks[16].bytes = PatternBytes(64 * KiB, 6);
+    machine.disks[2147483647].bytes = Bytes(64 * KiB);
+    ExpectSuccess({"capture", "--disk", "16", "--out", "image"});
+    ExpectSuccess({"restore", "--in", "image", "--disk", "2147483647", "--confirm", "YES"});
+    EXPECT_EQ(machine.disks[2147483647].bytes, machine.disks[16].bytes);
 }
 
 TEST_F(Dispatching, TakesOptionsInAnyOrderAndAnyCase)

@@ -1,8 +1,9 @@
-// What the tests of the cryptography share: published values written in hexadecimal, and the look of a fatal end.
+// What the tests of the cryptography share: published values, written in hexadecimal.
 //
 // The buffer that is sealed and opened throughout is the submission's own, so that no expected byte is the program's.
 #pragma once
 
+#include "simulator/expectations.h"
 #include "simulator/images.h"
 #include "simulator/run_command.h"
 
@@ -42,12 +43,4 @@ const Bytes gcmPlain = FromHex("d9313225f88406e5a55909c5aff5269a86a7a9531534f7da
 const Bytes gcmCipher = FromHex("522dc1f099567d07f47f37a32a84427d643a8cdcbfe5c0c97598a2bd2555d1aa"
                                 "8cb08e48590dbb3da7b08b1056828838c5f61e6393ba7a0abcc9f662898015ad");
 const std::array<uint8_t, 16> gcmTag = ArrayFromHex<16>("b094dac5d93471bdec1a502270e3cc6c");
-
-inline void ExpectFatal(const RunResult &result, const std::string &errorText)
-{
-    EXPECT_EQ(result.errorText, errorText);
-    EXPECT_EQ(result.outputText, "");
-    EXPECT_EQ(result.exitStatus, 1);
-    EXPECT_FALSE(result.abnormalEnd) << result.abnormalText;
-}
 } // namespace

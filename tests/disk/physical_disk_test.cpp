@@ -4,6 +4,7 @@
 // Last errors are spoiled by every call that succeeds, so that a number taken a call too late shows.
 #include "disk/physical_disk.h"
 
+#include "simulator/expectations.h"
 #include "simulator/images.h"
 #include "simulator/run_command.h"
 
@@ -17,12 +18,10 @@
 
 namespace
 {
-constexpr DWORD spoiled = 4711;
-
 struct PhysicalDisk : testing::Test {
     PhysicalDisk()
     {
-        machine.lastErrorAfterSuccess = spoiled;
+        machine.lastErrorAfterSuccess = spoiledError;
     }
 
     void ExpectDeath(const std::string &errorText)
@@ -103,7 +102,7 @@ TEST_F(PhysicalDisk, MayHaveTheLongestNumber)
 
 TEST_F(PhysicalDisk, ThatDoesNotOpenForReadingShowsOnlyTheNumberOfTheReason)
 {
-    for (const DWORD error : {ERROR_FILE_NOT_FOUND, ERROR_ACCESS_DENIED}) {
+    for (const DWORD error : {DWORD{ERROR_FILE_NOT_FOUND}, DWORD{ERROR_ACCESS_DENIED}}) {
         machine.disks[1].openError = error;
         result = RunCode(machine, [] { OpenDiskForRead(1); });
         ExpectDeath("FATAL: could not open source disk for raw read (run as Administrator?) (GetLastError=" +

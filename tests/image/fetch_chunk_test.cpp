@@ -51,7 +51,7 @@ struct Fetching : SmallImages {
     }
 
     void ExpectFault(const std::string &path, uint64_t i, const std::string &message,
-                     const std::string &passwordFile = "", uint32_t lastError = 4242)
+                     const std::string &passwordFile = "", DWORD lastError = spoiledError)
     {
         Fetch(path, i, passwordFile);
         ExpectFatal(fetchResult, FatalLine(message, lastError));
@@ -104,6 +104,14 @@ TEST_F(Fetching, OpensASealedChunkStraightIntoTheCallersBufferAndHashesThePlaint
         "ReadFile file:bottom.kstx#1 4096 at 280 -> 4096\nBCryptDecrypt key#1 4096\nBCryptHashData hash#2 4096\n");
     EXPECT_EQ(CallsOf(machine, "BCryptHashData").at(0).buffer, out.data());
     EXPECT_NE(CallsOf(machine, "BCryptDecrypt").at(0).buffer, out.data());
+}
+
+TEST_F(Fetching, TakesEveryEncryptedByteButZeroForEncrypted)
+{
+    for (const uint8_t encrypted : Bytes{2, 0x80, 0xFF}) {
+        WriteChanged([encrypted](Bytes &image) { image[36] = encrypted; }, true);
+        ExpectFetches("bad.kstx", 0, ChunkOf(bottom.disk, 0), "pw.txt");
+    }
 }
 
 TEST_F(Fetching, HashesAReferenceOnceAtEveryLevelAndMovesOnlyTheFileThatStoresIt)

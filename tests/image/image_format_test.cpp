@@ -257,7 +257,7 @@ TEST_F(ImageFormat, WidensAPathByteByByteWithItsSign)
 
 TEST_F(ImageFormat, CreatesAnImageAloneAndWritesNothingYet)
 {
-    for (const DWORD disposition : {CREATE_ALWAYS, CREATE_NEW}) {
+    for (const DWORD disposition : {DWORD{CREATE_ALWAYS}, DWORD{CREATE_NEW}}) {
         RunCode(machine, [disposition] { CloseHandle(CreateImageFile("new.kstx", disposition)); });
         EXPECT_EQ(StepsOf(machine), "CreateFileW new.kstx access=0x40000000 share=0x0 disposition=" +
                                         std::to_string(disposition) + " flags=0x80\nCloseHandle file:new.kstx#1\n");

@@ -1,12 +1,12 @@
 // What the tests of opening and fetching share: images of three short chunks, thin ones on top of them, and verbs to
 // open them on a machine.
 //
-// The machine leaves 4242 as last error behind every call that succeeds, so that a fatal line which is no call's
-// failure shows 4242, and one that took a failure's number too late does as well.
+// The machine spoils the last error behind every call that succeeds.
 #pragma once
 
 #include "image/image_file.h"
 
+#include "simulator/expectations.h"
 #include "simulator/images.h"
 #include "simulator/run_command.h"
 
@@ -48,19 +48,6 @@ inline Bytes ChunkOf(const Bytes &disk, uint64_t i)
     return Bytes(disk.data() + start, disk.data() + std::min<uint64_t>(start + smallChunk, disk.size()));
 }
 
-inline void ExpectFatal(const RunResult &result, const std::string &errorText)
-{
-    EXPECT_EQ(result.errorText, errorText);
-    EXPECT_EQ(result.outputText, "");
-    EXPECT_EQ(result.exitStatus, 1);
-    EXPECT_FALSE(result.abnormalEnd) << result.abnormalText;
-}
-
-inline std::string FatalLine(const std::string &message, uint32_t lastError = 4242)
-{
-    return "FATAL: " + message + " (GetLastError=" + std::to_string(lastError) + ")\n";
-}
-
 // The calls on files and the two costly ones of cryptography, a line each, without what came back.
 inline std::string StepsOf(const Machine &machine)
 {
@@ -79,7 +66,7 @@ inline std::string StepsOf(const Machine &machine)
 struct SmallImages : testing::Test {
     SmallImages()
     {
-        machine.lastErrorAfterSuccess = 4242;
+        machine.lastErrorAfterSuccess = spoiledError;
         WriteText("pw.txt", "password");
         WriteText("other.txt", "another");
     }

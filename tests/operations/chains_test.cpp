@@ -31,7 +31,7 @@ struct ReadersOfChains : OperationsTest {
 
     void ForEachChain(const std::function<void(const Chain &chain)> &test)
     {
-        for (const size_t images : {1, 2, 3, 64, 65}) {
+        for (const size_t images : {size_t{1}, size_t{2}, size_t{3}, size_t{64}, size_t{65}}) {
             for (const Mixture &mixture : mixtures) {
                 SCOPED_TRACE(std::to_string(images) + " images, " + mixture.name);
                 test(MakeChain(images, mixture.isSealed));

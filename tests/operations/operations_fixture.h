@@ -3,6 +3,7 @@
 // the texts that all three commands print.
 #pragma once
 
+#include "simulator/expectations.h"
 #include "simulator/images.h"
 #include "simulator/run_command.h"
 
@@ -20,7 +21,6 @@ namespace operations
 {
 constexpr uint32_t chunkBytes = 4096;
 constexpr uint64_t diskBytes = 10240; // two chunks and a half
-constexpr DWORD spoiledError = 4711;  // the last error after a call that succeeded
 constexpr char path[] = "image.kstx";
 
 // Within an entry of the table.
@@ -101,11 +101,6 @@ inline Bytes WithStoredLength(Bytes image, size_t i, uint32_t storedLength)
     }
     StoreInteger(image, EntryAt(i) + storedLengthAt, storedLength, 4);
     return image;
-}
-
-inline std::string FatalLine(const std::string &message, DWORD lastError = spoiledError)
-{
-    return "FATAL: " + message + " (GetLastError=" + std::to_string(lastError) + ")\n";
 }
 
 // The progress line of a run whose clock stands still.

@@ -546,7 +546,7 @@ TEST_F(Restore, StopsWhereTheFileIsCut)
 {
     const Bytes image = Write(SmallPlan());
     for (size_t i = 0; i < 3; ++i) {
-        for (const size_t kept : {0, 2047}) {
+        for (const size_t kept : {size_t{0}, size_t{2047}}) {
             WriteBytes(path,
                        Bytes(image.begin(), image.begin() + static_cast<std::ptrdiff_t>(DataAt(image, i) + kept)));
             ExpectStopped(Run(), SmallPlan().disk, i, FatalLine(readFault));
@@ -586,6 +586,15 @@ TEST_F(Restore, TakesTheTagOfASealedChunkAsSufficient)
         Write(SmallPlan(true));
         FlipByte(path, EntryAt(1) + field);
         ExpectStopped(Run(), SmallPlan().disk, 1, TagLine(1));
+    }
+}
+
+TEST_F(Restore, TakesEveryEncryptedByteButZeroForEncrypted)
+{
+    for (const uint64_t encrypted : {uint64_t{2}, uint64_t{0x80}, uint64_t{0xFF}}) {
+        Write(SmallPlan(true));
+        ChangeFile(path, 36, encrypted, 1);
+        ExpectRestored(Run(), SmallPlan().disk);
     }
 }
 

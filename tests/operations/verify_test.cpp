@@ -187,7 +187,7 @@ TEST_F(Verify, TakesEveryNonZeroMarkForSealed)
 
 TEST_F(Verify, ShowsProgressAtEvery32ndChunkAndAtTheLast)
 {
-    for (const size_t chunks : {1, 32, 33, 34, 70}) {
+    for (const size_t chunks : {size_t{1}, size_t{32}, size_t{33}, size_t{34}, size_t{70}}) {
         ImagePlan plan = SmallPlan();
         plan.chunkSize = 512;
         plan.disk = PatternBytes(chunks * 512, 2);

@@ -171,7 +171,7 @@ TEST_F(LinuxFilesTest, ARunningProgramIsInUse)
     EXPECT_EQ(BytesOf(program), BytesOf("/bin/sleep"));
 }
 
-TEST_F(LinuxFilesTest, BytesThatCannotBeReadAreAReadFault)
+TEST_F(LinuxFilesTest, BytesThatCannotBeReadAreAnIoFault)
 {
     // A process has nothing at address 0, which is the only unreadable byte that needs no broken disk.
     const OwnedHandle memory(OpenToRead("/proc/self/mem"));
@@ -179,7 +179,7 @@ TEST_F(LinuxFilesTest, BytesThatCannotBeReadAreAReadFault)
     DWORD moved = 1;
     SetPortError(poison);
     EXPECT_FALSE(ReadFile(memory.handle, &byte, 1, &moved, nullptr));
-    EXPECT_EQ(GetLastError(), ERROR_CRC);
+    EXPECT_EQ(GetLastError(), ERROR_IO_DEVICE);
     EXPECT_EQ(moved, 0U);
 }
 

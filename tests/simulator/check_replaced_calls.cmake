@@ -1,11 +1,11 @@
-# Fails if the program uses a call of the port that the tests would not catch.
+# Fails if the program uses a call of the platform that the tests would not catch.
 #
-#   cmake -DNM=... -DLIST=replaced_calls.txt -DPROGRAM=objects -DPORT=objects -P check_replaced_calls.cmake
+#   cmake -DNM=... -DLIST=replaced_calls.txt -DPROGRAM=objects -DPLATFORM=objects -P check_replaced_calls.cmake
 #
-# The objects are separated by commas.
+# The objects are separated by commas; those of the platform are the port's, or on Windows the system's libraries.
 cmake_minimum_required(VERSION 3.25)
 
-# What stays real although the port holds it: a comparison of two strings, which can't fail; and the guard around the
+# What stays real although the platform holds it: a comparison of two strings, which can't fail; and the guard around the
 # making of the backup components, whose own call is caught.
 set(passedOn _stricmp)
 set(passedOnPattern "CreateBackupComponentsGuarded")
@@ -17,7 +17,9 @@ function(symbols result filter objects)
   set(names "")
   foreach(line IN LISTS lines)
     if(line MATCHES "^([^ ]+) [A-Za-z]")
-      list(APPEND names ${CMAKE_MATCH_1})
+      # An import pointer is named after its function.
+      string(REGEX REPLACE "^__imp_" "" name ${CMAKE_MATCH_1})
+      list(APPEND names ${name})
     endif()
   endforeach()
   list(REMOVE_DUPLICATES names)
@@ -25,7 +27,7 @@ function(symbols result filter objects)
 endfunction()
 
 symbols(used --undefined-only "${PROGRAM}")
-symbols(held "--defined-only;--extern-only" "${PORT}")
+symbols(held "--defined-only;--extern-only" "${PLATFORM}")
 file(STRINGS ${LIST} caught REGEX "^[^#]")
 
 set(checked 0)

@@ -1,15 +1,18 @@
 // How the simulator stands between the program and the platform at link time.
 //
-// The linker turns every use of NAME into REPLACEMENT(NAME), which replaced_calls.cpp defines, and REAL(NAME) into the
-// platform's own. The list of names stands in replaced_calls.txt.
+// The link turns every use of NAME into REPLACEMENT(NAME), which replaced_calls.cpp defines, and REAL(NAME) into the
+// platform's own: on Linux the linker's wrapping of symbols does both, on Windows what windows_libraries.cmake
+// arranges. The list of names stands in replaced_calls.txt.
 #pragma once
 
-#include <bcrypt.h>
 #include <windows.h>
 
-#include <vsbackup.h>
+#include <bcrypt.h>
+
 #include <vss.h>
 #include <vswriter.h>
+
+#include <vsbackup.h>
 
 #include <cstdio>
 #include <cstdlib>

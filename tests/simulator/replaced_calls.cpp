@@ -11,6 +11,8 @@
 
 namespace
 {
+constexpr uint32_t bufferTooSmall = 0xC0000023U; // STATUS_BUFFER_TOO_SMALL
+
 // The open object behind a handle. Something that the run didn't make passes as "outside"; a handle that is no more, or
 // never was one, is a misuse and gives null.
 Object *Held(void *key, Kind kind, std::string *name)
@@ -49,6 +51,16 @@ Outcome BadHandle(const Call &call)
     AddMisuse(call, "no open handle");
     const bool isCryptography = call.name.compare(0, 6, "BCrypt") == 0;
     return {false, isCryptography ? 0xC0000008U : ERROR_INVALID_HANDLE, ""};
+}
+
+// Whether memory of that length can hold what is made from the provider. Not every platform beneath looks.
+bool HasRoomForObject(BCRYPT_ALG_HANDLE provider, ULONG objectLength)
+{
+    ULONG neededLength = 0;
+    ULONG count = 0;
+    REAL(BCryptGetProperty)
+    (provider, BCRYPT_OBJECT_LENGTH, reinterpret_cast<PUCHAR>(&neededLength), sizeof(neededLength), &count, 0);
+    return objectLength >= neededLength;
 }
 
 std::vector<uint8_t> BytesAt(const void *start, size_t count)
@@ -111,8 +123,8 @@ HANDLE REPLACEMENT(CreateFileW)(LPCWSTR fileName, DWORD access, DWORD share, LPS
     const std::string path = Narrow(fileName);
     const bool isDevice = IsDevicePath(path);
     Call call = MakeCall("CreateFileW", isDevice ? DeviceObjectName(path) : "file:" + StablePath(path));
-    call.text = StablePath(path) +
-                Text(" access=0x%08X share=0x%X disposition=%u flags=0x%X", access, share, disposition, flags);
+    call.text = StablePath(path) + Text(" access=0x%08X share=0x%X disposition=%u flags=0x%X", Unsigned(access),
+                                        Unsigned(share), Unsigned(disposition), Unsigned(flags));
     call.fields = {{"access", access}, {"share", share}, {"disposition", disposition}, {"flags", flags}};
     call.fields["security"] = security != nullptr;
     call.fields["template"] = templateFile != nullptr;
@@ -220,7 +232,7 @@ BOOL REPLACEMENT(SetFilePointerEx)(HANDLE file, LARGE_INTEGER distance, PLARGE_I
     Object *object = Held(file, Kind::File, &name);
     Call call = MakeCall("SetFilePointerEx", name, std::to_string(distance.QuadPart));
     if (method != FILE_BEGIN) {
-        call.text += Text(" method=%u", method);
+        call.text += Text(" method=%u", Unsigned(method));
     }
     call.fields = {{"offset", static_cast<uint64_t>(distance.QuadPart)}, {"method", method}};
     call.fields["newPosition"] = newPosition != nullptr;
@@ -279,7 +291,7 @@ DWORD REPLACEMENT(GetFileAttributesA)(LPCSTR path)
     const Outcome outcome = Perform(call, [&](uint64_t) {
         attributes = REAL(GetFileAttributesA)(path);
         Outcome real = FromReal(attributes != INVALID_FILE_ATTRIBUTES ? TRUE : FALSE);
-        real.result = real.succeeded ? Text("0x%X", attributes) : "";
+        real.result = real.succeeded ? Text("0x%X", Unsigned(attributes)) : "";
         return real;
     });
     return outcome.succeeded ? attributes : INVALID_FILE_ATTRIBUTES;
@@ -304,8 +316,9 @@ BOOL REPLACEMENT(DeviceIoControl)(HANDLE device, DWORD controlCode, LPVOID input
     const InSimulator inside;
     std::string name;
     Object *object = Held(device, Kind::File, &name);
-    Call call = MakeCall("DeviceIoControl", name,
-                         Text("code=0x%08X input=%u output=%u", controlCode, inputLength, outputLength));
+    Call call = MakeCall(
+        "DeviceIoControl", name,
+        Text("code=0x%08X input=%u output=%u", Unsigned(controlCode), Unsigned(inputLength), Unsigned(outputLength)));
     call.fields = {{"code", controlCode}, {"inputLength", inputLength}, {"outputLength", outputLength}};
     call.fields["count"] = bytesReturned != nullptr;
     call.fields["overlapped"] = overlapped != nullptr;
@@ -400,7 +413,7 @@ NTSTATUS REPLACEMENT(BCryptOpenAlgorithmProvider)(BCRYPT_ALG_HANDLE *algorithm, 
     }
     const InSimulator inside;
     std::string name = Narrow(id);
-    Call call = MakeCall("BCryptOpenAlgorithmProvider", "", name + Text(" flags=0x%X", flags));
+    Call call = MakeCall("BCryptOpenAlgorithmProvider", "", name + Text(" flags=0x%X", Unsigned(flags)));
     std::transform(name.begin(), name.end(), name.begin(), [](char c) { return static_cast<char>(tolower(c)); });
     call.object = (flags & BCRYPT_ALG_HANDLE_HMAC_FLAG) != 0 ? "hmac-" + name : name;
     call.fields = {{"flags", flags}, {"implementation", implementation != nullptr}};
@@ -441,7 +454,7 @@ NTSTATUS REPLACEMENT(BCryptSetProperty)(BCRYPT_HANDLE object, LPCWSTR property, 
     const InSimulator inside;
     std::string name;
     Object *held = Held(object, Kind::Provider, &name);
-    Call call = MakeCall("BCryptSetProperty", name, Narrow(property) + Text(" %u", inputLength));
+    Call call = MakeCall("BCryptSetProperty", name, Narrow(property) + Text(" %u", Unsigned(inputLength)));
     call.input = BytesAt(input, inputLength);
     call.fields = {{"length", inputLength}, {"flags", flags}};
     return StatusOf(Perform(call, [&](uint64_t) {
@@ -459,7 +472,7 @@ NTSTATUS REPLACEMENT(BCryptGetProperty)(BCRYPT_HANDLE object, LPCWSTR property, 
     const InSimulator inside;
     std::string name;
     Object *held = Held(object, Kind::Provider, &name);
-    Call call = MakeCall("BCryptGetProperty", name, Narrow(property) + Text(" %u", outputLength));
+    Call call = MakeCall("BCryptGetProperty", name, Narrow(property) + Text(" %u", Unsigned(outputLength)));
     NoteBuffer(call, output, outputLength);
     call.fields["flags"] = flags;
     return StatusOf(Perform(call, [&](uint64_t) {
@@ -486,6 +499,9 @@ NTSTATUS REPLACEMENT(BCryptCreateHash)(BCRYPT_ALG_HANDLE algorithm, BCRYPT_HASH_
     const Outcome outcome = Perform(call, [&](uint64_t) {
         if (provider == nullptr) {
             return BadHandle(call);
+        }
+        if (!HasRoomForObject(provider->real, hashObjectLength)) {
+            return Outcome{false, bufferTooSmall, ""};
         }
         Object made = {};
         made.kind = Kind::Hash;
@@ -562,8 +578,8 @@ NTSTATUS REPLACEMENT(BCryptDeriveKeyPBKDF2)(BCRYPT_ALG_HANDLE prf, PUCHAR passwo
     std::string name;
     Object *held = Held(prf, Kind::Provider, &name);
     Call call = MakeCall("BCryptDeriveKeyPBKDF2", name,
-                         Text("password=%u salt=%u iterations=%llu length=%u", passwordLength, saltLength, iterations,
-                              derivedKeyLength));
+                         Text("password=%u salt=%u iterations=%llu length=%u", Unsigned(passwordLength),
+                              Unsigned(saltLength), iterations, Unsigned(derivedKeyLength)));
     NoteBuffer(call, derivedKey, derivedKeyLength);
     call.fields["passwordLength"] = passwordLength;
     call.fields["saltLength"] = saltLength;
@@ -588,7 +604,7 @@ NTSTATUS REPLACEMENT(BCryptGenerateSymmetricKey)(BCRYPT_ALG_HANDLE algorithm, BC
     const InSimulator inside;
     std::string name;
     Object *provider = Held(algorithm, Kind::Provider, &name);
-    Call call = MakeCall("BCryptGenerateSymmetricKey", name, Text("secret=%u", secretLength));
+    Call call = MakeCall("BCryptGenerateSymmetricKey", name, Text("secret=%u", Unsigned(secretLength)));
     NoteBuffer(call, keyObject, keyObjectLength);
     call.fields["secretLength"] = secretLength;
     call.fields["flags"] = flags;
@@ -596,6 +612,9 @@ NTSTATUS REPLACEMENT(BCryptGenerateSymmetricKey)(BCRYPT_ALG_HANDLE algorithm, BC
     const Outcome outcome = Perform(call, [&](uint64_t) {
         if (provider == nullptr) {
             return BadHandle(call);
+        }
+        if (!HasRoomForObject(provider->real, keyObjectLength)) {
+            return Outcome{false, bufferTooSmall, ""};
         }
         Object made = {};
         made.kind = Kind::Key;

@@ -3,12 +3,11 @@
 
 #include "cli/dispatch.h"
 #include "simulator/running.h"
+#include "simulator/system_beneath.h"
 #include "snapshot/requester_state.h"
 
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <sys/mman.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -16,6 +15,7 @@
 #include <exception>
 #include <filesystem>
 #include <new>
+#include <random>
 #include <stdexcept>
 #include <system_error>
 
@@ -41,10 +41,15 @@ void Check(bool succeeded, const char *what)
 
 std::string TextFrom(const CaughtStream &caught, size_t start)
 {
-    const off_t end = lseek(caught.memory, 0, SEEK_END);
+    // The position is the stream's too; what was read to its end leaves it where the stream goes on.
+    const auto end = lseek(caught.memory, 0, SEEK_END);
     std::string text(static_cast<size_t>(end) - start, '\0');
-    const ssize_t count = pread(caught.memory, text.data(), text.size(), static_cast<off_t>(start));
-    Check(count == static_cast<ssize_t>(text.size()), "reading a caught stream");
+    Check(lseek(caught.memory, static_cast<off_t>(start), SEEK_SET) >= 0, "reading a caught stream");
+    for (size_t done = 0; done < text.size();) {
+        const auto count = read(caught.memory, text.data() + done, static_cast<unsigned>(text.size() - done));
+        Check(count > 0, "reading a caught stream");
+        done += static_cast<size_t>(count);
+    }
     return text;
 }
 
@@ -123,8 +128,8 @@ void BeginStreams()
     for (CaughtStream &caught : caughtStreams) {
         fflush(caught.stream);
         caught.seen = 0;
-        caught.memory = memfd_create(caught.name, MFD_CLOEXEC);
-        Check(caught.memory >= 0, "memfd_create");
+        caught.memory = OpenCapture(caught.name);
+        Check(caught.memory >= 0, "opening a file for a stream");
         caught.original = dup(fileno(caught.stream));
         Check(caught.original >= 0 && dup2(caught.memory, fileno(caught.stream)) >= 0, "redirecting a stream");
     }
@@ -178,12 +183,14 @@ RunResult RunCode(Machine &machine, const std::function<void()> &body)
 
 Scratch::Scratch()
 {
-    std::string pattern = (std::filesystem::temp_directory_path() / "kestrix-test-XXXXXX").string();
-    Check(mkdtemp(pattern.data()) != nullptr, "making a scratch folder");
-    folder = std::filesystem::canonical(pattern).string();
+    std::random_device random;
+    const std::string name = "kestrix-test-" + std::to_string(random()) + std::to_string(random());
+    const std::filesystem::path made = std::filesystem::temp_directory_path() / name;
+    Check(std::filesystem::create_directory(made), "making a scratch folder");
+    folder = std::filesystem::canonical(made).string();
     previousFolder = std::filesystem::current_path().string();
     std::filesystem::current_path(folder);
-    scratchFolder = folder + "/";
+    scratchFolder = Path("");
 }
 
 Scratch::~Scratch()
@@ -196,7 +203,7 @@ Scratch::~Scratch()
 
 std::string Scratch::Path(const std::string &name) const
 {
-    return folder + "/" + name;
+    return (std::filesystem::path(folder) / name).make_preferred().string();
 }
 
 // The program's operator new, so that a test can make any allocation fail.

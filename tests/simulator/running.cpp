@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdarg>
 #include <exception>
+#include <filesystem>
 #include <set>
 
 Running *running = nullptr;
@@ -264,7 +265,7 @@ Call MakeCall(const char *name, const std::string &object, const std::string &ar
 std::string StablePath(const std::string &path)
 {
     const bool isInside = !scratchFolder.empty() && path.compare(0, scratchFolder.size(), scratchFolder) == 0;
-    return isInside ? path.substr(scratchFolder.size()) : path;
+    return isInside ? std::filesystem::path(path.substr(scratchFolder.size())).generic_string() : path;
 }
 
 std::string Narrow(const wchar_t *text)

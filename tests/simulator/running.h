@@ -104,11 +104,20 @@ void BeginStreams();
 void LogOutput();
 void EndStreams(std::string *outputText, std::string *errorText);
 
-// The path as it goes into the log: without the scratch folder.
+// The path as it goes into the log: without the scratch folder, and then with slashes.
 std::string StablePath(const std::string &path);
 std::string Narrow(const wchar_t *text); // unit by unit
 uint64_t AlignmentOf(const void *buffer);
 std::string Text(const char *format, ...) __attribute__((format(printf, 1, 2)));
+// A DWORD or a LONG for Text: of that width on every system, but not everywhere of the type that %u and %d take.
+constexpr unsigned Unsigned(DWORD value)
+{
+    return static_cast<unsigned>(value);
+}
+constexpr int Signed(LONG value)
+{
+    return static_cast<int>(value);
+}
 
 // The devices of the machine, as the calls of replaced_calls.cpp see them.
 bool IsDevicePath(const std::string &path);

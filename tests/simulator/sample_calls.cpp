@@ -1,13 +1,15 @@
 // Calls the published API as any program would; see the header.
 #include "simulator/sample_calls.h"
 
-#include <bcrypt.h>
 #include <windows.h>
+
+#include <bcrypt.h>
 #include <winioctl.h>
 
-#include <vsbackup.h>
 #include <vss.h>
 #include <vswriter.h>
+
+#include <vsbackup.h>
 
 #include <cstdlib>
 
@@ -63,7 +65,7 @@ void SealSomething()
     UCHAR tag[16] = {};
     ULONG length = 0;
     ULONG count = 0;
-    char16_t mode[] = BCRYPT_CHAIN_MODE_GCM;
+    const auto *mode = reinterpret_cast<const UCHAR *>(BCRYPT_CHAIN_MODE_GCM);
     BCRYPT_KEY_HANDLE key = nullptr;
     BCRYPT_AUTHENTICATED_CIPHER_MODE_INFO info = {};
     info.cbSize = sizeof(info);
@@ -73,7 +75,7 @@ void SealSomething()
     info.pbTag = tag;
     info.cbTag = sizeof(tag);
     const BCRYPT_ALG_HANDLE provider = OpenProvider(BCRYPT_AES_ALGORITHM);
-    BCryptSetProperty(provider, BCRYPT_CHAINING_MODE, reinterpret_cast<PUCHAR>(mode), sizeof(mode), 0);
+    BCryptSetProperty(provider, BCRYPT_CHAINING_MODE, const_cast<PUCHAR>(mode), sizeof(BCRYPT_CHAIN_MODE_GCM), 0);
     BCryptGetProperty(provider, BCRYPT_OBJECT_LENGTH, reinterpret_cast<PUCHAR>(&length), sizeof(length), &count, 0);
     BCryptGenerateSymmetricKey(provider, &key, memory, length, secret, sizeof(secret), 0);
     BCryptEncrypt(key, plain, sizeof(plain), &info, nullptr, 0, cipher, sizeof(cipher), &count, 0);

@@ -2,6 +2,7 @@
 #include "simulator/images.h"
 #include "simulator/run_command.h"
 #include "simulator/sample_calls.h"
+#include "simulator/system_beneath.h"
 
 #include <bcrypt.h>
 #include <winioctl.h>
@@ -70,12 +71,6 @@ BOOL AskTracker(HANDLE tracker, DWORD code, Bytes request, Bytes *output)
 HANDLE OpenTracker()
 {
     return OpenDisk(L"\\\\.\\Tallier", GENERIC_READ | GENERIC_WRITE, 0);
-}
-
-size_t OpenDescriptors()
-{
-    const std::filesystem::directory_iterator all("/proc/self/fd");
-    return static_cast<size_t>(std::distance(all, std::filesystem::directory_iterator()));
 }
 
 std::string hooksRun;

@@ -5,8 +5,8 @@
 // release is a line among the misuses and not a crash; strings and records that were freed are filled with '#'.
 #include "simulator/real_calls.h"
 #include "simulator/running.h"
-
-#include "linux/raised_condition.h"
+#include "simulator/system_beneath.h"
+#include "simulator/uncalled_operations.h"
 
 #include <algorithm>
 #include <cstring>
@@ -208,9 +208,9 @@ struct Counted {
     }
 };
 
-// The classes say what the program calls and no more; where the published interface has more operations, they belong
-// into these classes too.
-struct FakeAsync final : Counted, IVssAsync {
+// The classes say what the program calls and no more; the rest of the published interfaces stands in
+// uncalled_operations.h.
+struct FakeAsync final : Counted, AsyncToComplete {
     AsyncEnd end;
     std::function<void()> completion; // what the operation brings about
     bool isOver = false;
@@ -218,7 +218,7 @@ struct FakeAsync final : Counted, IVssAsync {
     HRESULT Wait(DWORD milliseconds) override
     {
         const InSimulator inside;
-        Call call = MakeCall("Wait", name, Text("0x%08X", milliseconds));
+        Call call = MakeCall("Wait", name, Text("0x%08X", Unsigned(milliseconds)));
         call.fields["milliseconds"] = milliseconds;
         return AnswerIfUsable(call, [&](const ServiceAnswer &) {
             if (IsFailure(end.wait)) {
@@ -258,7 +258,7 @@ struct FakeAsync final : Counted, IVssAsync {
     }
 };
 
-struct FakeComponents final : Counted, IVssBackupComponents {
+struct FakeComponents final : Counted, ComponentsToComplete {
     bool isInitialized = false;
     bool isContextSet = false;
     bool isStateSet = false;
@@ -326,8 +326,8 @@ struct FakeComponents final : Counted, IVssBackupComponents {
         return Step(call, !isInitialized, [&] { isInitialized = true; });
     }
 
-    HRESULT SetBackupState(bool selectComponents, bool bootableSystemState, VSS_BACKUP_TYPE backupType,
-                           bool partialFileSupport) override
+    HRESULT SetBackupState(ServiceFlag selectComponents, ServiceFlag bootableSystemState, VSS_BACKUP_TYPE backupType,
+                           ServiceFlag partialFileSupport) override
     {
         const InSimulator inside;
         const Call call = MakeCall("SetBackupState", name,
@@ -487,10 +487,10 @@ struct FakeComponents final : Counted, IVssBackupComponents {
                             VSS_ID *nondeletedId) override
     {
         const InSimulator inside;
-        const Call call =
-            MakeCall("DeleteSnapshots", name,
-                     NameOf(sourceId) + Text(" type=%d force=%d preset=%d,", sourceType, forceDelete, *deleted) +
-                         NameOf(*nondeletedId));
+        const Call call = MakeCall("DeleteSnapshots", name,
+                                   NameOf(sourceId) +
+                                       Text(" type=%d force=%d preset=%d,", sourceType, forceDelete, Signed(*deleted)) +
+                                       NameOf(*nondeletedId));
         return AnswerIfUsable(call, [&](const ServiceAnswer &answer) {
             const size_t number = NumberOf(sourceId, setMark);
             if (sourceType != VSS_OBJECT_SNAPSHOT_SET) {
@@ -590,7 +590,7 @@ const char *NullOr(const void *pointer)
 // What creating the backup components raises on this machine, if anything.
 std::optional<uint32_t> RaisedAtCreation()
 {
-    return Service() != nullptr ? Service()->raises : std::optional<uint32_t>(moduleNotFoundCondition);
+    return Service() != nullptr ? Service()->raises : std::optional<uint32_t>(libraryIsMissing);
 }
 
 Outcome CreateComponents(const ServiceAnswer &answer, IVssBackupComponents **components)
@@ -687,8 +687,9 @@ HRESULT REPLACEMENT(CoInitializeEx)(LPVOID reserved, DWORD model)
         return CurrentMode() == Mode::Dead ? static_cast<HRESULT>(unexpected) : REAL(CoInitializeEx)(reserved, model);
     }
     const InSimulator inside;
-    const HRESULT result = Answer(MakeCall("CoInitializeEx", "", Text("%s model=%u", NullOr(reserved), model)),
-                                  [](const ServiceAnswer &answer) { return Success(answer.result); });
+    const HRESULT result =
+        Answer(MakeCall("CoInitializeEx", "", Text("%s model=%u", NullOr(reserved), Unsigned(model))),
+               [](const ServiceAnswer &answer) { return Success(answer.result); });
     state->comDepth += SUCCEEDED(result) ? 1 : 0;
     return result;
 }
@@ -705,12 +706,12 @@ HRESULT REPLACEMENT(CoInitializeSecurity)(PSECURITY_DESCRIPTOR descriptor, LONG 
                                                 impersonationLevel, authenticationList, capabilities, reserved3);
     }
     const InSimulator inside;
-    const Call call =
-        MakeCall("CoInitializeSecurity", "",
-                 Text("descriptor=%s services=%d,%s reserved=%s,%s authentication=%u impersonation=%u "
-                      "list=%s capabilities=%u",
-                      NullOr(descriptor), serviceCount, NullOr(services), NullOr(reserved1), NullOr(reserved3),
-                      authenticationLevel, impersonationLevel, NullOr(authenticationList), capabilities));
+    const Call call = MakeCall("CoInitializeSecurity", "",
+                               Text("descriptor=%s services=%d,%s reserved=%s,%s authentication=%u impersonation=%u "
+                                    "list=%s capabilities=%u",
+                                    NullOr(descriptor), Signed(serviceCount), NullOr(services), NullOr(reserved1),
+                                    NullOr(reserved3), Unsigned(authenticationLevel), Unsigned(impersonationLevel),
+                                    NullOr(authenticationList), Unsigned(capabilities)));
     return Answer(call, [&](const ServiceAnswer &answer) {
         if (state->comDepth == 0) {
             AddMisuse(call, "COM is not up");
@@ -788,7 +789,7 @@ HRESULT REPLACEMENT(CreateVssBackupComponentsInternal)(IVssBackupComponents **co
         });
     }
     if (raised) {
-        throw RaisedCondition{*raised};
+        RaiseCondition(*raised);
     }
     if (FAILED(result)) {
         *components = nullptr;

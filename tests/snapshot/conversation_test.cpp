@@ -346,6 +346,19 @@ TEST_F(SnapshotConversation, RegistersItsExitHookOnceAndBeforeAnythingElse)
     EXPECT_EQ(machine.leaks, std::vector<std::string>());
 }
 
+TEST_F(SnapshotConversation, ForgetsAtItsEndThatThereWereSnapshots)
+{
+    FailCall(machine, "DoSnapshotSet", 2, 0x80042301);
+    RunCode(machine, [] {
+        OpenSnapshots(1);
+        CloseSnapshots(true);
+        EXPECT_TRUE(OpenSnapshots(1).empty());
+    });
+    EXPECT_EQ(CountCalls(machine, "DeleteSnapshots"), 1U);
+    EXPECT_EQ(CountCalls(machine, "AbortBackup"), 0U);
+    EXPECT_EQ(machine.leaks, std::vector<std::string>());
+}
+
 TEST_F(SnapshotConversation, GoesOnWhereTheHookIsRefused)
 {
     FailCall(machine, "atexit", 1, ERROR_NOT_ENOUGH_MEMORY);

@@ -6,7 +6,6 @@
 // work on lines: a call as it stands in the log, or a line of output behind "stdout " or "stderr ".
 #include "snapshot/snapshotting.h"
 
-#include <cstring>
 #include <filesystem>
 
 namespace
@@ -25,7 +24,7 @@ struct Story {
     bool isAbnormal = false;                   // ended by an exception
     std::vector<bool> isFrozen = {true, true}; // of each chunk: comes from a shadow device
     uint64_t epoch = 6;
-    std::map<uint64_t, std::array<uint8_t, 32>> wrongHashes; // that stand in the table by chunk
+    std::map<uint64_t, std::array<uint8_t, 32>> wrongHashes = {}; // that stand in the table by chunk
 };
 
 struct Rule {
@@ -46,6 +45,13 @@ bool Holds(const std::string &line, const std::string &text)
 bool HasLine(const Lines &lines, const std::string &start)
 {
     return std::any_of(lines.begin(), lines.end(), [&](const std::string &line) { return Begins(line, start); });
+}
+
+// A call is among the lines that begins so, and it does not fail.
+bool Succeeds(const Lines &lines, const std::string &start)
+{
+    return std::any_of(lines.begin(), lines.end(),
+                       [&](const std::string &line) { return Begins(line, start) && !Holds(line, "-> failed"); });
 }
 
 void Say(Story &story, const std::string &outputLine)
@@ -162,21 +168,6 @@ void AbandonAfterTheWait(Story &story, const std::string &operation)
     Abandon(story, operation + " failed (0x00000000)");
 }
 
-// line with the volume's path in place of VOLUME and the device's in place of DEVICE.
-std::string LineOfVolume(std::string line, int volume)
-{
-    const std::string number = std::to_string(volume);
-    for (const auto &[placeholder, path] :
-         {std::make_pair("VOLUME", "\\\\?\\Volume{" + number + "}"),
-          std::make_pair("DEVICE", "\\\\?\\GLOBALROOT\\Device\\HarddiskVolumeShadowCopy" + number)}) {
-        const size_t place = line.find(placeholder);
-        if (place != std::string::npos) {
-            line.replace(place, strlen(placeholder), path);
-        }
-    }
-    return line;
-}
-
 // That chunk comes from the disk instead, at its own place.
 void ReadLive(Story &story, int volume)
 {
@@ -203,7 +194,7 @@ std::function<void(Story &story)> WithoutDevice(int volume, const std::string &l
         if (Begins(story.good[story.k], "CreateFileW")) {
             story.lines.push_back("GetLastError -> 1117");
         }
-        Say(story, LineOfVolume(line, volume));
+        Say(story, LineOf(line, volume));
         GoOn(story, "", [&](const std::string &one) { return IsOnDevice(one, volume); });
         ReadLive(story, volume);
     };
@@ -226,7 +217,7 @@ std::function<void(Story &story)> WithoutVolume(int volume, const std::string &k
 std::function<void(Story &story)> NotAdded(int volume, const std::string &line)
 {
     return [=](Story &story) {
-        Say(story, LineOfVolume(line, volume));
+        Say(story, LineOf(line, volume));
         WithoutVolume(volume)(story);
     };
 }
@@ -450,10 +441,10 @@ const Rule *RuleFor(const std::string &line)
     for (const std::vector<Rule> *rules :
          {&rulesOfTheStart, &rulesOfTheSetUp, &rulesOfTheSnapshots, &rulesOfTheImage, &rulesOfWhatIsNotLookedAt}) {
         for (const Rule &rule : *rules) {
-            // "Wait" is no beginning of "WaitSomething", but names of calls that go on are told by their own rules.
-            const bool isWhole = line.size() == rule.call.size() || !isalpha(line[rule.call.size()]) ||
-                                 rule.call.find(' ') != std::string::npos;
-            if (Begins(line, rule.call) && isWhole) {
+            // A rule for a name is none for the longer names that begin with it.
+            const bool isCut = rule.call.find(' ') == std::string::npos && line.size() > rule.call.size() &&
+                               line[rule.call.size()] != ' ';
+            if (Begins(line, rule.call) && !isCut) {
                 found.push_back(&rule);
             }
         }
@@ -501,12 +492,10 @@ bool CanFail(const std::string &line)
 std::string AsFailed(const std::string &line)
 {
     const std::string call = line.substr(0, line.find(" -> "));
-    Call named;
-    named.name = line.substr(0, line.find(' '));
     if (Begins(line, "BCrypt")) {
         return call + " -> failed 0xC0000001";
     }
-    if (named.name == "calloc" || named.name == "_aligned_malloc") {
+    if (Begins(line, "calloc") || Begins(line, "_aligned_malloc")) {
         return call + " -> failed 8";
     }
     const bool isOnHandles = Begins(line, "CreateFileW") || Begins(line, "DeviceIoControl") ||
@@ -580,10 +569,7 @@ struct SnapshotSweep : Snapshotting {
 
     void ExpectFile(const Story &story)
     {
-        const bool isMade =
-            HasLine(story.lines, "CreateFileW image.kstx") &&
-            !Holds(Joined(story.lines),
-                   "failed 1117\nGetLastError -> 1117\nstderr FATAL: could not create output image file");
+        const bool isMade = Succeeds(story.lines, "CreateFileW image.kstx");
         ASSERT_EQ(FileExists("image.kstx"), isMade);
         if (!isMade) {
             return;
@@ -604,9 +590,7 @@ struct SnapshotSweep : Snapshotting {
             EXPECT_TRUE(Service().sets.empty());
             return;
         }
-        const bool isDeleted = std::any_of(story.lines.begin(), story.lines.end(), [](const std::string &line) {
-            return Begins(line, "DeleteSnapshots") && !Holds(line, "failed");
-        });
+        const bool isDeleted = Succeeds(story.lines, "DeleteSnapshots");
         const SetFate left = story.isAbnormal ? SetFate::Created : SetFate::Dropped;
         EXPECT_EQ(OnlySet().fate, isDeleted ? SetFate::Deleted : left);
         EXPECT_EQ(OnlySet().isAborted, HasLine(story.lines, "AbortBackup"));
@@ -620,8 +604,7 @@ struct SnapshotSweep : Snapshotting {
         EXPECT_EQ(result.errorText.empty(), story.exitStatus == 0);
         EXPECT_EQ(machine.misuses, std::vector<std::string>());
         EXPECT_TRUE(story.isAbnormal || machine.leaks.empty());
-        const bool isCommitted = HasLine(story.lines, "DeviceIoControl tracker#1 code=0x8C7D200C") &&
-                                 !Holds(Joined(story.lines), "output=0 -> failed");
+        const bool isCommitted = Succeeds(story.lines, "DeviceIoControl tracker#1 code=0x8C7D200C");
         EXPECT_EQ(Commits().size(), isCommitted ? 1U : 0U);
     }
 
@@ -663,7 +646,7 @@ TEST_F(SnapshotSweep, EveryCallThatFailsHasItsOutcome)
     machine.faults.clear();
     CaptureWithSnapshots();
     EXPECT_EQ(machine.fallibleCalls, nth);
-    EXPECT_GT(nth, 90U);
+    EXPECT_GT(nth, 80U);
 }
 
 // From one call on everything fails: the run ends in one of the ways that there are, and leaves nothing of the service.
@@ -675,7 +658,7 @@ TEST_F(SnapshotSweep, EveryCallFromWhichOnAllFailLeavesNothingBehind)
         FailAnyCall(machine, nth, true);
         CaptureWithSnapshots();
         if (machine.faultsFired == 0) {
-            EXPECT_GT(nth, 90U);
+            EXPECT_GT(nth, 80U);
             break;
         }
         const bool isComplete = result.outputText.find(completeLine) != std::string::npos;

@@ -161,21 +161,6 @@ const std::vector<VolumeCase> devices = {
      "  --vss: could not open shadow device DEVICE (GetLastError=5) - read live.\n"},
 };
 
-std::string LineOf(std::string line, int volume)
-{
-    const std::vector<std::pair<std::string, std::string>> names = {
-        {"VOLUME", "\\\\?\\Volume{" + std::to_string(volume) + "}"},
-        {"DEVICE", "\\\\?\\GLOBALROOT\\Device\\HarddiskVolumeShadowCopy" + std::to_string(volume)},
-    };
-    for (const auto &[placeholder, name] : names) {
-        const size_t place = line.find(placeholder);
-        if (place != std::string::npos) {
-            line.replace(place, placeholder.size(), name);
-        }
-    }
-    return line;
-}
-
 // The lines of adding both volumes.
 std::string AddingLines(const VolumeCase &first, const VolumeCase &second)
 {

@@ -35,6 +35,23 @@ inline std::string DeleteWarning(const std::string &value)
            ") - it is still listed under Win32_ShadowCopy and must be removed by hand.\n";
 }
 
+// line with the volume's path in place of VOLUME, and with its shadow device's in place of DEVICE.
+inline std::string LineOf(std::string line, int volume)
+{
+    const std::string number = std::to_string(volume);
+    const std::vector<std::pair<std::string, std::string>> paths = {
+        {"VOLUME", "\\\\?\\Volume{" + number + "}"},
+        {"DEVICE", "\\\\?\\GLOBALROOT\\Device\\HarddiskVolumeShadowCopy" + number},
+    };
+    for (const auto &[placeholder, path] : paths) {
+        const size_t place = line.find(placeholder);
+        if (place != std::string::npos) {
+            line.replace(place, placeholder.size(), path);
+        }
+    }
+    return line;
+}
+
 // True for the calls of COM and of the snapshot service, of enumeration, and those on volumes and shadow devices.
 inline bool IsOfSnapshots(const Call &call)
 {

@@ -280,6 +280,17 @@ TEST_F(TrackerClient, HasNoAnswerToABitmapThatMemoryCanNotTake)
     EXPECT_EQ(Controls(queryCode).size(), 1U);
 }
 
+// A reply's length is told in 32 bits; one of 4 GiB would come as a part of itself.
+TEST_F(TrackerClient, GivesUpAfterTheFirstCallOnABitmapThatNoReplyHolds)
+{
+    machine.memoryBytes = MiB;
+    for (const uint32_t bitmapBytes : {0xFFFFFFD0U, 0xFFFFFFFFU}) {
+        machine.tracker->reply.bitmapBytes = bitmapBytes;
+        EXPECT_FALSE(OpenAndQuery());
+        EXPECT_EQ(Controls(queryCode).size(), 1U);
+    }
+}
+
 TEST_F(TrackerClient, TestsRangesByTheBlocksThatTheyTouch)
 {
     const RangeCase cases[] = {
