@@ -24,5 +24,8 @@ else()
     ${CMAKE_BINARY_DIR}/libvssapi_late.a bcrypt ole32 oleaut32 uuid delayimp winpthread)
   target_link_options(kestrix_system INTERFACE -Wl,-Xlink=-delayload:VSSAPI.DLL -Wl,--dynamicbase -Wl,--nxcompat
     -Wl,--high-entropy-va)
+  # The shipped program says nothing about when and where it was built, so that the same sources give the same bytes; the
+  # debug information that comes with the language run-time stays out.
+  target_link_options(kestrix PRIVATE -s -Wl,--no-insert-timestamp)
 endif()
 target_link_libraries(kestrix PRIVATE kestrix_system)

@@ -8,6 +8,8 @@ file(GLOB gccFolders /usr/lib/gcc/x86_64-w64-mingw32/*-posix)
 list(SORT gccFolders COMPARE NATURAL ORDER DESCENDING)
 list(GET gccFolders 0 gccFolder)
 
+set(CMAKE_C_COMPILER clang)
+set(CMAKE_C_COMPILER_TARGET x86_64-w64-mingw32)
 set(CMAKE_CXX_COMPILER clang++)
 set(CMAKE_CXX_COMPILER_TARGET x86_64-w64-mingw32)
 set(CMAKE_RC_COMPILER x86_64-w64-mingw32-windres)

@@ -109,6 +109,8 @@ GcmKey::~GcmKey()
     EndKey(*this);
 }
 
+static_assert(sizeof(BCRYPT_AUTHENTICATED_CIPHER_MODE_INFO) == 88);
+
 static BCRYPT_AUTHENTICATED_CIPHER_MODE_INFO ModeInfo(const uint8_t *nonce, uint8_t *tag)
 {
     BCRYPT_AUTHENTICATED_CIPHER_MODE_INFO info = {};

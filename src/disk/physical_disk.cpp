@@ -73,6 +73,8 @@ HANDLE OpenDiskForWrite(int32_t diskNumber)
     return disk;
 }
 
+static_assert(sizeof(GET_LENGTH_INFORMATION) == 8 && sizeof(DISK_GEOMETRY_EX) == 40);
+
 DiskGeometry GetDiskGeometry(HANDLE disk)
 {
     DWORD bytesReturned = 0;

@@ -225,6 +225,8 @@ static std::wstring ToShadowDevicePath(const std::wstring &name)
     return name.compare(0, objectPrefix.size(), objectPrefix) == 0 ? L"\\\\?\\GLOBALROOT" + name : name;
 }
 
+static_assert(sizeof(VSS_ID) == 16 && sizeof(VSS_SNAPSHOT_PROP) == 128);
+
 // INVALID_HANDLE_VALUE if the volume has to be read live.
 static HANDLE OpenShadowDevice(const SnapshotVolume &volume)
 {
