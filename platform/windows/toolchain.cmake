@@ -18,7 +18,7 @@ set(CMAKE_RANLIB llvm-ranlib)
 
 set(CMAKE_CXX_FLAGS_INIT
   "-fms-extensions -nostdinc++ -isystem ${gccFolder}/include/c++ -isystem ${gccFolder}/include/c++/x86_64-w64-mingw32")
-set(CMAKE_EXE_LINKER_FLAGS_INIT "-fuse-ld=lld -static -L${gccFolder}")
+set(CMAKE_EXE_LINKER_FLAGS_INIT "-fuse-ld=lld -static -L${gccFolder} -Wno-unused-command-line-argument")
 
 set(CMAKE_FIND_ROOT_PATH /usr/x86_64-w64-mingw32)
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)

@@ -1,0 +1,221 @@
+"""How the Windows program reads its command line and ends, and what it does on a machine whose disks give nothing."""
+import os
+import re
+import signal
+import subprocess
+
+import test_command_line
+from harness import MIB, TIME_LIMIT, not_exclusive, verify_text
+from kestrix_image import seeded_disk
+from test_command_line import NO_SOURCE, NOT_CONFIRMED, USAGE
+from wine import SYSTEM_DISK, WindowsTest
+
+NO_LENGTH = "IOCTL_DISK_GET_LENGTH_INFO failed"
+NOT_SUPPORTED = 50
+SILENT_DISK = 37  # in the place of which a test puts a file: it opens and doesn't tell its size
+NO_DISK = 38
+SYSTEM_REFUSED = (
+    "Refusing: PhysicalDrive%d is the disk this copy of Windows is currently running from.\n"
+    "A live raw write to your own booted system disk cannot be made safe - boot from\n"
+    "separate media (Windows Recovery/PE) and run kestrix restore from there instead.\n")
+
+
+class CommandLine(WindowsTest, test_command_line.CommandLine):
+    """That a disk of another number was asked for shows in another message: one of the two opens, the other doesn't."""
+    test_a_password_file_without_encrypt_is_not_opened_by_a_capture = None
+
+    def silent_disk(self, *arguments):
+        self.check_fatal(self.kestrix(*arguments), NO_LENGTH, NOT_SUPPORTED)
+
+    def setUp(self):
+        super().setUp()
+        self.attach_disk(SILENT_DISK, bytes(4096))
+
+    def test_the_disk_number_is_the_leading_number_of_its_text(self):
+        for value in ("37", "37x", " 37", "+37", "\t\n 037abc", "37 4", "37.9"):
+            with self.subTest(value):
+                self.silent_disk("capture", "--disk", value, "--out", "x")
+        self.check_fatal(self.kestrix("capture", "--disk", "38x", "--out", "x"), NO_SOURCE, 2)
+
+    def test_option_names_match_in_any_case_and_in_any_order(self):
+        self.silent_disk("capture", "--OUT", "x", "--unknown", "--Disk", "37")
+
+    def test_the_first_of_two_occurrences_counts(self):
+        self.silent_disk("capture", "--disk", "37", "--disk", "38", "--out", "x")
+        self.image("a", b"abc")
+        self.check(self.kestrix("verify", "--in", "a", "--in", "b"), 0, verify_text("a", 3, 4096))
+
+    def test_the_value_of_one_option_is_looked_at_as_a_name_too(self):
+        self.silent_disk("capture", "--out", "--disk", "37", "--disk", "38")
+        self.refused("capture", "--disk", "37", "--out", "--encrypt")
+
+    def test_a_malformed_disk_number_ends_as_an_exception_that_nobody_catches(self):
+        for value, exception, what in (("abc", "std::invalid_argument", "invalid stoi argument"),
+                                       ("", "std::invalid_argument", "invalid stoi argument"),
+                                       ("2147483648", "std::out_of_range", "stoi argument out of range")):
+            for words in (("capture", "--out", "x"), ("restore", "--in", "x", "--confirm", "YES")):
+                with self.subTest((words[0], value)):
+                    self.check_abnormal(self.kestrix(*words, "--disk", value), exception, what)
+
+    def test_an_argument_reaches_the_program_as_it_was_typed(self):
+        # Nothing takes it for a pattern of file names, though a file matches each of these.
+        self.image("abc", b"abc")
+        for name in ("*", "a?c", "ab*"):
+            with self.subTest(name):
+                self.check_fatal(self.kestrix("verify", "--in", name), "could not open image file", 123,
+                                 first="could not open image file: %s\n" % name)
+        for name in ("two words", "a\\\"b", 'quote"d', "ends\\", "\\\\", "%PATH%", "^a&b|c>d"):
+            with self.subTest(name):
+                self.check_fatal(self.kestrix("verify", "--in", name), "could not open image file", None,
+                                 first="could not open image file: %s\n" % name)
+
+
+class Streams(WindowsTest):
+    """The bytes of the two streams, into files and into pipes."""
+
+    def setUp(self):
+        super().setUp()
+        self.content = seeded_disk(3 * 4096, 1)
+        self.image("a", self.content)
+
+    def piped(self, *arguments):
+        done = subprocess.run([self.loader, self.windowsProgram, *arguments], cwd=self.images, check=False,
+                              stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                              timeout=TIME_LIMIT)
+        return done.returncode, done.stdout, done.stderr
+
+    def filed(self, *arguments):
+        with open(self.path("out"), "wb") as out, open(self.path("err"), "wb") as err:
+            done = subprocess.run([self.loader, self.windowsProgram, *arguments], cwd=self.images, check=False,
+                                  stdin=subprocess.DEVNULL, stdout=out, stderr=err, timeout=TIME_LIMIT)
+        return done.returncode, self.file_bytes("out"), self.file_bytes("err")
+
+    def both(self, arguments, status, out, err=b""):
+        for run in (self.piped, self.filed):
+            with self.subTest((run.__name__, arguments)):
+                ended, printed, told = run(*arguments)
+                self.assertEqual((ended, re.sub(rb"\(\d+\.\d MiB", b"(- MiB", printed), told), (status, out, err))
+
+    def test_every_line_ends_as_a_text_stream_of_the_run_time_ends_it(self):
+        self.both((), 1, USAGE.replace("\n", "\r\n").encode())
+        self.both(("restore", "--in", "a", "--disk", "1"), 1, b"", NOT_CONFIRMED.replace("\n", "\r\n").encode())
+        self.both(("verify", "--in", "none"), 1, b"", b"could not open image file: none\r\n"
+                  b"FATAL: could not open image file (GetLastError=2)\r\n")
+
+    def test_the_progress_line_begins_with_a_lone_carriage_return(self):
+        self.both(("verify", "--in", "a"), 0,
+                  b"Verifying a  (3 chunks, 0.00 GiB source disk)\r\n"
+                  b"\r   33.33%  0 / 0 MiB  (- MiB/s)   \r  100.00%  0 / 0 MiB  (- MiB/s)   \r\n"
+                  b"Verify OK - all 3 chunks match their recorded hash.\r\n")
+
+    def test_progress_is_seen_while_the_run_goes_on(self):
+        self.image("long", seeded_disk(8 * MIB, 2), chunkSize=512)
+        stopped = self.stopped("verify", "--in", "long")
+        self.assertGreater(stopped.printed(), 0)
+        stopped.signal(signal.SIGCONT)
+        self.check(stopped.finish(), 0, verify_text("long", 8 * MIB, 512))
+
+
+class Disks(WindowsTest):
+    def check_refused(self, path, before, run, message, error):
+        self.check_fatal(run, message, error)
+        with open(path, "rb") as file:
+            self.assertEqual(file.read(), before)
+        self.assertFalse(os.path.exists(self.path("x")))
+
+    def test_the_list_ends_at_a_disk_that_does_not_tell_its_size(self):
+        self.check_fatal(self.kestrix("list-disks"), NO_LENGTH, NOT_SUPPORTED)
+        self.check_fatal(self.kestrix("list-disks", "--disk", "abc", "x"), NO_LENGTH, NOT_SUPPORTED)
+
+    def test_a_capture_of_a_disk_that_is_not_there_makes_no_file(self):
+        for more in ((), ("--vss",), ("--thin",), ("--encrypt", "--password-file", "missing")):
+            with self.subTest(more):
+                self.check_fatal(self.kestrix("capture", "--disk", str(NO_DISK), "--out", "x", *more), NO_SOURCE, 2)
+                self.assertFalse(os.path.exists(self.path("x")))
+
+    def test_a_capture_of_a_disk_that_does_not_tell_its_size_makes_no_file(self):
+        content = seeded_disk(8192, 1)
+        path = self.attach_disk(SILENT_DISK, content)
+        for more in ((), ("--vss",), ("--thin",)):
+            with self.subTest(more):
+                run = self.kestrix("capture", "--disk", str(SILENT_DISK), "--out", "x", *more)
+                self.check_refused(path, content, run, NO_LENGTH, NOT_SUPPORTED)
+
+    def restore(self, disk, image="a"):
+        self.assertIn(disk, (SYSTEM_DISK, SILENT_DISK, NO_DISK))
+        return self.kestrix("restore", "--in", image, "--disk", str(disk), "--confirm", "YES")
+
+    def test_the_system_disk_is_refused_before_the_image_is_looked_at(self):
+        for image in ("missing", self.file("a", b"no image")):
+            self.check(self.restore(SYSTEM_DISK, image), 1, "", SYSTEM_REFUSED % SYSTEM_DISK)
+
+    def test_an_image_that_does_not_open_is_refused_before_the_target_is_opened(self):
+        content = seeded_disk(8192, 1)
+        path = self.attach_disk(SILENT_DISK, content)
+        self.file("a", bytes(64))
+        self.check_refused(path, content, self.restore(SILENT_DISK),
+                           "not a recognized Kestrix image (bad magic/version)", None)
+        self.check_fatal(self.restore(NO_DISK, "missing"), "could not open image file", 2,
+                         first="could not open image file: missing\n")
+
+    def test_a_target_that_is_not_there_is_not_opened(self):
+        self.image("a", b"abc")
+        self.check(self.restore(NO_DISK), 1, "", not_exclusive(NO_DISK, 2))
+
+    def test_a_target_that_does_not_tell_its_size_is_not_written(self):
+        content = seeded_disk(8192, 1)
+        path = self.attach_disk(SILENT_DISK, content)
+        self.image("a", b"abc")
+        self.check_refused(path, content, self.restore(SILENT_DISK), NO_LENGTH, NOT_SUPPORTED)
+
+    def test_a_target_that_another_run_reads_does_not_open(self):
+        self.image("a", seeded_disk(8 * MIB, 2), chunkSize=512)
+        disk = self.attach_disk(SILENT_DISK, self.file_bytes("a"))
+        reader = self.stopped("verify", "--in", disk)
+        self.check(self.restore(SILENT_DISK), 1, "", not_exclusive(SILENT_DISK, 32))
+        # A capture shares the disk with everyone.
+        self.check_fatal(self.kestrix("capture", "--disk", str(SILENT_DISK), "--out", "x"), NO_LENGTH, NOT_SUPPORTED)
+        reader.signal(signal.SIGCONT)
+        self.check(reader.finish(), 0, verify_text(disk, 8 * MIB, 512))
+        self.check_fatal(self.restore(SILENT_DISK), NO_LENGTH, NOT_SUPPORTED)
+
+
+class SnapshotLibrary(WindowsTest):
+    """VSSAPI.DLL is bound by the first call of a capture with --vss, which no disk of Wine lets happen."""
+
+    def environment(self, name, value):
+        self.addCleanup(os.environ.__setitem__, name, os.environ[name])
+        os.environ[name] = value
+
+    def loaded(self, *arguments):
+        """The libraries that a run loads, as Wine tells them, in capitals."""
+        self.environment("WINEDEBUG", "-all,+loaddll")
+        done = subprocess.run([self.loader, self.windowsProgram, *arguments], cwd=self.images, check=False,
+                              stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                              timeout=TIME_LIMIT)
+        return {name.upper() for name in re.findall(rb'loaddll:\S+ Loaded L"[^"]*?([^"\\]+)"', done.stderr)}
+
+    def test_no_command_that_wine_can_run_loads_the_snapshot_library(self):
+        self.image("a", b"abc", b"secret")
+        self.file("p", b"secret")
+        self.attach_disk(SILENT_DISK, bytes(4096))
+        for words in (("verify", "--in", "a", "--password-file", "p"), ("list-disks",),
+                      ("capture", "--disk", str(SILENT_DISK), "--out", "x", "--vss")):
+            with self.subTest(words):
+                loaded = self.loaded(*words)
+                self.assertIn(b"BCRYPT.DLL", loaded)
+                self.assertNotIn(b"VSSAPI.DLL", loaded)
+
+    def test_the_program_starts_and_verifies_where_the_snapshot_library_is_missing(self):
+        self.environment("WINEDLLOVERRIDES", os.environ["WINEDLLOVERRIDES"] + ";vssapi=")
+        self.image("a", b"abc")
+        self.check(self.kestrix(), 1, USAGE)
+        self.check(self.kestrix("verify", "--in", "a"), 0, verify_text("a", 3, 4096))
+        self.check_fatal(self.kestrix("capture", "--disk", str(NO_DISK), "--out", "x", "--vss"), NO_SOURCE, 2)
+
+    def test_the_program_does_not_start_where_a_library_of_its_import_list_is_missing(self):
+        # This is what the test before would see if the snapshot library were not bound late.
+        self.environment("WINEDLLOVERRIDES", os.environ["WINEDLLOVERRIDES"] + ";bcrypt=")
+        run = self.kestrix()
+        self.assertNotIn(run.status, (0, 1))
+        self.assertEqual(run.out, b"")

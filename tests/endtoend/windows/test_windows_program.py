@@ -1,0 +1,105 @@
+"""What the Windows program is made of: the libraries it asks for, how it may be loaded, what it says of itself.
+
+Windows decides from these tables whether the program starts at all, so they are read with another hand than the one
+that wrote them.
+"""
+import os
+import re
+import shutil
+import subprocess
+import unittest
+from xml.etree import ElementTree
+
+from harness import ROOT
+from wine import PROGRAM
+
+SYSTEM_LIBRARIES = {"KERNEL32.DLL", "MSVCRT.DLL", "BCRYPT.DLL", "OLE32.DLL", "OLEAUT32.DLL"}
+LATE_LIBRARY = "VSSAPI.DLL"
+LATE_CALLS = ["CreateVssBackupComponentsInternal", "VssFreeSnapshotPropertiesInternal"]
+
+
+def readobj(*options):
+    tool = shutil.which("llvm-readobj")
+    if tool is None:
+        raise AssertionError("llvm-readobj is missing")
+    return subprocess.run([tool, *options, PROGRAM], check=True, text=True, stdout=subprocess.PIPE).stdout
+
+
+def project_version():
+    with open(os.path.join(ROOT, "CMakeLists.txt"), encoding="utf-8") as file:
+        return re.search(r"^project\(Kestrix VERSION (\d+\.\d+\.\d+)", file.read(), re.MULTILINE).group(1)
+
+
+class WindowsProgram(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        with open(PROGRAM, "rb") as file:
+            cls.bytes = file.read()
+        cls.headers = readobj("--file-headers")
+
+    def imports(self):
+        """The names of the libraries, each list with the names of the calls."""
+        found = {"Import": {}, "DelayImport": {}}
+        for kind, body in re.findall(r"^(Import|DelayImport) \{\n(.*?)^\}", readobj("--coff-imports"),
+                                     re.MULTILINE | re.DOTALL):
+            name = re.search(r"^  Name: (\S+)$", body, re.MULTILINE).group(1).upper()
+            found[kind][name] = re.findall(r"Symbol: (\w+)", body)
+        return found
+
+    def test_it_needs_system_libraries_alone(self):
+        imports = self.imports()["Import"]
+        self.assertEqual(set(imports), SYSTEM_LIBRARIES)
+        self.assertIn("CreateFileW", imports["KERNEL32.DLL"])
+        self.assertIn("BCryptEncrypt", imports["BCRYPT.DLL"])
+
+    def test_it_binds_the_snapshot_library_late(self):
+        self.assertEqual(list(self.imports()["DelayImport"]), [LATE_LIBRARY])
+        for name in LATE_CALLS:
+            self.assertIn(name.encode() + b"\0", self.bytes)
+
+    def header(self, name):
+        return re.search(rf"^ +{name}: (.*)$", self.headers, re.MULTILINE).group(1)
+
+    def test_it_is_a_console_program_for_64_bit_windows(self):
+        self.assertTrue(self.header("Machine").startswith("IMAGE_FILE_MACHINE_AMD64"))
+        self.assertTrue(self.header("Subsystem").startswith("IMAGE_SUBSYSTEM_WINDOWS_CUI"))
+
+    def test_it_may_be_loaded_anywhere_and_executes_no_data(self):
+        for flag in ("DYNAMIC_BASE", "HIGH_ENTROPY_VA", "NX_COMPAT"):
+            self.assertIn(f"IMAGE_DLL_CHARACTERISTICS_{flag} (", self.headers)
+        # Without relocations the first two would be empty promises.
+        self.assertNotIn("IMAGE_FILE_RELOCS_STRIPPED", self.headers)
+        self.assertGreater(int(self.header("BaseRelocationTableSize"), 16), 0)
+        sections = readobj("--sections")
+        for body in re.findall(r"Section \{(.*?)\n  \}", sections, re.DOTALL):
+            self.assertFalse("IMAGE_SCN_MEM_EXECUTE" in body and "IMAGE_SCN_MEM_WRITE" in body, body)
+
+    def test_it_carries_no_debug_information_no_symbols_no_time_and_no_path_of_the_machine_that_built_it(self):
+        self.assertEqual(self.header("SymbolCount"), "0")
+        self.assertNotIn("Name: .debug", readobj("--sections"))
+        self.assertIn("(0x0)", self.header("TimeDateStamp"))
+        for path in (ROOT.encode(), b"/usr/", b"/build/", b"/home/", b".cpp\0", b".pdb"):
+            self.assertNotIn(path, self.bytes)
+
+    def test_its_manifest_asks_for_no_rights_and_for_long_paths(self):
+        texts = re.findall(rb"<\?xml.*?</assembly>", self.bytes, re.DOTALL)
+        self.assertEqual(len(texts), 1)
+        tree = ElementTree.fromstring(texts[0])
+        level, = tree.iter("{urn:schemas-microsoft-com:asm.v3}requestedExecutionLevel")
+        self.assertEqual(level.attrib, {"level": "asInvoker", "uiAccess": "false"})
+        aware, = tree.iter("{http://schemas.microsoft.com/SMI/2016/WindowsSettings}longPathAware")
+        self.assertEqual(aware.text, "true")
+        self.assertIn("Type: MANIFEST (ID 24)", readobj("--coff-resources"))
+
+    def test_its_version_is_that_of_the_project(self):
+        version = project_version()
+        for key, value in (("FileVersion", version), ("ProductVersion", version), ("ProductName", "Kestrix"),
+                           ("OriginalFilename", "kestrix.exe")):
+            at = self.bytes.find(f"{key}\0".encode("utf-16-le"))
+            self.assertGreater(at, 0, key)
+            text = self.bytes[at + 2 * len(key) + 2:][:80].lstrip(b"\0")
+            self.assertTrue(text.startswith(f"{value}\0".encode("utf-16-le")), (key, text))
+        numbers = [int(part) for part in version.split(".")]
+        fixed = self.bytes.find(b"\xbd\x04\xef\xfe")
+        words = [int.from_bytes(self.bytes[fixed + 8 + 2 * i:][:2], "little") for i in range(4)]
+        self.assertEqual(words, [numbers[1], numbers[0], 0, numbers[2]])

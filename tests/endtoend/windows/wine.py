@@ -1,0 +1,149 @@
+"""A Windows machine to run the shipped program on: Wine, with a prefix of its own that lasts as long as the tests.
+
+WindowsTest is a MachineTest whose verbs start kestrix.exe under Wine in place of the program for Linux, in the same
+working folder, so that a class of tests of the one can be a class of tests of the other as well; linux() still starts
+the program for Linux. In a BothProgramsTest each program does what it has the disks for. A run of kestrix.exe must end
+every line as Windows does, and is handed on with plain line ends.
+
+Wine has a disk for each of its drives: 0 for C:, where the machine itself lies, and 1 for Z:, the root folder. They
+open, answer no question about their size and hand out no byte. A device that Wine doesn't know it looks up in the
+folder dosdevices of its prefix: attach_disk puts a file there, and that disk opens with the share modes of Windows and
+answers nothing either. No other disk opens, and so no test gets to a disk of the machine that it runs on.
+
+The program under test is the one that the environment variable KESTRIX_EXE names, or build/windows/kestrix.exe;
+KESTRIX_WINE names Wine's loader where it isn't found by itself.
+"""
+import atexit
+import functools
+import os
+import re
+import shutil
+import subprocess
+import tempfile
+
+from harness import ROOT, TIME_LIMIT, MachineTest, Run, Started
+
+PROGRAM = os.path.abspath(os.environ.get("KESTRIX_EXE", os.path.join(ROOT, "build", "windows", "kestrix.exe")))
+LOADERS = ("/usr/lib/wine/wine64", "wine64", "wine")
+SERVERS = ("/usr/lib/wine/wineserver64", "/usr/lib/wine/wineserver", "wineserver")
+SYSTEM_DISK = 0
+# What the language run-time says on the error stream when an exception leaves the program.
+EXCEPTION_TEXT = "terminate called after throwing an instance of '%s'\n  what():  %s\n"
+
+
+def first_of(names):
+    return next((shutil.which(name) for name in names if shutil.which(name)), None)
+
+
+@functools.lru_cache(maxsize=None)
+def machine():
+    """Makes the prefix: (its folder, Wine's loader, none), or (none, none, why there is no machine)."""
+    loader = first_of([os.environ["KESTRIX_WINE"]] if "KESTRIX_WINE" in os.environ else LOADERS)
+    server = first_of(SERVERS)
+    if loader is None or server is None:
+        return None, None, "there is no Wine to run the Windows program with"
+    if not os.path.isfile(PROGRAM):
+        return None, None, f"there is no program to test at {PROGRAM}"
+    folder = tempfile.mkdtemp(prefix="kestrix-wine-")
+    os.environ.update({
+        "WINEPREFIX": folder,
+        "WINEDEBUG": "-all",
+        # Nothing here needs a browser, another run-time, or entries in a menu.
+        "WINEDLLOVERRIDES": "winemenubuilder.exe,mscoree,mshtml=",
+        "LC_ALL": "C.UTF-8",
+    })
+    for name in ("DISPLAY", "WAYLAND_DISPLAY"):
+        os.environ.pop(name, None)
+    atexit.register(take_down, server, folder)
+    try:
+        subprocess.run([server, "--persistent"], check=True, timeout=TIME_LIMIT)
+        # The services that this starts outlive it and hold on to its streams.
+        subprocess.run([loader, "wineboot", "--init"], stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                       stderr=subprocess.DEVNULL, check=True, timeout=TIME_LIMIT)
+    except subprocess.SubprocessError as error:
+        return None, None, f"Wine does not start: {error}"
+    os.mkdir(os.path.join(folder, "program"))
+    shutil.copy2(PROGRAM, os.path.join(folder, "program", "kestrix.exe"))
+    return folder, loader, None
+
+
+def take_down(server, folder):
+    for word in ("--kill", "--wait"):
+        subprocess.run([server, word], stderr=subprocess.DEVNULL, check=False, timeout=TIME_LIMIT)
+    shutil.rmtree(folder, ignore_errors=True)
+
+
+def drive_path(path, separator="\\"):
+    """A path of this machine as the program sees it: everything lies on the drive Z:."""
+    return "Z:" + path.replace("/", separator)
+
+
+def plain_lines(data):
+    """The text of a stream in which every line must end with CR LF."""
+    if data.count(b"\n") != data.count(b"\r\n"):
+        raise AssertionError(f"a line ends without CR: {data}")
+    return data.replace(b"\r\n", b"\n")
+
+
+class StartedWindowsProgram(Started):
+    def finish(self):
+        run = super().finish()
+        return Run(run.status, plain_lines(run.out), plain_lines(run.err))
+
+
+class WindowsTest(MachineTest):
+    def setUp(self):
+        super().setUp()
+        self.prefix, self.loader, fault = machine()
+        self.assertIsNone(fault)
+        self.windowsProgram = os.path.join(self.prefix, "program", "kestrix.exe")
+
+    def start(self, *arguments):
+        started = StartedWindowsProgram([self.loader, self.windowsProgram, *arguments], self.images)
+        self.addCleanup(self.end, started)
+        return started
+
+    def linux(self, *arguments):
+        """A run of the program for Linux on the same images, with the devices folder for its machine."""
+        return MachineTest.start(self, *arguments).finish()
+
+    def peak_memory(self, *arguments):
+        raise NotImplementedError("the memory of Wine itself can't be told from the program's")
+
+    def attach_disk(self, number, content):
+        """A file of these bytes in the place of a disk; gives the file's path."""
+        path = os.path.join(self.folder, f"windows-disk{number}")
+        with open(path, "wb") as file:
+            file.write(content)
+        name = os.path.join(self.prefix, "dosdevices", f"physicaldrive{number}")
+        os.symlink(path, name)
+        self.addCleanup(os.unlink, name)
+        return path
+
+    # Looking at a run
+
+    def check_fatal(self, run, message, error=0, out="", first=""):
+        """As for Linux, but 0, where no call of the system's failed, takes any number: it is then what a call of the
+        run-time's own left."""
+        if not error:
+            error = "-"
+            run = Run(run.status, run.out, re.sub(rb"GetLastError=\d+\)\n$", b"GetLastError=-)\n", run.err))
+        self.check(run, 1, out, f"{first}FATAL: {message} (GetLastError={error})\n")
+
+    def check_abnormal(self, run, exception=None, what=None):
+        """A run that the language run-time ended: neither done nor refused, and with no text of the program's own."""
+        self.assertNotIn(run.status, (0, 1))
+        self.assertEqual(run.out, b"")
+        if exception is None:
+            self.assertTrue(run.err.startswith(b"terminate called after throwing an instance of "), run.err)
+        else:
+            self.assertEqual(run.err.decode(), EXCEPTION_TEXT % (exception, what))
+
+
+class BothProgramsTest(WindowsTest):
+    """Whatever needs a disk is done by the program for Linux, the rest by the one for Windows, on the same images."""
+
+    def start(self, *arguments):
+        if arguments[0] in ("verify", "consolidate"):
+            return super().start(*arguments)
+        return MachineTest.start(self, *arguments)
