@@ -1,9 +1,9 @@
 #!/usr/bin/python3
 """Times capture against the bare loop: CPU seconds (user and system) and wall seconds of each run.
 
-Arguments: the build folder with kestrix and bare_loop, and a folder to work in, which is made anew and removed. The disk
-is random data, since real data neither compresses nor digests faster. Runs alternate, the first of each is dropped, and
-the file that a run writes is removed before the next so that each writes a new one.
+Arguments: the build folder with kestrix and bare_loop, and a folder to work in, which is made anew and removed. The
+disk is random data, since real data neither compresses nor digests faster. Runs alternate, the first of each is
+dropped, and the file that a run writes is removed before the next so that each writes a new one.
 """
 import os
 import shutil

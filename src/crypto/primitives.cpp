@@ -8,6 +8,7 @@
 
 #include "cli/console.h"
 
+#include <cstddef>
 #include <utility>
 
 static BCRYPT_ALG_HANDLE OpenProvider(LPCWSTR id, ULONG flags, const char *message)
@@ -109,11 +110,17 @@ GcmKey::~GcmKey()
     EndKey(*this);
 }
 
-static_assert(sizeof(BCRYPT_AUTHENTICATED_CIPHER_MODE_INFO) == 88);
+using SealInfo = BCRYPT_AUTHENTICATED_CIPHER_MODE_INFO;
+static_assert(sizeof(SealInfo) == 88 && offsetof(SealInfo, cbSize) == 0 && offsetof(SealInfo, dwInfoVersion) == 4);
+static_assert(offsetof(SealInfo, pbNonce) == 8 && offsetof(SealInfo, cbNonce) == 16);
+static_assert(offsetof(SealInfo, pbAuthData) == 24 && offsetof(SealInfo, cbAuthData) == 32);
+static_assert(offsetof(SealInfo, pbTag) == 40 && offsetof(SealInfo, cbTag) == 48);
+static_assert(offsetof(SealInfo, pbMacContext) == 56 && offsetof(SealInfo, cbMacContext) == 64);
+static_assert(offsetof(SealInfo, cbAAD) == 68 && offsetof(SealInfo, cbData) == 72 && offsetof(SealInfo, dwFlags) == 80);
 
-static BCRYPT_AUTHENTICATED_CIPHER_MODE_INFO ModeInfo(const uint8_t *nonce, uint8_t *tag)
+static SealInfo ModeInfo(const uint8_t *nonce, uint8_t *tag)
 {
-    BCRYPT_AUTHENTICATED_CIPHER_MODE_INFO info = {};
+    SealInfo info = {};
     info.cbSize = sizeof(info);
     info.dwInfoVersion = BCRYPT_AUTHENTICATED_CIPHER_MODE_INFO_VERSION;
     info.pbNonce = const_cast<PUCHAR>(nonce);
@@ -126,7 +133,7 @@ static BCRYPT_AUTHENTICATED_CIPHER_MODE_INFO ModeInfo(const uint8_t *nonce, uint
 void SealChunk(const GcmKey &key, const uint8_t *plain, uint32_t length, const uint8_t *nonce, uint8_t *cipher,
                uint8_t *tag)
 {
-    BCRYPT_AUTHENTICATED_CIPHER_MODE_INFO info = ModeInfo(nonce, tag);
+    SealInfo info = ModeInfo(nonce, tag);
     ULONG resultLength = 0;
     const NTSTATUS status = BCryptEncrypt(key.keyHandle, const_cast<PUCHAR>(plain), length, &info, nullptr, 0, cipher,
                                           length, &resultLength, 0);
@@ -138,7 +145,7 @@ void SealChunk(const GcmKey &key, const uint8_t *plain, uint32_t length, const u
 bool OpenChunk(const GcmKey &key, const uint8_t *cipher, uint32_t length, const uint8_t *nonce, const uint8_t *tag,
                uint8_t *plain)
 {
-    BCRYPT_AUTHENTICATED_CIPHER_MODE_INFO info = ModeInfo(nonce, const_cast<uint8_t *>(tag));
+    SealInfo info = ModeInfo(nonce, const_cast<uint8_t *>(tag));
     ULONG resultLength = 0;
     return BCRYPT_SUCCESS(BCryptDecrypt(key.keyHandle, const_cast<PUCHAR>(cipher), length, &info, nullptr, 0, plain,
                                         length, &resultLength, 0));

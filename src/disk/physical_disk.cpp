@@ -73,7 +73,8 @@ HANDLE OpenDiskForWrite(int32_t diskNumber)
     return disk;
 }
 
-static_assert(sizeof(GET_LENGTH_INFORMATION) == 8 && sizeof(DISK_GEOMETRY_EX) == 40);
+static_assert(sizeof(GET_LENGTH_INFORMATION) == 8 && offsetof(GET_LENGTH_INFORMATION, Length) == 0);
+static_assert(sizeof(DISK_GEOMETRY_EX) == 40 && offsetof(DISK_GEOMETRY_EX, Geometry.BytesPerSector) == 20);
 
 DiskGeometry GetDiskGeometry(HANDLE disk)
 {

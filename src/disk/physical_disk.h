@@ -7,6 +7,7 @@
 
 #include <winioctl.h>
 
+#include <cstddef>
 #include <cstdint>
 
 struct DiskGeometry {
@@ -19,7 +20,10 @@ struct VolumeExtentsReply {
     VOLUME_DISK_EXTENTS first;
     DISK_EXTENT others[8];
 };
-static_assert(sizeof(VolumeExtentsReply) == 224);
+static_assert(sizeof(VolumeExtentsReply) == 224 && offsetof(VolumeExtentsReply, others) == 32);
+static_assert(offsetof(VOLUME_DISK_EXTENTS, NumberOfDiskExtents) == 0 && offsetof(VOLUME_DISK_EXTENTS, Extents) == 8);
+static_assert(sizeof(DISK_EXTENT) == 24 && offsetof(DISK_EXTENT, DiskNumber) == 0);
+static_assert(offsetof(DISK_EXTENT, StartingOffset) == 8 && offsetof(DISK_EXTENT, ExtentLength) == 16);
 
 // A block of byteCount bytes whose address is a multiple of alignment, a power of two. Move-only owner: a moved-from or
 // default-made buffer is empty. Without memory the construction is fatal. Where a damaged image asks for no bytes a

@@ -49,13 +49,13 @@ struct ChunkEntry {
 
 #pragma pack(pop)
 
-static_assert(sizeof(ImageHeader) == 64);
+static_assert(sizeof(ImageHeader) == 64 && offsetof(ImageHeader, magic) == 0);
 static_assert(offsetof(ImageHeader, version) == 8 && offsetof(ImageHeader, diskSize) == 12);
 static_assert(offsetof(ImageHeader, sectorSize) == 20 && offsetof(ImageHeader, chunkSize) == 24);
 static_assert(offsetof(ImageHeader, chunkCount) == 28 && offsetof(ImageHeader, encrypted) == 36);
 static_assert(offsetof(ImageHeader, epoch) == 37 && offsetof(ImageHeader, salt) == 44);
 static_assert(offsetof(ImageHeader, kdfIterations) == 60);
-static_assert(sizeof(ChunkEntry) == 72);
+static_assert(sizeof(ChunkEntry) == 72 && offsetof(ChunkEntry, diskOffset) == 0);
 static_assert(offsetof(ChunkEntry, storedLength) == 8 && offsetof(ChunkEntry, hash) == 12);
 static_assert(offsetof(ChunkEntry, nonce) == 44 && offsetof(ChunkEntry, tag) == 56);
 

@@ -38,9 +38,9 @@ struct TrackerStateHeader {
     uint32_t bitmapBytes;      // length of the bitmap behind this record
 };
 
-static_assert(sizeof(TrackerDiskRequest) == 8);
+static_assert(sizeof(TrackerDiskRequest) == 8 && offsetof(TrackerDiskRequest, reserved) == 4);
 static_assert(sizeof(TrackerCommitRequest) == 16 && offsetof(TrackerCommitRequest, epoch) == 8);
-static_assert(sizeof(TrackerStateHeader) == 48);
+static_assert(sizeof(TrackerStateHeader) == 48 && offsetof(TrackerStateHeader, hasPreviousEpoch) == 4);
 static_assert(offsetof(TrackerStateHeader, previousEpoch) == 8 && offsetof(TrackerStateHeader, currentEpoch) == 16);
 static_assert(offsetof(TrackerStateHeader, secondaryGap) == 24 && offsetof(TrackerStateHeader, gap) == 28);
 static_assert(offsetof(TrackerStateHeader, trackedExtent) == 32 && offsetof(TrackerStateHeader, blockShift) == 40);

@@ -176,6 +176,7 @@ class HostileLengths(MachineTest):
     def test_a_last_chunk_of_a_wrong_length_fails(self):
         self.content = seeded_disk(COUNT * CHUNK - 1000, 2)
         self.size = len(self.content)
+
         def check(secret, length):
             self.damaged("a", length, secret, chunk=COUNT - 1)
             run = self.verify("a")

@@ -94,4 +94,3 @@ class ListDisks(MachineTest):
             size = int(read(name, "size")) * 512
             lines.append(line(number, size, int(read(name, "queue", "logical_block_size")))[:-1])
         return lines
-

@@ -3,12 +3,13 @@ import os
 import re
 import signal
 import subprocess
+from unittest import mock
 
 import test_command_line
 from harness import MIB, TIME_LIMIT, not_exclusive, verify_text
 from kestrix_image import seeded_disk
 from test_command_line import NO_SOURCE, NOT_CONFIRMED, USAGE
-from wine import SYSTEM_DISK, WindowsTest
+from wine import SYSTEM_DISK, WINE, WindowsTest
 
 NO_LENGTH = "IOCTL_DISK_GET_LENGTH_INFO failed"
 NOT_SUPPORTED = 50
@@ -79,14 +80,14 @@ class Streams(WindowsTest):
         self.image("a", self.content)
 
     def piped(self, *arguments):
-        done = subprocess.run([self.loader, self.windowsProgram, *arguments], cwd=self.images, check=False,
+        done = subprocess.run([WINE, self.windowsProgram, *arguments], cwd=self.images, check=False,
                               stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
                               timeout=TIME_LIMIT)
         return done.returncode, done.stdout, done.stderr
 
     def filed(self, *arguments):
         with open(self.path("out"), "wb") as out, open(self.path("err"), "wb") as err:
-            done = subprocess.run([self.loader, self.windowsProgram, *arguments], cwd=self.images, check=False,
+            done = subprocess.run([WINE, self.windowsProgram, *arguments], cwd=self.images, check=False,
                                   stdin=subprocess.DEVNULL, stdout=out, stderr=err, timeout=TIME_LIMIT)
         return done.returncode, self.file_bytes("out"), self.file_bytes("err")
 
@@ -184,13 +185,14 @@ class SnapshotLibrary(WindowsTest):
     """VSSAPI.DLL is bound by the first call of a capture with --vss, which no disk of Wine lets happen."""
 
     def environment(self, name, value):
-        self.addCleanup(os.environ.__setitem__, name, os.environ[name])
-        os.environ[name] = value
+        patch = mock.patch.dict(os.environ, {name: value})
+        patch.start()
+        self.addCleanup(patch.stop)
 
     def loaded(self, *arguments):
         """The libraries that a run loads, as Wine tells them, in capitals."""
         self.environment("WINEDEBUG", "-all,+loaddll")
-        done = subprocess.run([self.loader, self.windowsProgram, *arguments], cwd=self.images, check=False,
+        done = subprocess.run([WINE, self.windowsProgram, *arguments], cwd=self.images, check=False,
                               stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
                               timeout=TIME_LIMIT)
         return {name.upper() for name in re.findall(rb'loaddll:\S+ Loaded L"[^"]*?([^"\\]+)"', done.stderr)}
@@ -207,7 +209,7 @@ class SnapshotLibrary(WindowsTest):
                 self.assertNotIn(b"VSSAPI.DLL", loaded)
 
     def test_the_program_starts_and_verifies_where_the_snapshot_library_is_missing(self):
-        self.environment("WINEDLLOVERRIDES", os.environ["WINEDLLOVERRIDES"] + ";vssapi=")
+        self.environment("WINEDLLOVERRIDES", "vssapi=")
         self.image("a", b"abc")
         self.check(self.kestrix(), 1, USAGE)
         self.check(self.kestrix("verify", "--in", "a"), 0, verify_text("a", 3, 4096))
@@ -215,7 +217,7 @@ class SnapshotLibrary(WindowsTest):
 
     def test_the_program_does_not_start_where_a_library_of_its_import_list_is_missing(self):
         # This is what the test before would see if the snapshot library were not bound late.
-        self.environment("WINEDLLOVERRIDES", os.environ["WINEDLLOVERRIDES"] + ";bcrypt=")
+        self.environment("WINEDLLOVERRIDES", "bcrypt=")
         run = self.kestrix()
         self.assertNotIn(run.status, (0, 1))
         self.assertEqual(run.out, b"")

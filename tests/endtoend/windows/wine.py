@@ -1,4 +1,4 @@
-"""A Windows machine to run the shipped program on: Wine, with a prefix of its own that lasts as long as the tests.
+"""A Windows machine to run the shipped program on: Wine, on the prefix of scripts/wine.
 
 WindowsTest is a MachineTest whose verbs start kestrix.exe under Wine in place of the program for Linux, in the same
 working folder, so that a class of tests of the one can be a class of tests of the other as well; linux() still starts
@@ -10,8 +10,7 @@ open, answer no question about their size and hand out no byte. A device that Wi
 folder dosdevices of its prefix: attach_disk puts a file there, and that disk opens with the share modes of Windows and
 answers nothing either. No other disk opens, and so no test gets to a disk of the machine that it runs on.
 
-The program under test is the one that the environment variable KESTRIX_EXE names, or build/windows/kestrix.exe;
-KESTRIX_WINE names Wine's loader where it isn't found by itself.
+The program under test is the one that the environment variable KESTRIX_EXE names, or build/windows/kestrix.exe.
 """
 import atexit
 import functools
@@ -19,58 +18,31 @@ import os
 import re
 import shutil
 import subprocess
-import tempfile
 
 from harness import ROOT, TIME_LIMIT, MachineTest, Run, Started
 
 PROGRAM = os.path.abspath(os.environ.get("KESTRIX_EXE", os.path.join(ROOT, "build", "windows", "kestrix.exe")))
-LOADERS = ("/usr/lib/wine/wine64", "wine64", "wine")
-SERVERS = ("/usr/lib/wine/wineserver64", "/usr/lib/wine/wineserver", "wineserver")
+WINE = os.path.join(ROOT, "scripts", "wine")
+PREFIX = os.path.join(ROOT, "build", "wine")
 SYSTEM_DISK = 0
 # What the language run-time says on the error stream when an exception leaves the program.
 EXCEPTION_TEXT = "terminate called after throwing an instance of '%s'\n  what():  %s\n"
 
 
-def first_of(names):
-    return next((shutil.which(name) for name in names if shutil.which(name)), None)
-
-
 @functools.lru_cache(maxsize=None)
 def machine():
-    """Makes the prefix: (its folder, Wine's loader, none), or (none, none, why there is no machine)."""
-    loader = first_of([os.environ["KESTRIX_WINE"]] if "KESTRIX_WINE" in os.environ else LOADERS)
-    server = first_of(SERVERS)
-    if loader is None or server is None:
-        return None, None, "there is no Wine to run the Windows program with"
+    """Starts the Windows machine, with the program on it: the path of its copy, or none and why there is none."""
     if not os.path.isfile(PROGRAM):
-        return None, None, f"there is no program to test at {PROGRAM}"
-    folder = tempfile.mkdtemp(prefix="kestrix-wine-")
-    os.environ.update({
-        "WINEPREFIX": folder,
-        "WINEDEBUG": "-all",
-        # Nothing here needs a browser, another run-time, or entries in a menu.
-        "WINEDLLOVERRIDES": "winemenubuilder.exe,mscoree,mshtml=",
-        "LC_ALL": "C.UTF-8",
-    })
-    for name in ("DISPLAY", "WAYLAND_DISPLAY"):
-        os.environ.pop(name, None)
-    atexit.register(take_down, server, folder)
+        return None, f"there is no program to test at {PROGRAM}"
+    os.environ["LC_ALL"] = "C.UTF-8"
     try:
-        subprocess.run([server, "--persistent"], check=True, timeout=TIME_LIMIT)
-        # The services that this starts outlive it and hold on to its streams.
-        subprocess.run([loader, "wineboot", "--init"], stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
-                       stderr=subprocess.DEVNULL, check=True, timeout=TIME_LIMIT)
+        subprocess.run([WINE, "--keep"], check=True, timeout=TIME_LIMIT)
     except subprocess.SubprocessError as error:
-        return None, None, f"Wine does not start: {error}"
-    os.mkdir(os.path.join(folder, "program"))
-    shutil.copy2(PROGRAM, os.path.join(folder, "program", "kestrix.exe"))
-    return folder, loader, None
-
-
-def take_down(server, folder):
-    for word in ("--kill", "--wait"):
-        subprocess.run([server, word], stderr=subprocess.DEVNULL, check=False, timeout=TIME_LIMIT)
-    shutil.rmtree(folder, ignore_errors=True)
+        return None, f"Wine does not start: {error}"
+    atexit.register(subprocess.run, [WINE, "--end"], check=False, timeout=TIME_LIMIT)
+    folder = os.path.join(PREFIX, "program")
+    os.makedirs(folder, exist_ok=True)
+    return shutil.copy2(PROGRAM, os.path.join(folder, "kestrix.exe")), None
 
 
 def drive_path(path, separator="\\"):
@@ -94,12 +66,11 @@ class StartedWindowsProgram(Started):
 class WindowsTest(MachineTest):
     def setUp(self):
         super().setUp()
-        self.prefix, self.loader, fault = machine()
+        self.windowsProgram, fault = machine()
         self.assertIsNone(fault)
-        self.windowsProgram = os.path.join(self.prefix, "program", "kestrix.exe")
 
     def start(self, *arguments):
-        started = StartedWindowsProgram([self.loader, self.windowsProgram, *arguments], self.images)
+        started = StartedWindowsProgram([WINE, self.windowsProgram, *arguments], self.images)
         self.addCleanup(self.end, started)
         return started
 
@@ -115,7 +86,7 @@ class WindowsTest(MachineTest):
         path = os.path.join(self.folder, f"windows-disk{number}")
         with open(path, "wb") as file:
             file.write(content)
-        name = os.path.join(self.prefix, "dosdevices", f"physicaldrive{number}")
+        name = os.path.join(PREFIX, "dosdevices", f"physicaldrive{number}")
         os.symlink(path, name)
         self.addCleanup(os.unlink, name)
         return path
