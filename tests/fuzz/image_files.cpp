@@ -111,7 +111,7 @@ ImageFiles TakeImageFiles(Input &input)
 Machine MachineForImages()
 {
     Machine machine;
-    machine.memoryBytes = 16 * MiB;
+    machine.memoryBytes = MiB;
     return machine;
 }
 

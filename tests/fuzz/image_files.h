@@ -23,7 +23,7 @@ struct ImageFiles {
 };
 ImageFiles TakeImageFiles(Input &input);
 
-// A machine for such files, with 16 MiB of memory: what a damaged header claims beyond that is refused.
+// A machine for such files, with 1 MiB of memory: what a damaged header claims beyond that is refused.
 Machine MachineForImages();
 
 // Puts the files into the current folder, a scratch folder that stays from one input to the next, beside the file named

@@ -3,7 +3,7 @@
 // and none beyond, fetching again gives the same, and a chunk that fails does so as stated. Nothing is read or written
 // out of bounds, nothing is opened to be written, and no more memory is asked for than a header claims.
 //
-// The input is what image_files.h says. Only want of memory, of which the machine has 16 MiB, may end the program
+// The input is what image_files.h says. Only want of memory, of which the machine has 1 MiB, may end the program
 // abnormally; tables beyond that are out of reach here.
 #include "fuzz/image_files.h"
 

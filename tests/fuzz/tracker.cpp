@@ -1,7 +1,7 @@
 // The law: whatever the change tracker answers, a capture on it ends with an image that holds, chunk for chunk, the
 // base's bytes where the answer proves that nothing changed, and the disk's bytes everywhere else; with that epoch, and
 // with a commit of that epoch, if and only if the tracker answered. What proves it is worked out here a second time.
-// Only an answer that claims a bitmap beyond the machine's 16 MiB of memory may end the program abnormally.
+// Only an answer that claims a bitmap beyond the machine's 4 MiB of memory may end the program abnormally.
 //
 // The input: flags; the base's epoch (8 bytes); a place on the disk and a length (8 and 2) that are tested against the
 // bitmap on their own; then one or two answers, each the fields of its record, the length of
@@ -12,7 +12,7 @@
 #include "tracker/change_tracker.h"
 
 static constexpr uint64_t diskBytes = 4096;
-static constexpr uint64_t machineBytes = 16 * MiB;
+static constexpr uint64_t machineBytes = 4 * MiB; // as much as a capture asks for at once
 static constexpr uint64_t epochMask = (uint64_t{1} << 56) - 1;
 static constexpr uint32_t recordBytes = 48;
 
@@ -62,7 +62,7 @@ static TrackerInput TakeTrackerInput(Input &input)
     taken.tracker.commitError = (flags & 32) != 0 ? 87 : 0;
     taken.baseEpoch = input.Integer(8) & epochMask;
     taken.rangeOffset = input.Integer(8);
-    taken.rangeLength = input.Integer(2) + 1;
+    taken.rangeLength = input.Integer(2) % 4096 + 1;
     taken.tracker.reply = TakeReply(input);
     if ((flags & 64) != 0) {
         taken.tracker.laterReply = TakeReply(input);
