@@ -23,7 +23,7 @@ foreach(call IN LISTS replacedCalls)
 endforeach()
 file(CONFIGURE OUTPUT renamed_calls.txt CONTENT "${renamed}")
 file(CONFIGURE OUTPUT replaced_calls.inc CONTENT "${listed}")
-target_include_directories(kestrix_tests PRIVATE ${CMAKE_CURRENT_BINARY_DIR})
+target_include_directories(simulator PRIVATE ${CMAKE_CURRENT_BINARY_DIR})
 
 foreach(library IN LISTS copiedLibraries)
   find_library(original_${library} lib${library}.a REQUIRED NO_DEFAULT_PATH NO_CMAKE_FIND_ROOT_PATH
