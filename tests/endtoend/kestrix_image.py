@@ -279,13 +279,14 @@ def seeded_disk(size, seed):
 
 
 def make_image(path, disk, password=None, base=None, *, epoch=0, chunkSize=4096, sectorSize=512, kdfIterations=1000,
-               baseName=None, edit=None):
+               baseName=None, edit=None, randomBytes=os.urandom):
     """Writes an image of the bytes of a disk. With a base (a Written) it is thin: chunks that the base holds become
-    references. edit, if given, gets the finished Record and may change it before it is written."""
+    references. edit, if given, gets the finished Record and may change it before it is written. Salt and nonces come
+    from randomBytes."""
     count = count_chunks(len(disk), chunkSize)
     sealed = password is not None
     header = Header(IMAGE_MAGIC, THIN if base else FULL, len(disk), sectorSize, chunkSize, count, int(sealed), epoch,
-                    os.urandom(16) if sealed else ZERO_SALT, kdfIterations if sealed else 0)
+                    randomBytes(16) if sealed else ZERO_SALT, kdfIterations if sealed else 0)
     key = derive_key(password, header.salt, kdfIterations) if sealed else None
     record = Record(header, [], [])
     for i in range(count):
@@ -296,7 +297,7 @@ def make_image(path, disk, password=None, base=None, *, epoch=0, chunkSize=4096,
             stored = plain
             entry.storedLength = len(plain)
             if sealed:
-                entry.nonce = os.urandom(12)
+                entry.nonce = randomBytes(12)
                 stored, entry.tag = seal(key, entry.nonce, plain)
         record.table.append(entry)
         record.data.append(stored)
