@@ -63,7 +63,7 @@ class VectorTest(MachineTest):
         super().setUp()
         self.system_disk()
         os.rmdir(self.images)
-        shutil.copytree(VECTORS, self.images, ignore=shutil.ignore_patterns("*.py", "*.md", "__pycache__", "folder"))
+        shutil.copytree(VECTORS, self.images, ignore=shutil.ignore_patterns("*.py", "*.md", "__pycache__"))
         self.index = read_index()
 
     def arguments(self, vector, command):
@@ -118,8 +118,10 @@ class VectorTest(MachineTest):
     def check_vector(self, vector, command):
         expect = vector["expect"][command]
         remove = self.place(vector)
-        run = self.kestrix(*self.arguments(vector, command))
-        remove()
+        try:
+            run = self.kestrix(*self.arguments(vector, command))
+        finally:
+            remove()
         self.assertEqual(self.written(command), expect.get("written"), "other bytes were written")
         if expect["status"] == "abnormal" or not promises(vector.get("claims", 1)):
             self.check_abnormal(run)

@@ -18,7 +18,7 @@ sys.dont_write_bytecode = True
 
 import kestrix_image
 import outcomes
-from kestrix_image import (CAPTURE_CHUNK, ENTRY, HEADER, THIN, Entry, decode_header, decode_table, image_id,
+from kestrix_image import (CAPTURE_CHUNK, ENTRY, HEADER, THIN, Entry, decode_header, decode_table,
                            seeded_disk)
 from outcomes import (BAD_HASH, BAD_TAG, BAD_TRAILER, CUT, CUT_BELOW, EMPTY_PASSWORD, HASH, NO_BASE_IN_CHUNK, NO_HEADER,
                       NO_ITERATIONS, NO_PASSWORD, NO_PASSWORD_FILE, NO_TABLE, NO_TRAILER, NOT_AN_IMAGE, OK,
@@ -233,10 +233,10 @@ def header_fields(v):
               edit=header(version=version))
     v.add("version-3-full", "A full image says that it is thin: there is no trailer.", opening=NO_TRAILER,
           edit=header(version=3))
-    v.add("version-2-thin", "A thin image says that it is full: its references lead nowhere, its trailer means nothing.",
+    v.add("version-2-thin", "A thin image says that it is full: its references lead nowhere, its trailer is ignored.",
           disk=NEW, base="base.kstx", edit=header(version=2), found={0: NO_BASE_IN_CHUNK})
 
-    v.add("disk-size-0", "The disk size is 0: chunk 0 would be empty, those behind it lie below zero and count as whole.",
+    v.add("disk-size-0", "The disk size is 0: chunk 0 would be empty, those behind it begin below zero and are whole.",
           edit=header(diskSize=0), found={0: HASH, 2: HASH})
     for name, size in (("one-less", SIZE - 1), ("one-more", SIZE + 1), ("one-chunk-less", SIZE - CHUNK)):
         v.add(f"disk-size-{name}", f"The disk size is {size}, the table covers {SIZE}.", edit=header(diskSize=size),
@@ -256,12 +256,12 @@ def header_fields(v):
           edit=header(chunkCount=0))
     v.add("chunk-count-one-less", "The chunk count is 2: what stands behind the second entry is taken for data.",
           edit=header(chunkCount=2), found={0: HASH, 1: HASH})
-    v.add("chunk-count-one-more", "The chunk count is 4: the first data are taken for an entry, and all data lie later.",
+    v.add("chunk-count-one-more", "The chunk count is 4: the first data are taken for an entry, and data lie later.",
           edit=header(chunkCount=4), found={0: HASH, 1: HASH, 2: CUT})
     v.add("last-chunk-missing", "Count, table and data agree on two chunks, and the disk size asks for three.",
           edit=without_last)
-    v.add("chunk-behind-the-disk", "Count, table and data have one chunk more than the disk size asks for. It counts as "
-                                   "whole and has no room on a disk of that size.", edit=with_one_more,
+    v.add("chunk-behind-the-disk", "Count, table and data have one chunk more than the disk size asks for. It counts "
+                                   "as whole and has no room on a disk of that size.", edit=with_one_more,
           plain=CHUNKS + [bytes(CHUNK)])
     for count in (1000, 1000000):
         v.add(f"chunk-count-{count}", f"The chunk count is {count}, and the file holds three.",
@@ -276,7 +276,7 @@ def header_fields(v):
           opening=ABNORMAL)
 
     for field, value in (("salt", b"s" * 16), ("kdfIterations", 1), ("epoch", 1)):
-        v.add(f"plain-with-{field.lower()}", f"A plain image carries {field}: a reader that has no use for it passes over.",
+        v.add(f"plain-with-{field.lower()}", f"A plain image carries {field}: a reader that has no use for it goes on.",
               edit=header(**{field: value}))
 
 
@@ -300,7 +300,8 @@ def keys_and_passwords(v):
                                  ("empty-password-file", "empty.password", {"opening": EMPTY_PASSWORD}),
                                  ("password-file-of-line-ends", "line-ends.password", {"opening": EMPTY_PASSWORD}),
                                  ("absent-password-file", "absent.password", {"opening": NO_PASSWORD_FILE})):
-        v.add(name, f"A sound sealed image, and {name.replace('-', ' ')}.", use="sealed.kstx", password=password, **more)
+        v.add(name, f"A sound sealed image, and {name.replace('-', ' ')}.", use="sealed.kstx", password=password,
+              **more)
     for flag in (2, 128, 255):
         v.add(f"encrypted-{flag}", f"The flag is {flag}: any value but 0 means sealed.", seal=True,
               edit=header(encrypted=flag))
@@ -325,8 +326,8 @@ def keys_and_passwords(v):
           found=every_tag)
 
     v.make("other-password-base.kstx", password=b"another")
-    v.add("base-with-another-password", "The base was sealed with another password: opening passes, the first reference "
-                                        "doesn't.", disk=NEW, seal=True, base="other-password-base.kstx",
+    v.add("base-with-another-password", "The base was sealed with another password: opening passes, the first "
+                                        "reference doesn't.", disk=NEW, seal=True, base="other-password-base.kstx",
           found={0: BAD_TAG})
     v.add("base-with-another-password-unused", "The base was sealed with another password, and no chunk refers to it.",
           disk=OTHER, seal=True, base="other-password-base.kstx")
@@ -342,7 +343,8 @@ def keys_and_passwords(v):
 
 def cut_files(v):
     for length in (0, 1, 7, 8, 12, 36, 37, 60, 63):
-        v.add(f"cut-{length}", f"The file ends after {length} bytes, in the header.", raw=cut(length), opening=NO_HEADER)
+        v.add(f"cut-{length}", f"The file ends after {length} bytes, in the header.", raw=cut(length),
+              opening=NO_HEADER)
     for length in (64, 65, 64 + 71, 64 + 72, 64 + 73, TABLE_END - 72, TABLE_END - 1):
         v.add(f"cut-{length}", f"The file ends after {length} bytes, in the table or before it.", raw=cut(length),
               opening=NO_TABLE)
@@ -372,8 +374,8 @@ def cut_files(v):
               disk=NEW, base="base.kstx", raw=cut(length), opening=NO_TRAILER)
     v.add("thin-bytes-behind", "Bytes stand behind the trailer: the file's last four bytes are no length.", disk=NEW,
           base="base.kstx", edit=lambda record: setattr(record, "tail", b"more"), opening=NO_TRAILER)
-    v.add("thin-bytes-before-trailer", "Bytes stand between the data area and the trailer: nobody reads them.", disk=NEW,
-          base="base.kstx", edit=lambda record: setattr(record, "gap", b"more"))
+    v.add("thin-bytes-before-trailer", "Bytes stand between the data area and the trailer: nobody reads them.",
+          disk=NEW, base="base.kstx", edit=lambda record: setattr(record, "gap", b"more"))
 
 
 def table_entries(v):
@@ -397,10 +399,10 @@ def table_entries(v):
 
     longer = {"found": {1: HASH}, "fetched": {1: OK}}
     for length in (CHUNK + 1, 2 * CHUNK):
-        v.add(f"stored-length-{length}", f"Chunk 1 has {length} stored bytes in place of {CHUNK}. Fetched by itself, its "
-                                         "beginning is what counts.", edit=resized(1, length), **longer)
-    v.add("stored-length-longer-sealed", "A sealed chunk has one stored byte too many behind its ciphertext.", seal=True,
-          edit=resized(1, CHUNK + 1), found={1: TAG}, fetched={1: OK})
+        v.add(f"stored-length-{length}", f"Chunk 1 has {length} stored bytes in place of {CHUNK}. Fetched by itself, "
+                                         "its beginning is what counts.", edit=resized(1, length), **longer)
+    v.add("stored-length-longer-sealed", "A sealed chunk has one stored byte too many behind its ciphertext.",
+          seal=True, edit=resized(1, CHUNK + 1), found={1: TAG}, fetched={1: OK})
     v.add("stored-length-longer-absent", "Chunk 1 claims one byte more than it has: the last chunk begins a byte late "
                                          "and is cut.", edit=entry(1, storedLength=CHUNK + 1),
           found={1: HASH, 2: CUT}, fetched={1: OK})
@@ -414,8 +416,8 @@ def table_entries(v):
           found={1: HASH})
     v.add("stored-length-shorter-left", "Chunk 1 claims one byte less than it has: the last chunk begins a byte early.",
           edit=entry(1, storedLength=CHUNK - 1), found={1: HASH, 2: HASH})
-    v.add("last-stored-length-longer", "The last chunk claims a whole chunk's length.", edit=entry(2, storedLength=CHUNK),
-          found={2: CUT})
+    v.add("last-stored-length-longer", "The last chunk claims a whole chunk's length.",
+          edit=entry(2, storedLength=CHUNK), found={2: CUT})
     for i in EVERY:
         v.add(f"stored-length-largest-{i}", f"The length of chunk {i} is 2 to the power 32, less 1.",
               edit=entry(i, storedLength=2**32 - 1), found={i: CUT})
@@ -426,18 +428,19 @@ def table_entries(v):
     v.add("stored-lengths-largest", "Every length is 2 to the power 32, less 1.", found={0: CUT},
           edit=both(*(entry(i, storedLength=2**32 - 1) for i in EVERY)))
     for length in (CHUNK + 58, 2**32 - 1):
-        v.add(f"thin-stored-length-{length}", "The data of a thin image end, by its table, where its trailer has begun.",
+        v.add(f"thin-stored-length-{length}", "The data of a thin image end, by its table, where its trailer began.",
               disk=NEW, base="base.kstx", edit=entry(1, storedLength=length), opening=NO_TRAILER)
-    v.add("thin-stored-length-513", "The data of a thin image reach, by its table, one byte into its trailer.", disk=NEW,
-          base="base.kstx", edit=entry(1, storedLength=CHUNK + 1), opening=NO_TRAILER)
+    v.add("thin-stored-length-513", "The data of a thin image reach, by its table, one byte into its trailer.",
+          disk=NEW, base="base.kstx", edit=entry(1, storedLength=CHUNK + 1), opening=NO_TRAILER)
 
     for field, size in (("nonce", 12), ("tag", 16)):
         for offset in (0, size - 1):
             v.add(f"{field}-byte-{offset}", f"Byte {offset} of a sealed chunk's {field} is another.", seal=True,
                   edit=flip(field, 1, offset), found={1: TAG})
-        v.add(f"{field}-zero", f"The {field} of a sealed chunk is zero.", seal=True, edit=entry(0, **{field: bytes(size)}),
-              found={0: TAG})
-        v.add(f"plain-with-{field}", f"A plain chunk has a {field}: nobody looks.", edit=entry(0, **{field: b"x" * size}))
+        v.add(f"{field}-zero", f"The {field} of a sealed chunk is zero.", seal=True,
+              edit=entry(0, **{field: bytes(size)}), found={0: TAG})
+        v.add(f"plain-with-{field}", f"A plain chunk has a {field}: nobody looks.",
+              edit=entry(0, **{field: b"x" * size}))
         v.add(f"reference-with-{field}", f"A reference has a {field}: nobody looks.", disk=NEW, seal=True,
               base="sealed-base.kstx", edit=entry(0, **{field: b"x" * size}))
 
@@ -483,8 +486,8 @@ def data_areas(v):
           found={0: TAG, 1: TAG})
     for seal in (False, True):
         v.add("sealed-chunks-swapped" if seal else "chunks-swapped",
-              "Chunks 0 and 1 have changed places together with their entries, but for where they belong: nothing binds "
-              "a chunk to its place.", seal=seal, edit=swapped_chunks, plain=[CHUNKS[1], CHUNKS[0], CHUNKS[2]])
+              "Chunks 0 and 1 have changed places together with their entries, but for where they belong: nothing "
+              "binds a chunk to its place.", seal=seal, edit=swapped_chunks, plain=[CHUNKS[1], CHUNKS[0], CHUNKS[2]])
     v.add("changed-with-digest", "A plain chunk was changed together with its digest: nothing tells.",
           edit=changed_with_digest, plain=[CHUNKS[0], bytes(CHUNK), CHUNKS[2]])
     v.make("sealed-apart.kstx", password=SECRET)
@@ -559,8 +562,8 @@ def trailers(v):
     for name, base in (("utf-8", "b\u00e4se.kstx".encode()), ("bytes", b"\xff\x80.kstx")):
         thin(f"base-name-{name}", "The base is there, under a name that isn't plain ASCII.", named(base),
              bases=[], places={os.fsdecode(base): "base.kstx"})
-    thin("base-name-zero", "A zero byte ends the base's name early, and a base of the shorter name is there: text ends at "
-                           "a zero byte where the system looks.", named(b"base.kstx\0.absent"))
+    thin("base-name-zero", "A zero byte ends the base's name early, and a base of the shorter name is there: text ends "
+                           "at a zero byte where the system looks.", named(b"base.kstx\0.absent"))
     thin("base-name-zero-first", "The base's name begins with a zero byte: an empty path, which leads nowhere.",
          named(b"\0base.kstx"), opening=missing_base("", error=3))
 
@@ -585,7 +588,8 @@ def bases(v):
         return {"opening": other_base(f"{name}-base.kstx")}
 
     for name, edit in (("epoch", header(epoch=1)), ("sector-size", header(sectorSize=4096)),
-                       ("hash", flip("hash", 1, 0)), ("last-tag", flip("tag", 2, 15)), ("salt", header(salt=b"s" * 16))):
+                       ("hash", flip("hash", 1, 0)), ("last-tag", flip("tag", 2, 15)),
+                       ("salt", header(salt=b"s" * 16))):
         name = f"base-changed-{name}"
         on(name, f"The base's {name[13:].replace('-', ' ')} is another than when the image was made against it.", edit,
            **replaced(name))
@@ -631,7 +635,7 @@ def bases(v):
     v.add("sealed-in-the-middle", "Nothing: plain on sealed on plain.", disk=NEW, password=RIGHT,
           base="middle-sealed.kstx", bases=["base.kstx"])
     v.make("middle-other-password.kstx", disk=NEW, password=b"another", base="base.kstx")
-    v.add("other-password-in-the-middle", "The image in the middle of a chain has another password; its own chunk is 1.",
+    v.add("other-password-in-the-middle", "The image in the middle of a chain has another password. Its chunk is 1.",
           disk=NEW, password=RIGHT, base="middle-other-password.kstx", bases=["base.kstx"], found={1: BAD_TAG})
 
 
@@ -691,8 +695,8 @@ def capture_sized(v):
     add("stored-length-longer", "One stored byte too many, which is there.", edit=resized(0, SIZE + 1), found={0: HASH},
         fetched={0: OK})
     add("stored-length-shorter", "One stored byte too few.", edit=resized(0, SIZE - 1), found={0: HASH})
-    add("stored-length-largest", "The stored length is 2 to the power 32, less 1.", edit=entry(0, storedLength=2**32 - 1),
-        found={0: CUT})
+    add("stored-length-largest", "The stored length is 2 to the power 32, less 1.",
+        edit=entry(0, storedLength=2**32 - 1), found={0: CUT})
     add("cut", "The file ends one byte early.", raw=lambda data: data[:-1], found={0: CUT})
     add("cut-table", "The file ends in its table.", raw=cut(64 + 71), opening=NO_TABLE)
     add("cut-trailer", "A thin image ends in its trailer.", base="large-base.kstx", raw=lambda data: data[:-1],

@@ -60,6 +60,7 @@ CUT_BELOW = Fault("could not read chunk data from image (truncated?)")
 FETCHED = {HASH: BAD_HASH, TAG: BAD_TAG, CUT: CUT_BELOW}  # the same finding where a chunk is fetched by itself
 
 VERIFY_CUT = Fault("could not read chunk data - image is truncated")
+ABORTED = {TAG: "failed authentication (corrupt/tampered image)", HASH: "hash mismatch (corrupt image)"}
 RESTORE_CUT = Fault("could not read chunk data from image - restore aborted, target disk left partially written")
 NOT_WRITTEN = "WriteFile to target disk failed mid-restore - target disk left partially written, do not boot it yet"
 SOURCE_DIFFERS = Fault("--base image geometry does not match source disk")
@@ -183,7 +184,7 @@ def restore(image):
         if finding == CUT:
             return ended(out, RESTORE_CUT, target)
         if finding == TAG or (finding == HASH and not image.header.encrypted):
-            what = "failed authentication (corrupt/tampered image)" if finding == TAG else "hash mismatch (corrupt image)"
+            what = ABORTED[finding]
             return Outcome(1, out, f"\nFATAL: chunk {i} {what} - restore aborted, target disk left partially "
                                    "written.\n", target)
         if entry.diskOffset < 2**63:  # else the seek fails, and the chunk goes where the last one ended
@@ -266,8 +267,8 @@ def capture_thin(image):
     out, end = capture_begins(image, NO_TRACKER)
     if end:
         return end
-    out += (f"  --base: cannot prove what changed ({NO_DRIVER}) - reading every chunk and comparing hashes with the base "
-            "(no driver needed; slower to read, still a small file).\n")
+    out += (f"  --base: cannot prove what changed ({NO_DRIVER}) - reading every chunk and comparing hashes with the "
+            "base (no driver needed; slower to read, still a small file).\n")
     own = own_geometry(image)
     own.version = THIN
     name = image.image.encode()
@@ -275,8 +276,8 @@ def capture_thin(image):
     stored = entry.hash != image.table[0].hash
     entry.storedLength = len(image.disk) if stored else 0
     out += whole_progress(len(image.disk), CAPTURE_CHUNK) + "\n"
-    out += (f"Capture complete (thin): {NEW}  (stored {int(stored)} of 1 chunks, {int(not stored)} are references to the "
-            "base; read from disk: 1)\n")
+    out += (f"Capture complete (thin): {NEW}  (stored {int(stored)} of 1 chunks, {int(not stored)} are references to "
+            "the base; read from disk: 1)\n")
     trailer = Trailer(TRAILER_MAGIC, len(name), name, image_id(image.head), len(name) + 48)
     return Outcome(0, out, "", Record(own, [entry], [image.disk if stored else b""], trailer=trailer).encode())
 

@@ -1,7 +1,7 @@
 """Images of tests/vectors under the Windows program: every eighth one, so that each kind of defect has some.
 
-Disks answer nothing here, so verify and consolidate are what is run. A table of gigabytes is left out: whether that much
-memory is promised is Windows' own affair.
+Disks answer nothing here, so verify and consolidate are what is run. A table of gigabytes is left out: whether that
+much memory is promised is Windows' own affair.
 """
 import re
 
