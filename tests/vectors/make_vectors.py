@@ -18,8 +18,7 @@ sys.dont_write_bytecode = True
 
 import kestrix_image
 import outcomes
-from kestrix_image import (CAPTURE_CHUNK, ENTRY, HEADER, THIN, Entry, decode_header, decode_table,
-                           seeded_disk)
+from kestrix_image import (CAPTURE_CHUNK, ENTRY, HEADER, THIN, Entry, decode_header, decode_table, seeded_disk)
 from outcomes import (BAD_HASH, BAD_TAG, BAD_TRAILER, CUT, CUT_BELOW, EMPTY_PASSWORD, HASH, NO_BASE_IN_CHUNK, NO_HEADER,
                       NO_ITERATIONS, NO_PASSWORD, NO_PASSWORD_FILE, NO_TABLE, NO_TRAILER, NOT_AN_IMAGE, OK,
                       OTHER_GEOMETRY, OUTSIDE, TAG, TOO_DEEP, Statement, missing_base, not_opened, other_base)
