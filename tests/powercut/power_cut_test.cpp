@@ -1,0 +1,392 @@
+// A power cut at any moment of a capture or a consolidation, and verify and restore on what it leaves.
+//
+// The law: whatever verify accepts holds the disk's bytes, and restore writes exactly them. What verify refuses once it
+// has come to the chunks, restore doesn't finish, and each chunk that it wrote until then is the disk's.
+//
+// The states: each prefix of the writes, and for the last 16 units of 4 KiB each of their 65,536 subsets; all of them
+// twice, with the file as long as the writes in it reach, and, where that is shorter, with its final length. Stretches
+// of zeros on the disk, as long as a unit, make states of equal content: verify has to accept those. Beyond the small
+// files, where every state is looked at, two captures of several chunks of 4 MiB are checked: one subset in 61, or all
+// of them if the environment variable KESTRIX_CRASH_STATES is "whole". If KESTRIX_FIGURES names a folder, the counts
+// go into crash_states.tsv there.
+#include "powercut/crash_states.h"
+#include "simulator/run_command.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+
+namespace
+{
+using Arguments = std::vector<std::string>;
+
+constexpr char path[] = "image.kstx";
+constexpr size_t subsetUnits = 16;
+constexpr size_t fewSubsets = 61; // the stride where not every subset is looked at
+constexpr uint8_t untouched = 0xEE;
+
+// A run whose writes are cut short, and what comes of it, counted by hand.
+struct Cut {
+    const char *kind;
+    Arguments arguments;
+    std::vector<Bytes> disks; // the one that the image is to hold, and the one that was in an older image
+    uint64_t chunkBytes;
+    size_t stride;
+    size_t writes;
+    size_t units;
+    size_t states;   // at stride 1
+    size_t accepted; // likewise
+};
+
+struct Counts {
+    size_t states = 0;
+    size_t accepted = 0;
+    size_t restored = 0;
+};
+
+bool IsWhole()
+{
+    const char *wanted = getenv("KESTRIX_CRASH_STATES");
+    return wanted != nullptr && std::string(wanted) == "whole";
+}
+
+// The binary number whose Gray code has all of these bits set.
+size_t PlaceOfAllBits(size_t bits)
+{
+    size_t place = 0;
+    for (size_t bit = 0; bit < bits; ++bit) {
+        place = (place << 1) | ((bit & 1) == 0 ? 1U : 0U);
+    }
+    return place;
+}
+
+// Every state of the units, each once: so many of them from the first on, and subsets of the last ones in an order in
+// which neighbours differ by a unit. The complete file is among them whatever the stride.
+void ForEachKept(size_t unitCount, size_t stride, const std::function<void(const Kept &kept)> &look)
+{
+    const size_t varied = std::min(unitCount, subsetUnits);
+    const size_t settled = unitCount - varied;
+    Kept kept(unitCount);
+    for (size_t i = 0; i < settled; ++i) {
+        look(kept);
+        kept[i] = true;
+    }
+    for (size_t place = PlaceOfAllBits(varied) % stride; place < size_t{1} << varied; place += stride) {
+        const size_t subset = place ^ (place >> 1);
+        for (size_t bit = 0; bit < varied; ++bit) {
+            kept[settled + bit] = (subset >> bit & 1) != 0;
+        }
+        look(kept);
+    }
+}
+
+// One kind of cut: the file, the machine that looks at it, and what was found so far.
+struct Examination {
+    const Cut &cut;
+    Machine &machine;
+    StateFile file;
+    Counts counts;
+    std::vector<Bytes> restoredContents;
+
+    const Bytes &RestoredDisk()
+    {
+        return machine.disks[2].bytes;
+    }
+
+    RunResult Restore()
+    {
+        machine.disks[2].bytes.assign(cut.disks[0].size(), untouched);
+        return RunCommand(machine,
+                          {"restore", "--in", path, "--disk", "2", "--confirm", "YES", "--password-file", "pw"});
+    }
+
+    // Each chunk that was written is one of the disk's.
+    bool WroteOnlyChunksOfTheDisk()
+    {
+        const Bytes &written = RestoredDisk();
+        for (uint64_t start = 0; start < written.size(); start += cut.chunkBytes) {
+            const auto first = written.begin() + static_cast<std::ptrdiff_t>(start);
+            const auto last = first + static_cast<std::ptrdiff_t>(std::min(cut.chunkBytes, written.size() - start));
+            const auto isOn = [&](const Bytes &disk) {
+                return std::equal(first, last, disk.begin() + static_cast<std::ptrdiff_t>(start));
+            };
+            if (!std::all_of(first, last, [](uint8_t byte) { return byte == untouched; }) &&
+                std::none_of(cut.disks.begin(), cut.disks.end(), isOn)) {
+                return false;
+            }
+        }
+        return true;
+    }
+
+    void CheckAccepted()
+    {
+        const Bytes shown(file.content.begin(), file.content.begin() + static_cast<std::ptrdiff_t>(file.lengthBytes));
+        ++counts.accepted;
+        if (std::count(restoredContents.begin(), restoredContents.end(), shown) != 0) {
+            return;
+        }
+        const RunResult restored = Restore();
+        EXPECT_EQ(restored.exitStatus, 0) << restored.errorText;
+        EXPECT_EQ(std::count(cut.disks.begin(), cut.disks.end(), RestoredDisk()), 1);
+        restoredContents.push_back(shown);
+        ++counts.restored;
+    }
+
+    void CheckRefused(const RunResult &verified)
+    {
+        EXPECT_EQ(verified.exitStatus, 1);
+        EXPECT_FALSE(verified.abnormalEnd) << verified.abnormalText;
+        if (!verified.outputText.empty()) { // it came to the chunks
+            EXPECT_EQ(Restore().exitStatus, 1);
+            EXPECT_TRUE(WroteOnlyChunksOfTheDisk());
+        }
+    }
+
+    void CheckState(const Kept &kept, uint64_t lengthBytes)
+    {
+        if (testing::Test::HasFailure()) {
+            return; // one broken state is told of, not thousands
+        }
+        Show(file, kept, lengthBytes);
+        ++counts.states;
+        const RunResult verified = RunCommand(machine, {"verify", "--in", path, "--password-file", "pw"});
+        if (verified.exitStatus == 0 && !verified.abnormalEnd) {
+            CheckAccepted();
+        } else {
+            CheckRefused(verified);
+        }
+        EXPECT_EQ(machine.misuses, std::vector<std::string>());
+        if (testing::Test::HasFailure()) {
+            ADD_FAILURE() << Described(kept) << "verify printed: " << verified.outputText << verified.errorText;
+        }
+    }
+
+    std::string Described(const Kept &kept) const
+    {
+        std::string text = "a file of " + std::to_string(file.lengthBytes) + " bytes without";
+        for (size_t i = 0; i < kept.size(); ++i) {
+            const Write &unit = file.units[i];
+            text += kept[i] ? "" : " " + std::to_string(unit.bytes.size()) + "@" + std::to_string(unit.offset);
+        }
+        return text + "\n";
+    }
+
+    void CheckAllStates()
+    {
+        const uint64_t finalLength = file.ground.size();
+        const size_t stride = IsWhole() ? 1 : cut.stride;
+        ForEachKept(file.units.size(), stride, [&](const Kept &kept) { CheckState(kept, LengthOf(file.units, kept)); });
+        ForEachKept(file.units.size(), stride, [&](const Kept &kept) {
+            if (LengthOf(file.units, kept) != finalLength) {
+                CheckState(kept, finalLength);
+            }
+        });
+    }
+};
+
+// Noise with zeros in these stretches.
+Bytes DiskWithZeros(uint64_t lengthBytes, uint32_t seed, const std::vector<std::pair<uint64_t, uint64_t>> &stretches)
+{
+    Bytes disk = PatternBytes(lengthBytes, seed);
+    for (const auto &[start, length] : stretches) {
+        std::fill_n(disk.begin() + static_cast<std::ptrdiff_t>(start), length, uint8_t{0});
+    }
+    return disk;
+}
+
+struct PowerCut : testing::Test {
+    PowerCut()
+    {
+        WriteText("pw", "password\n");
+        machine.derivedKeys.emplace();
+        machine.disks[1].refusesUnaligned = false;
+        machine.disks[2].refusesUnaligned = false;
+    }
+
+    static void TearDownTestSuite()
+    {
+        const char *folder = getenv("KESTRIX_FIGURES");
+        if (folder != nullptr) {
+            std::ofstream file(std::string(folder) + "/crash_states.tsv", std::ios::binary);
+            file << "kind\twrites\tunits\tstates\taccepted\trestored\n" << figures;
+        }
+    }
+
+    // Runs the command once, and then looks at every state that a cut of it may leave. Where nothing was written, the
+    // older image's bytes show if there are any.
+    void Examine(const Cut &cut, const Bytes &olderImage = {})
+    {
+        WriteLog log;
+        machine.disks[1].bytes = cut.disks[0];
+        LogWrites(machine, path, &log);
+        const RunResult run = RunCommand(machine, cut.arguments);
+        machine.onCall = nullptr;
+        ASSERT_EQ(run.exitStatus, 0) << run.errorText;
+        EXPECT_EQ(log.lengthBefore, 0U);
+        const Bytes complete = ReadBytes(path);
+
+        Examination examination = {cut, machine, MakeStateFile(path, CutToBlocks(log.writes), olderImage), {}, {}};
+        const size_t unitCount = examination.file.units.size();
+        Show(examination.file, Kept(unitCount, true), complete.size());
+        ASSERT_TRUE(ReadBytes(path) == complete) << "the log of the writes is not what is in the file";
+        examination.CheckAllStates();
+
+        const Counts &counts = examination.counts;
+        EXPECT_EQ(log.writes.size(), cut.writes);
+        EXPECT_EQ(unitCount, cut.units);
+        const bool isWhole = cut.stride == 1 || IsWhole();
+        EXPECT_TRUE(isWhole ? counts.states == cut.states : counts.states > cut.states / cut.stride) << counts.states;
+        EXPECT_EQ(counts.accepted, cut.accepted);
+        figures += std::string(cut.kind) + "\t" + std::to_string(log.writes.size()) + "\t" + std::to_string(unitCount) +
+                   "\t" + std::to_string(counts.states) + "\t" + std::to_string(counts.accepted) + "\t" +
+                   std::to_string(counts.restored) + "\n";
+    }
+
+    static Arguments CaptureArguments(const Arguments &options = {})
+    {
+        Arguments arguments = {"capture", "--disk", "1", "--out", path};
+        arguments.insert(arguments.end(), options.begin(), options.end());
+        return arguments;
+    }
+
+    static Arguments ConsolidateArguments(const Arguments &options = {})
+    {
+        Arguments arguments = {"consolidate", "--in", "thin.kstx", "--out", path};
+        arguments.insert(arguments.end(), options.begin(), options.end());
+        return arguments;
+    }
+
+    // base.kstx and thin.kstx of the disk, every third chunk in the base alone; keys are made in no time.
+    static void WriteChain(const Bytes &disk, uint32_t chunkBytes, bool isSealed)
+    {
+        ImagePlan base;
+        base.disk = PatternBytes(disk.size(), 50);
+        for (uint64_t start = 0; start < disk.size(); start += 3 * chunkBytes) {
+            const auto place = static_cast<std::ptrdiff_t>(start);
+            std::copy_n(disk.begin() + place, std::min<uint64_t>(chunkBytes, disk.size() - start),
+                        base.disk.begin() + place);
+        }
+        base.chunkSize = chunkBytes;
+        base.encrypted = isSealed;
+        base.kdfIterations = 2;
+        ImagePlan thin = ThinPlan(base, "base.kstx", disk);
+        thin.salt[0] = 77;
+        WriteBytes("base.kstx", BuildImage(base));
+        WriteBytes("thin.kstx", BuildImage(thin));
+    }
+
+    // A full image of an older disk of that length as base.kstx.
+    static void WriteBase(const Bytes &disk)
+    {
+        ImagePlan base;
+        base.disk = disk;
+        WriteBytes("base.kstx", BuildImage(base));
+    }
+
+    Scratch scratch;
+    Machine machine;
+    static std::string figures;
+};
+
+std::string PowerCut::figures;
+
+// A disk of one chunk that gives an image of 15 units of data from offset 136 on, with header and table 17. Units 5, 6
+// and 15 of the data hold zeros only.
+Bytes SmallDisk()
+{
+    return DiskWithZeros(56 * KiB, 1, {{3960 + 3 * 4096, 2 * 4096}, {3960 + 13 * 4096, 136}});
+}
+} // namespace
+
+// States: prefix 0 twice; 65,536 subsets, and the half without the file's end again with the final length. Accepted: 4
+// with any of units 5 and 6 of the data, and as many with the final length and without unit 15.
+TEST_F(PowerCut, InAFullCaptureLeavesNoWrongImage)
+{
+    Examine({"full capture", CaptureArguments(), {SmallDisk()}, 4 * MiB, 1, 3, 17, 98306, 8});
+}
+
+// Sealed zeros are noise: the complete file alone is accepted.
+TEST_F(PowerCut, InASealedCaptureLeavesNoWrongImage)
+{
+    const Arguments arguments = CaptureArguments({"--encrypt", "--password-file", "pw"});
+    Examine({"sealed capture", arguments, {SmallDisk()}, 4 * MiB, 1, 3, 17, 98306, 1});
+}
+
+// The data ends 30 bytes ahead of a block, which cuts the trailer of 57 bytes in two: 14 units of data, 18 in all.
+TEST_F(PowerCut, InAThinCaptureLeavesNoWrongImage)
+{
+    const Bytes disk = DiskWithZeros(14 * 4096 - 30 - 136, 1, {{3960 + 3 * 4096, 2 * 4096}});
+    WriteBase(PatternBytes(disk.size(), 2));
+    const Arguments arguments = CaptureArguments({"--base", "base.kstx", "--thin"});
+    Examine({"thin capture", arguments, {disk}, 4 * MiB, 1, 4, 18, 98308, 4});
+}
+
+// Trailer, header and table, each in a unit: 8 subsets, and the 4 without the trailer again.
+TEST_F(PowerCut, InAThinCaptureOfAnUnchangedDiskLeavesNoWrongImage)
+{
+    WriteBase(SmallDisk());
+    const Arguments arguments = CaptureArguments({"--base", "base.kstx", "--thin"});
+    Examine({"thin capture, nothing changed", arguments, {SmallDisk()}, 4 * MiB, 1, 3, 3, 12, 1});
+}
+
+// 4 MiB from offset 208 on are 1,025 units, 40 KiB behind them 11. The prefixes of 1,022 units are looked at twice.
+TEST_F(PowerCut, InACaptureOfTwoChunksLeavesNoWrongImage)
+{
+    const Bytes disk = PatternBytes(4 * MiB + 40 * KiB, 1);
+    Examine({"full capture, two chunks", CaptureArguments(), {disk}, 4 * MiB, fewSubsets, 4, 1038, 100348, 1});
+}
+
+// The first chunk is the base's. 13 units of data, the trailer behind them in one.
+TEST_F(PowerCut, InAThinCaptureOfTwoChunksLeavesNoWrongImage)
+{
+    const Bytes disk = PatternBytes(4 * MiB + 48 * KiB, 1);
+    Bytes older = disk;
+    older.back() ^= 0xFF;
+    WriteBase(older);
+    const Arguments arguments = CaptureArguments({"--base", "base.kstx", "--thin"});
+    Examine({"thin capture, two chunks", arguments, {disk}, 4 * MiB, fewSubsets, 4, 16, 98304, 1});
+}
+
+// The table of 170 entries ends at 12,304, so that its fourth and last unit is the tag of the last entry: zeros in a
+// plain image. Data: 11 units, of which the third, the fourth and the last hold zeros only.
+TEST_F(PowerCut, InAConsolidationLeavesNoWrongImage)
+{
+    const Bytes disk = DiskWithZeros(170 * 256, 1, {{4080 + 4096, 2 * 4096}, {4080 + 9 * 4096, 2576}});
+    WriteChain(disk, 256, false);
+    Examine({"consolidation", ConsolidateArguments(), {disk}, 256, 1, 172, 16, 98304, 16});
+}
+
+// The table of 113 entries ends at 8,200: the last 8 bytes of the last tag are a unit of their own.
+TEST_F(PowerCut, InASealedConsolidationLeavesNoWrongImage)
+{
+    const Bytes disk = PatternBytes(113 * 448, 1);
+    WriteChain(disk, 448, true);
+    const Arguments arguments = ConsolidateArguments({"--encrypt", "--password-file", "pw"});
+    Examine({"consolidation, sealed anew", arguments, {disk}, 448, 1, 115, 17, 98306, 1});
+}
+
+// The worst that can become of replacing an image: the bytes of the older one show wherever nothing was written, as if
+// the file had never been emptied. Either disk comes out of it, and no mixture. 6 units of data, 8 in all. Both plain
+// headers are the same: the new image is accepted with either, and the old one too once the file is as long.
+TEST_F(PowerCut, InACaptureOverAnOlderImageLeavesOneOfTheTwo)
+{
+    const std::vector<Bytes> disks = {PatternBytes(20 * KiB, 1), PatternBytes(20 * KiB, 2)};
+    ImagePlan older;
+    older.disk = disks[1];
+    WriteBytes(path, BuildImage(older));
+    Examine({"capture over an older image", CaptureArguments(), disks, 4 * MiB, 1, 3, 8, 384, 4}, BuildImage(older));
+}
+
+TEST_F(PowerCut, InASealedCaptureOverAnOlderImageLeavesOneOfTheTwo)
+{
+    const std::vector<Bytes> disks = {PatternBytes(20 * KiB, 1), PatternBytes(20 * KiB, 2)};
+    ImagePlan older;
+    older.disk = disks[1];
+    older.encrypted = true;
+    WriteBytes(path, BuildImage(older));
+    const Arguments arguments = CaptureArguments({"--encrypt", "--password-file", "pw"});
+    Examine({"sealed capture over an older image", arguments, disks, 4 * MiB, 1, 3, 8, 384, 2}, BuildImage(older));
+}
