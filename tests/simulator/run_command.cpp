@@ -43,6 +43,9 @@ std::string TextFrom(const CaughtStream &caught, size_t start)
 {
     // The position is the stream's too; what was read to its end leaves it where the stream goes on.
     const auto end = lseek(caught.memory, 0, SEEK_END);
+    if (end == static_cast<off_t>(start)) {
+        return "";
+    }
     std::string text(static_cast<size_t>(end) - start, '\0');
     Check(lseek(caught.memory, static_cast<off_t>(start), SEEK_SET) >= 0, "reading a caught stream");
     for (size_t done = 0; done < text.size();) {
