@@ -26,8 +26,13 @@ using Arguments = std::vector<std::string>;
 
 constexpr char path[] = "image.kstx";
 constexpr size_t subsetUnits = 16;
-constexpr size_t manySubsets = 5; // strides of an ordinary run
+#ifdef _WIN32
+constexpr size_t manySubsets = 601; // strides of an ordinary run; what it is run with opens files slowly
+constexpr size_t fewSubsets = 601;
+#else
+constexpr size_t manySubsets = 5;
 constexpr size_t fewSubsets = 61;
+#endif
 constexpr size_t restoresOfRefused = 16;
 constexpr uint8_t untouched = 0xEE;
 
@@ -213,7 +218,7 @@ struct PowerCut : testing::Test {
     PowerCut()
     {
         WriteText("pw", "password\n");
-        machine.derivedKeys.emplace();
+        machine.mostIterations = 1;
         machine.disks[1].refusesUnaligned = false;
         machine.disks[2].refusesUnaligned = false;
     }

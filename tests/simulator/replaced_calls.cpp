@@ -586,22 +586,12 @@ NTSTATUS REPLACEMENT(BCryptDeriveKeyPBKDF2)(BCRYPT_ALG_HANDLE prf, PUCHAR passwo
     call.fields["iterations"] = iterations;
     call.fields["flags"] = flags;
     call.input = BytesAt(salt, saltLength);
+    const ULONGLONG rounds = std::min<ULONGLONG>(iterations, running->machine->mostIterations);
     return StatusOf(Perform(call, [&](uint64_t) {
-        if (held == nullptr) {
-            return BadHandle(call);
-        }
-        auto &keys = running->machine->derivedKeys;
-        const DerivationInput source = {BytesAt(password, passwordLength), call.input, iterations, derivedKeyLength};
-        if (keys && keys->count(source) != 0) {
-            std::copy_n(keys->at(source).begin(), derivedKeyLength, derivedKey);
-            return Outcome();
-        }
-        const Outcome outcome = FromStatus(REAL(BCryptDeriveKeyPBKDF2)(
-            held->real, password, passwordLength, salt, saltLength, iterations, derivedKey, derivedKeyLength, flags));
-        if (keys && outcome.succeeded) {
-            (*keys)[source] = BytesAt(derivedKey, derivedKeyLength);
-        }
-        return outcome;
+        return held == nullptr
+                   ? BadHandle(call)
+                   : FromStatus(REAL(BCryptDeriveKeyPBKDF2)(held->real, password, passwordLength, salt, saltLength,
+                                                            rounds, derivedKey, derivedKeyLength, flags));
     }));
 }
 

@@ -1,4 +1,5 @@
 // The simulator itself: that it catches what it claims to catch, and that its fakes are honest.
+#include "crypto/primitives.h"
 #include "simulator/images.h"
 #include "simulator/run_command.h"
 #include "simulator/sample_calls.h"
@@ -541,6 +542,16 @@ TEST(Simulator, FailsTheAllocationOfThatCount)
     EXPECT_TRUE(result.abnormalEnd);
     EXPECT_EQ(result.abnormalText, "std::bad_alloc");
     EXPECT_EQ(result.outputText, "");
+}
+
+TEST(Simulator, DerivesAKeyInFewerRoundsThanTheLogTells)
+{
+    Machine machine;
+    machine.mostIterations = 1;
+    std::array<uint8_t, 32> key = {};
+    RunCode(machine, [&key] { DeriveKey("password", Bytes(16).data(), 1000, key.data()); });
+    EXPECT_EQ(key, Pbkdf2Of("password", {}, 1));
+    EXPECT_EQ(Field(CallsOf(machine, "BCryptDeriveKeyPBKDF2").at(0), "iterations"), 1000U);
 }
 
 TEST(Simulator, LetsATestChangeTheMachineInTheMiddleOfARun)
