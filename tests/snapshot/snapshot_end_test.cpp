@@ -272,27 +272,3 @@ TEST_F(SnapshotEnd, DoesNotComeWhereTheRunTimeEndsTheProcess)
     EXPECT_EQ(EndSequence(), "");
     EXPECT_EQ(OnlySet().fate, SetFate::Created);
 }
-
-// Every allocation of the program in turn finds no memory; nobody catches what that throws.
-TEST_F(SnapshotEnd, DoesNotComeWhereMemoryRunsOut)
-{
-    Service().writers = {{L"Some Writer", 9, 0x800423F4}};
-    CaptureWithSnapshots();
-    const uint32_t allocations = machine.allocations;
-    ASSERT_GT(allocations, 20U);
-    uint32_t duringSnapshots = 0;
-    for (uint32_t nth = 1; nth <= allocations; ++nth) {
-        SCOPED_TRACE(nth);
-        machine.failingAllocation = nth;
-        CaptureWithSnapshots();
-        EXPECT_TRUE(result.abnormalEnd);
-        EXPECT_EQ(CountCalls(machine, "exit hook") + CountCalls(machine, "AbortBackup"), 0U);
-        EXPECT_EQ(machine.misuses, std::vector<std::string>());
-        const bool isSetUp = CountCalls(machine, "atexit") == 1 && CountCalls(machine, "CreateFileW", "file") == 0;
-        duringSnapshots += isSetUp ? 1 : 0;
-    }
-    EXPECT_GT(duringSnapshots, 10U);
-    machine.failingAllocation = 0;
-    CaptureWithSnapshots();
-    EXPECT_EQ(result.exitStatus, 0);
-}
