@@ -100,6 +100,11 @@ struct FaultSweep : testing::TestWithParam<size_t> {
         EXPECT_EQ(result.errorText.empty(), story.isAbnormal || expectedStatus == 0);
     }
 
+    bool HasSucceeded() const
+    {
+        return !result.abnormalEnd && result.exitStatus == 0;
+    }
+
     // A new image is one that verify takes exactly if its header and its table went to their places and nothing in it
     // is spoiled; then it holds the disk.
     void ExpectImage(const Lines &lines, bool isSpoiled)
@@ -114,6 +119,7 @@ struct FaultSweep : testing::TestWithParam<size_t> {
         EXPECT_EQ(FileExists(run.outPath), Succeeds(lines, "CreateFileW " + run.outPath + " access=0x40000000"));
         const bool isAccepted = FileExists(run.outPath) && VerifyAccepts(run.outPath);
         EXPECT_EQ(isAccepted, isWritten && !isSpoiled);
+        EXPECT_FALSE(isAccepted && run.Command() == "capture" && !HasSucceeded());
         if (isAccepted) {
             EXPECT_TRUE(ContentOf(run.outPath) == ExpectedContent(lines));
         }
@@ -150,7 +156,7 @@ struct FaultSweep : testing::TestWithParam<size_t> {
         Bytes expected = run.machine.disks.at(1).bytes;
         std::copy_n(run.content.data(), written, expected.data());
         EXPECT_TRUE(machine.disks.at(1).bytes == expected) << written << " bytes were written";
-        EXPECT_TRUE(result.abnormalEnd || result.exitStatus != 0 || written == run.content.size());
+        EXPECT_EQ(HasSucceeded(), written == run.content.size());
     }
 
     void ExpectNothingLeft(const Lines &lines)
@@ -159,6 +165,7 @@ struct FaultSweep : testing::TestWithParam<size_t> {
         EXPECT_TRUE(result.abnormalEnd || machine.leaks.empty()) << machine.leaks[0];
         const size_t commits = CountSuccesses(lines, "DeviceIoControl tracker#1 code=0x8C7D200C");
         EXPECT_EQ(machine.tracker ? machine.tracker->commits.size() : 0, commits);
+        EXPECT_TRUE(commits == 0 || HasSucceeded());
         if (!machine.snapshotService) {
             return;
         }
@@ -172,6 +179,8 @@ struct FaultSweep : testing::TestWithParam<size_t> {
             const SetFate kept = isCreated ? SetFate::Created : SetFate::Started;
             EXPECT_EQ(sets[0].fate, isDeleted ? SetFate::Deleted : isReleased ? SetFate::Dropped : kept);
             EXPECT_EQ(sets[0].isAborted, Succeeds(lines, "AbortBackup"));
+            EXPECT_TRUE(result.abnormalEnd || isDeleted || isReleased);
+            EXPECT_EQ(isCreated && !result.abnormalEnd, Find(lines, "DeleteSnapshots") < lines.size());
         }
     }
 
