@@ -1,6 +1,8 @@
 // The system beneath the simulator where that is Windows.
 //
-// A condition is raised as the system raises one, so that the program's structured guard is what catches it.
+// A condition is raised as the system raises one, so that the program's structured guard is what catches it. The
+// strings are made here, because the link loses the unwind records of the language library's own: an allocation that
+// fails in one of its functions would throw through a frame that nobody can unwind.
 #include "simulator/system_beneath.h"
 
 #include <windows.h>
@@ -10,6 +12,10 @@
 #include <sys/stat.h>
 
 #include <cstdlib>
+#include <string>
+
+template class std::basic_string<char>;
+template class std::basic_string<wchar_t>;
 
 int OpenCapture(const char *name)
 {
