@@ -6,8 +6,11 @@
 // A handle keeps its own position; transfers name it, repeat after an interrupt and go on after a partial count until
 // the end or a real error. Share modes are locks of the open file: shared for a reader, exclusive for an opener that
 // shares with nobody, taken before a file is truncated. Unbuffered disks have O_DIRECT where the target takes it, and a
-// buffer that the device would refuse goes through an aligned one piece by piece.
+// buffer that the device would refuse goes through an aligned one piece by piece. A disk that is only read is read
+// ahead of its reader, an image is sent on to its disk behind its writer. What a restore writes is neither: each write
+// ends within its own call, so that a failure is that of the chunk in hand and the chunks before it are on the target.
 #include "port.h"
+#include "read_ahead.h"
 
 #include <winioctl.h>
 
@@ -28,6 +31,8 @@ static constexpr DWORD insufficientBuffer = 122; // ERROR_INSUFFICIENT_BUFFER
 static constexpr uint64_t bounceBytes = uint64_t{1} << 20;
 static constexpr uint64_t bounceAlignment = 4096;
 static constexpr uint64_t largestTransfer = uint64_t{1} << 30; // of one system call
+static constexpr uint64_t writeBehindBytes = uint64_t{32} << 20;
+static constexpr uint64_t nothingReadYet = UINT64_MAX;
 static const char devicePrefix[] = R"(\\.\)";
 
 // ---- Opening ----
@@ -99,6 +104,7 @@ static HANDLE OpenExistingFile(const std::string &path)
         close(record.descriptor);
         return RefuseOpen(error);
     }
+    posix_fadvise(record.descriptor, 0, 0, POSIX_FADV_SEQUENTIAL); // advice; nothing depends on it
     return MakeHandle(record);
 }
 
@@ -217,6 +223,8 @@ static HANDLE OpenDisk(const std::string &path, bool exclusive, bool unbuffered)
     if (record.isBlockDevice) {
         record.sectorBytes = static_cast<uint32_t>(sectorBytes);
     }
+    record.readsAhead = unbuffered && !exclusive;
+    record.endOfLastRead = nothingReadYet;
     return MakeHandle(record);
 }
 
@@ -293,6 +301,10 @@ extern "C" BOOL CloseHandle(HANDLE object)
     PortHandle *handle = HandleRecord(object);
     if (handle == nullptr) {
         return FALSE;
+    }
+    if (handle->ahead != nullptr) {
+        EndReadAhead(*handle);
+        flock(handle->descriptor, LOCK_UN); // the kernel may hold the open file a moment longer than its last request
     }
     const bool closed = handle->descriptor < 0 || close(handle->descriptor) == 0 || errno == EINTR;
     const DWORD error = closed ? ERROR_SUCCESS : WindowsError(errno);
@@ -412,10 +424,37 @@ static PortHandle *HandleForTransfer(HANDLE file, DWORD byteCount, LPDWORD moved
     return handle;
 }
 
+// One read of a disk in ascending order takes what is there already, and the second in a row begins to read ahead: a
+// block that a capture skips costs a needless read, so one alone is no sign of what comes. Nothing is ever asked of a
+// disk beyond its end.
+static bool ReadInOrder(PortHandle &handle, void *buffer, DWORD byteCount, DWORD *bytesRead)
+{
+    const bool isNext = handle.position == handle.endOfLastRead;
+    handle.endOfLastRead = nothingReadYet;
+    if (TakeReadAhead(handle, buffer, byteCount)) {
+        handle.position += byteCount;
+        *bytesRead = byteCount;
+    } else if (!Transfer(handle, buffer, byteCount, bytesRead, false)) {
+        return false;
+    }
+    handle.endOfLastRead = handle.position;
+    uint64_t lengthBytes = 0;
+    if (isNext && *bytesRead == byteCount && handle.isDirect && LengthOfDisk(handle, &lengthBytes) &&
+        handle.position + byteCount <= lengthBytes) {
+        StartReadAhead(handle, buffer, byteCount);
+    }
+    return true;
+}
+
 extern "C" BOOL ReadFile(HANDLE file, LPVOID buffer, DWORD byteCount, LPDWORD bytesRead, LPOVERLAPPED overlapped)
 {
     PortHandle *handle = HandleForTransfer(file, byteCount, bytesRead, overlapped);
-    return handle != nullptr && Transfer(*handle, buffer, byteCount, bytesRead, false) ? TRUE : FALSE;
+    if (handle == nullptr) {
+        return FALSE;
+    }
+    const bool hasRead = handle->readsAhead ? ReadInOrder(*handle, buffer, byteCount, bytesRead)
+                                            : Transfer(*handle, buffer, byteCount, bytesRead, false);
+    return hasRead ? TRUE : FALSE;
 }
 
 // Bytes that a write may cover: a disk in an ordinary file never grows.
@@ -439,11 +478,36 @@ static bool RoomForWrite(const PortHandle &handle, DWORD byteCount, uint64_t *ro
     return true;
 }
 
+// Sends the whole windows behind an image's position on their way to the disk, and hears whether something that was
+// sent before failed there: false with the last error set. Nothing is waited for: the question goes to a range far
+// behind the end, and the answer is for the whole file.
+static bool WriteBehind(PortHandle &handle)
+{
+    constexpr off_t behindTheEnd = off_t{1} << 62;
+    const uint64_t end = handle.position - handle.position % writeBehindBytes;
+    if (handle.kind != HandleKind::File || end <= handle.underWayTo) {
+        return true;
+    }
+    const auto begin = static_cast<off_t>(handle.underWayTo);
+    const auto byteCount = static_cast<off_t>(end - handle.underWayTo);
+    handle.underWayTo = end;
+    if (sync_file_range(handle.descriptor, behindTheEnd, 1, SYNC_FILE_RANGE_WAIT_BEFORE) == 0 &&
+        sync_file_range(handle.descriptor, begin, byteCount, SYNC_FILE_RANGE_WRITE) == 0) {
+        return true;
+    }
+    if (errno == ENOSYS || errno == EPERM) { // the call is refused; the bytes get there all the same
+        handle.underWayTo = UINT64_MAX;
+        return true;
+    }
+    SetPortError(WindowsErrorOfTransfer(errno, true));
+    return false;
+}
+
 extern "C" BOOL WriteFile(HANDLE file, LPCVOID buffer, DWORD byteCount, LPDWORD bytesWritten, LPOVERLAPPED overlapped)
 {
     PortHandle *handle = HandleForTransfer(file, byteCount, bytesWritten, overlapped);
     uint64_t room = 0;
-    if (handle == nullptr || !RoomForWrite(*handle, byteCount, &room)) {
+    if (handle == nullptr || !WriteBehind(*handle) || !RoomForWrite(*handle, byteCount, &room)) {
         return FALSE;
     }
     return Transfer(*handle, const_cast<void *>(buffer), room, bytesWritten, true) ? TRUE : FALSE;
@@ -506,33 +570,42 @@ static bool Answer(const void *answer, DWORD answerLength, void *output, DWORD o
     return true;
 }
 
-static bool LengthOfDisk(const PortHandle &handle, LONGLONG *lengthBytes)
+bool LengthOfDisk(const PortHandle &handle, uint64_t *lengthBytes)
 {
-    uint64_t deviceBytes = 0;
     struct stat file = {};
     const int result =
-        handle.isBlockDevice ? ioctl(handle.descriptor, BLKGETSIZE64, &deviceBytes) : fstat(handle.descriptor, &file);
+        handle.isBlockDevice ? ioctl(handle.descriptor, BLKGETSIZE64, lengthBytes) : fstat(handle.descriptor, &file);
     if (result != 0) {
         SetPortError(WindowsError(errno));
         return false;
     }
-    *lengthBytes = handle.isBlockDevice ? static_cast<LONGLONG>(deviceBytes) : file.st_size;
+    if (!handle.isBlockDevice) {
+        *lengthBytes = static_cast<uint64_t>(file.st_size);
+    }
     return true;
 }
 
 static bool AnswerLength(const PortHandle &handle, void *output, DWORD outputLength, DWORD *bytesReturned)
 {
     GET_LENGTH_INFORMATION answer = {};
-    return LengthOfDisk(handle, &answer.Length.QuadPart) &&
-           Answer(&answer, sizeof(answer), output, outputLength, bytesReturned);
+    uint64_t lengthBytes = 0;
+    if (!LengthOfDisk(handle, &lengthBytes)) {
+        return false;
+    }
+    answer.Length.QuadPart = static_cast<LONGLONG>(lengthBytes);
+    return Answer(&answer, sizeof(answer), output, outputLength, bytesReturned);
 }
 
 static bool AnswerGeometry(const PortHandle &handle, void *output, DWORD outputLength, DWORD *bytesReturned)
 {
     DISK_GEOMETRY_EX answer = {};
+    uint64_t lengthBytes = 0;
+    if (!LengthOfDisk(handle, &lengthBytes)) {
+        return false;
+    }
     answer.Geometry.BytesPerSector = handle.sectorBytes;
-    return LengthOfDisk(handle, &answer.DiskSize.QuadPart) &&
-           Answer(&answer, sizeof(answer), output, outputLength, bytesReturned);
+    answer.DiskSize.QuadPart = static_cast<LONGLONG>(lengthBytes);
+    return Answer(&answer, sizeof(answer), output, outputLength, bytesReturned);
 }
 
 static bool ReadPartitionsAgain(const PortHandle &handle)

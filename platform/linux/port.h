@@ -27,6 +27,8 @@ DWORD WindowsErrorOfTransfer(int systemError, bool isWrite);
 
 enum class HandleKind { File, Disk, Volume, ControlDevice };
 
+struct ReadAhead;
+
 // Behind each HANDLE, owned by it.
 struct PortHandle {
     HandleKind kind = HandleKind::File;
@@ -36,6 +38,10 @@ struct PortHandle {
     bool isDirect = false;        // the descriptor has O_DIRECT
     uint32_t sectorBytes = 512;   // of a disk: what unbuffered transfers are aligned to
     void *bounceBuffer = nullptr; // for transfers whose own buffer the device would refuse; made when first needed
+    bool readsAhead = false;      // of a disk: reading in ascending order is met half-way
+    uint64_t endOfLastRead = 0;   // bytes; where a read must begin to be the next in order
+    ReadAhead *ahead = nullptr;   // made when first needed
+    uint64_t underWayTo = 0;      // bytes; of an image being written: what lies before has been sent to its disk
     uint32_t diskNumber = 0;      // of a volume: the disk that it lies on
     uint64_t lengthBytes = 0;     // of a volume
     bool isBroken = false;        // of a control device: an exchange failed half-way
@@ -43,6 +49,9 @@ struct PortHandle {
 
 // The record behind handle, or null with the last error set.
 PortHandle *HandleRecord(HANDLE handle);
+
+// The length of the disk behind handle as it is now; false with the last error set.
+bool LengthOfDisk(const PortHandle &handle, uint64_t *lengthBytes);
 
 // ---- control_device.cpp ----
 

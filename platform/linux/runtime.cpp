@@ -1,17 +1,21 @@
 // The clock and the C run-time's additions.
 //
 // Calls held here: GetTickCount64, _aligned_malloc, _aligned_free, _fullpath, _stricmp, fopen_s.
+#include "page_block.h"
 #include "port.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <sys/mman.h>
+#include <malloc.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-static constexpr size_t hugePageBytes = size_t{2} << 20;
+// A block of a chunk's size that is freed stays with the process, so that the next one finds its pages in place. The
+// largest blocks, such as the table of a large image, still come and go on their own.
+static const bool blocksAreKept = mallopt(M_MMAP_THRESHOLD, 32 << 20) != 0 && mallopt(M_TRIM_THRESHOLD, 64 << 20) != 0;
 
 extern "C" ULONGLONG GetTickCount64(void)
 {
@@ -20,29 +24,28 @@ extern "C" ULONGLONG GetTickCount64(void)
     return static_cast<ULONGLONG>(now.tv_sec) * 1000 + static_cast<ULONGLONG>(now.tv_nsec) / 1000000;
 }
 
-// Whole huge pages are asked for where the size has room for them: an unbuffered transfer then pins one page instead of
-// hundreds.
 extern "C" void *_aligned_malloc(size_t size, size_t alignment)
 {
     if (alignment == 0 || (alignment & (alignment - 1)) != 0) {
         abort();
     }
-    const bool isHuge = size >= hugePageBytes && size % hugePageBytes == 0;
-    const size_t least = isHuge ? hugePageBytes : sizeof(void *);
     void *block = nullptr;
-    if (posix_memalign(&block, alignment < least ? least : alignment, size == 0 ? 1 : size) != 0) {
-        SetPortError(ERROR_NOT_ENOUGH_MEMORY);
-        return nullptr;
+    if (IsWholeHugePages(size)) {
+        block = MakePageBlock(size, alignment);
+    } else if (posix_memalign(&block, std::max(alignment, sizeof(void *)), size == 0 ? 1 : size) != 0) {
+        block = nullptr;
     }
-    if (isHuge) {
-        madvise(block, size, MADV_HUGEPAGE); // advice; nothing depends on it
+    if (block == nullptr) {
+        SetPortError(ERROR_NOT_ENOUGH_MEMORY);
     }
     return block;
 }
 
 extern "C" void _aligned_free(void *block)
 {
-    free(block);
+    if (!FreePageBlock(block)) {
+        free(block);
+    }
 }
 
 // Takes one component onto the end of an absolute path without a separator at its end.

@@ -1,0 +1,435 @@
+// Reading ahead and writing behind: what a disk is asked for and when, faults in what nobody has asked for yet, disks
+// that shrink, and a kernel that refuses the calls for it. Loop devices count the bytes that are read from them.
+#include "devices_folder.h"
+
+#include <malloc.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+#include <linux/audit.h>
+#include <linux/filter.h>
+#include <linux/loop.h>
+#include <linux/seccomp.h>
+#include <memory>
+#include <sys/ioctl.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <thread>
+
+static constexpr size_t mebibyte = 1024 * 1024;
+static constexpr DWORD blockBytes = 4 * mebibyte;
+
+// A buffer as the program has one for each chunk.
+struct Block {
+    Block() : bytes(static_cast<char *>(_aligned_malloc(blockBytes, 512))) {}
+
+    Block(const Block &) = delete;
+    Block &operator=(const Block &) = delete;
+
+    ~Block()
+    {
+        _aligned_free(bytes);
+    }
+
+    char *bytes;
+};
+
+static void Pause()
+{
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+}
+
+// Field 3 of a block device's statistics counts sectors read, field 7 sectors written.
+static uint64_t StatisticOf(const LoopDevice &loop, int field)
+{
+    std::ifstream file("/sys/class/block/" + loop.path.substr(5) + "/stat");
+    uint64_t sectors = 0;
+    for (int i = 0; i < field; ++i) {
+        file >> sectors;
+    }
+    EXPECT_TRUE(file) << loop.path;
+    return sectors * 512;
+}
+
+// Disk 0 is a loop device of five blocks and a half.
+struct ReadAheadTest : DevicesTest {
+    ReadAheadTest() : scratch(ProgramFolder()), content(SeededBytes(22 * mebibyte, 1))
+    {
+        WriteBytes(Backing(), content);
+        loop = std::make_unique<LoopDevice>(Backing());
+        std::filesystem::create_symlink(loop->path, Device("PhysicalDrive0"));
+        Pause(); // a look at its partitions is not the tests' reading
+        readBefore = StatisticOf(*loop, 3);
+    }
+
+    std::string Backing() const
+    {
+        return scratch.File("backing");
+    }
+
+    void Shrink(uint64_t lengthBytes) const
+    {
+        std::filesystem::resize_file(Backing(), lengthBytes);
+        EXPECT_EQ(ioctl(loop->descriptor, LOOP_SET_CAPACITY), 0) << strerror(errno);
+    }
+
+    void Change(size_t position, const std::string &bytes) const
+    {
+        std::fstream file(Backing(), std::ios::binary | std::ios::in | std::ios::out);
+        file.seekp(static_cast<std::streamoff>(position));
+        file << bytes;
+        ASSERT_TRUE(file.flush());
+    }
+
+    // Bytes that were asked of the disk, once none is under way any more.
+    uint64_t BytesAskedFor() const
+    {
+        Pause();
+        return StatisticOf(*loop, 3) - readBefore;
+    }
+
+    // True when the next bytes of the disk are those that the test made it of.
+    bool ReadsOn(HANDLE disk, size_t position, DWORD expected = blockBytes) const
+    {
+        DWORD moved = 0xEEEEEEEE;
+        memset(block.bytes, 0xEE, blockBytes);
+        SetPortError(poison);
+        return ReadFile(disk, block.bytes, blockBytes, &moved, nullptr) && moved == expected &&
+               memcmp(block.bytes, content.data() + position, expected) == 0;
+    }
+
+    bool ReadsAt(HANDLE disk, size_t position, DWORD expected = blockBytes) const
+    {
+        return SeekTo(disk, static_cast<LONGLONG>(position)) && ReadsOn(disk, position, expected);
+    }
+
+    bool ReadsAll(HANDLE disk) const
+    {
+        bool isEqual = SeekTo(disk, 0);
+        for (size_t position = 0; position < content.size() && isEqual; position += blockBytes) {
+            const size_t left = content.size() - position;
+            isEqual = ReadsOn(disk, position, left < blockBytes ? static_cast<DWORD>(left) : blockBytes);
+        }
+        return isEqual;
+    }
+
+    ScratchFolder scratch;
+    std::string content;
+    Block block;
+    std::unique_ptr<LoopDevice> loop;
+    uint64_t readBefore = 0;
+};
+
+TEST_F(ReadAheadTest, TheSecondReadInARowHasTheThirdUnderWay)
+{
+    const OwnedHandle disk(OpenDiskToRead("PhysicalDrive0"));
+    ASSERT_TRUE(ReadsOn(disk.handle, 0));
+    EXPECT_EQ(BytesAskedFor(), 1 * blockBytes);
+    ASSERT_TRUE(ReadsOn(disk.handle, blockBytes));
+    EXPECT_EQ(BytesAskedFor(), 3 * blockBytes);
+    ASSERT_TRUE(ReadsOn(disk.handle, 2 * blockBytes));
+    EXPECT_EQ(BytesAskedFor(), 4 * blockBytes);
+}
+
+TEST_F(ReadAheadTest, AWholePassAsksForEachByteOnceAndForNoneBehindTheEnd)
+{
+    const OwnedHandle disk(OpenDiskToRead("PhysicalDrive0"));
+    EXPECT_TRUE(ReadsAll(disk.handle));
+    EXPECT_EQ(BytesAskedFor(), content.size());
+    EXPECT_TRUE(ReadsOn(disk.handle, 0, 0));
+    EXPECT_EQ(BytesAskedFor(), content.size());
+}
+
+TEST_F(ReadAheadTest, ReadsThatLeaveBlocksOutHaveNothingReadAhead)
+{
+    const OwnedHandle disk(OpenDiskToRead("PhysicalDrive0"));
+    for (const size_t position : {4 * blockBytes, 2 * blockBytes, 0 * blockBytes, 0 * blockBytes, 3 * blockBytes}) {
+        ASSERT_TRUE(ReadsAt(disk.handle, position));
+    }
+    EXPECT_EQ(BytesAskedFor(), 5 * blockBytes);
+}
+
+TEST_F(ReadAheadTest, ADiskThatIsRestoredOverHasNothingReadAhead)
+{
+    const OwnedHandle disk(OpenDiskToRestore("PhysicalDrive0"));
+    const uint64_t before = BytesAskedFor();
+    ASSERT_TRUE(ReadsOn(disk.handle, 0));
+    ASSERT_TRUE(ReadsOn(disk.handle, blockBytes));
+    EXPECT_EQ(BytesAskedFor() - before, 2 * blockBytes);
+}
+
+TEST_F(ReadAheadTest, ASeekCostsNoMoreThanTheBlockReadAhead)
+{
+    const OwnedHandle disk(OpenDiskToRead("PhysicalDrive0"));
+    ASSERT_TRUE(ReadsOn(disk.handle, 0));
+    ASSERT_TRUE(ReadsOn(disk.handle, blockBytes));
+    ASSERT_TRUE(ReadsAt(disk.handle, 0));
+    EXPECT_EQ(BytesAskedFor(), 4 * blockBytes);
+    ASSERT_TRUE(ReadsAt(disk.handle, 4 * blockBytes));
+    EXPECT_EQ(BytesAskedFor(), 5 * blockBytes);
+    EXPECT_TRUE(ReadsAll(disk.handle));
+}
+
+TEST_F(ReadAheadTest, WhatWasReadAheadAndNotAskedForIsNeverGivenOutLater)
+{
+    const OwnedHandle disk(OpenDiskToRead("PhysicalDrive0"));
+    ASSERT_TRUE(ReadsOn(disk.handle, 0));
+    ASSERT_TRUE(ReadsOn(disk.handle, blockBytes));
+    Pause();
+    Change(2 * blockBytes, "changed");
+    content.replace(2 * blockBytes, 7, "changed");
+    ASSERT_TRUE(ReadsAt(disk.handle, 0));
+    EXPECT_TRUE(ReadsAt(disk.handle, 2 * blockBytes));
+}
+
+TEST_F(ReadAheadTest, OtherLengthsAndBuffersInBetweenGetTheirOwnBytes)
+{
+    const OwnedHandle disk(OpenDiskToRead("PhysicalDrive0"));
+    const AlignedBytes other(blockBytes);
+    const struct {
+        size_t position;
+        DWORD byteCount;
+    } reads[] = {{2 * blockBytes, blockBytes},
+                 {2 * blockBytes, blockBytes / 2},
+                 {2 * blockBytes, 512},
+                 {2 * blockBytes + 512, 4096},
+                 {0, 2 * mebibyte},
+                 {4 * blockBytes, blockBytes}};
+    for (const auto &read : reads) {
+        for (char *buffer : {other.bytes, other.bytes + 1, block.bytes}) {
+            ASSERT_TRUE(ReadsAt(disk.handle, 0));
+            ASSERT_TRUE(ReadsOn(disk.handle, blockBytes));
+            DWORD moved = 0;
+            ASSERT_TRUE(SeekTo(disk.handle, static_cast<LONGLONG>(read.position)));
+            ASSERT_TRUE(ReadFile(disk.handle, buffer, read.byteCount, &moved, nullptr));
+            ASSERT_EQ(moved, read.byteCount);
+            ASSERT_EQ(memcmp(buffer, content.data() + read.position, moved), 0) << read.position;
+        }
+    }
+}
+
+TEST_F(ReadAheadTest, AFaultInTheBlockReadAheadIsToldWhenItsBytesAreAskedFor)
+{
+    std::filesystem::resize_file(Backing(), 2 * blockBytes); // what the device reads behind it is a fault
+    const OwnedHandle disk(OpenDiskToRead("PhysicalDrive0"));
+    DWORD moved = 0xEEEEEEEE;
+    ASSERT_TRUE(ReadsOn(disk.handle, 0));
+    ASSERT_TRUE(ReadsOn(disk.handle, blockBytes));
+    ASSERT_TRUE(ReadsAt(disk.handle, 0));
+    ASSERT_TRUE(ReadsOn(disk.handle, blockBytes));
+    for (int i = 0; i < 2; ++i) {
+        SetPortError(poison);
+        EXPECT_FALSE(ReadFile(disk.handle, block.bytes, blockBytes, &moved, nullptr));
+        EXPECT_EQ(GetLastError(), ERROR_IO_DEVICE);
+        EXPECT_EQ(moved, 0U);
+    }
+    EXPECT_TRUE(ReadsAt(disk.handle, blockBytes));
+}
+
+TEST_F(ReadAheadTest, AFaultThatHasPassedWhenItsBytesAreAskedForIsNone)
+{
+    std::filesystem::resize_file(Backing(), 2 * blockBytes);
+    const OwnedHandle disk(OpenDiskToRead("PhysicalDrive0"));
+    ASSERT_TRUE(ReadsOn(disk.handle, 0));
+    ASSERT_TRUE(ReadsOn(disk.handle, blockBytes));
+    Pause();
+    std::filesystem::resize_file(Backing(), content.size());
+    Change(2 * blockBytes, content.substr(2 * blockBytes));
+    EXPECT_TRUE(ReadsOn(disk.handle, 2 * blockBytes));
+}
+
+TEST_F(ReadAheadTest, ADeviceThatShrinksEndsWhereItEndsNow)
+{
+    const OwnedHandle disk(OpenDiskToRead("PhysicalDrive0"));
+    ASSERT_TRUE(ReadsOn(disk.handle, 0));
+    ASSERT_TRUE(ReadsOn(disk.handle, blockBytes));
+    Pause();
+    Shrink(10 * mebibyte);
+    EXPECT_TRUE(ReadsOn(disk.handle, 2 * blockBytes, 2 * mebibyte));
+    EXPECT_TRUE(ReadsOn(disk.handle, 0, 0));
+}
+
+TEST_F(ReadAheadTest, ADiskInAFileThatShrinksEndsWhereItEndsNow)
+{
+    WriteBytes(scratch.File("disk"), content);
+    std::filesystem::create_symlink(scratch.File("disk"), Device("PhysicalDrive1"));
+    const OwnedHandle disk(OpenDiskToRead("PhysicalDrive1"));
+    ASSERT_TRUE(ReadsOn(disk.handle, 0));
+    ASSERT_TRUE(ReadsOn(disk.handle, blockBytes));
+    Pause();
+    std::filesystem::resize_file(scratch.File("disk"), 10 * mebibyte + 100);
+    EXPECT_TRUE(ReadsOn(disk.handle, 2 * blockBytes, 2 * mebibyte + 100));
+    EXPECT_TRUE(ReadsOn(disk.handle, 0, 0));
+}
+
+TEST_F(ReadAheadTest, TwoHandlesOnOneDiskKeepApart)
+{
+    const OwnedHandle one(OpenDiskToRead("PhysicalDrive0"));
+    const OwnedHandle other(OpenDiskToRead("PhysicalDrive0"));
+    ASSERT_TRUE(SeekTo(other.handle, blockBytes));
+    for (size_t i = 0; i < 4; ++i) {
+        EXPECT_TRUE(ReadsOn(one.handle, i * blockBytes)) << i;
+        EXPECT_TRUE(ReadsOn(other.handle, (i + 1) * blockBytes)) << i;
+    }
+    EXPECT_TRUE(ReadsAll(one.handle));
+    EXPECT_TRUE(ReadsAll(other.handle));
+}
+
+TEST_F(ReadAheadTest, SignalsDoNotDisturbIt)
+{
+    const OwnedHandle disk(OpenDiskToRead("PhysicalDrive0"));
+    const Interruptions interruptions;
+    while (Interruptions::Count() < 20) {
+        ASSERT_TRUE(ReadsAll(disk.handle));
+    }
+}
+
+TEST_F(ReadAheadTest, ADiskThatIsClosedWithAReadUnderWayIsFreeAtOnce)
+{
+    WriteBytes(scratch.File("disk"), content);
+    std::filesystem::create_symlink(scratch.File("disk"), Device("PhysicalDrive1"));
+    for (int i = 0; i < 20; ++i) {
+        const HANDLE disk = OpenDiskToRead("PhysicalDrive1");
+        EXPECT_TRUE(ReadsOn(disk, 0));
+        EXPECT_TRUE(ReadsOn(disk, blockBytes));
+        EXPECT_TRUE(CloseHandle(disk));
+        EXPECT_EQ(ErrorOf(OpenDiskToRestore("PhysicalDrive1")), ERROR_SUCCESS);
+    }
+}
+
+// ---- A kernel that refuses ----
+
+// From here on this process gets error from the system call, and from no other.
+static bool RefuseSystemCall(long number, int error)
+{
+    sock_filter filter[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<uint32_t>(number), 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | static_cast<uint32_t>(error)),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    const sock_fprog program = {4, filter};
+    return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
+}
+
+TEST_F(ReadAheadTest, WhereTheKernelRefusesItsCallsTheSameBytesAreRead)
+{
+    const struct {
+        long number;
+        int error;
+    } refusals[] = {
+        {SYS_io_uring_setup, ENOSYS}, {SYS_io_uring_setup, EPERM}, {SYS_io_uring_setup, ENOMEM},
+        {SYS_io_uring_enter, EBUSY},  {SYS_mremap, EINVAL},
+    };
+    for (const auto &refusal : refusals) {
+        EXPECT_EQ(ResultOfChild([&]() -> DWORD {
+                      const HANDLE disk = OpenDiskToRead("PhysicalDrive0");
+                      return !RefuseSystemCall(refusal.number, refusal.error) ? 1
+                             : !ReadsAll(disk)                                ? 2
+                             : !ReadsAll(disk)                                ? 3
+                             : !CloseHandle(disk)                             ? 4
+                                                                              : 0;
+                  }),
+                  0)
+            << refusal.number << " " << strerror(refusal.error);
+    }
+}
+
+// ---- Writing behind ----
+
+// Disk 0 holds a file system in which the image is written.
+struct WriteBehindTest : DevicesTest {
+    WriteBehindTest() : scratch(ProgramFolder())
+    {
+        std::filesystem::create_directory(scratch.path / "mount");
+        memset(block.bytes, 'x', blockBytes);
+    }
+
+    void MakeFileSystem(const std::string &backing)
+    {
+        WriteBytes(backing, "");
+        std::filesystem::resize_file(backing, 256 * mebibyte);
+        loop = std::make_unique<LoopDevice>(backing);
+        const std::string make = "mkfs.ext4 -q -F -O ^has_journal -E lazy_itable_init=0,nodiscard " + loop->path;
+        ASSERT_EQ(std::system(make.c_str()), 0);
+        mount = std::make_unique<Mount>(loop->path, scratch.File("mount"), "ext4", "errors=continue");
+    }
+
+    std::string Image() const
+    {
+        return scratch.File("mount/image");
+    }
+
+    bool WritesOn(HANDLE image) const
+    {
+        DWORD moved = 0xEEEEEEEE;
+        SetPortError(poison);
+        const bool isWritten = WriteFile(image, block.bytes, blockBytes, &moved, nullptr) != FALSE;
+        EXPECT_EQ(moved, isWritten ? blockBytes : 0U);
+        return isWritten;
+    }
+
+    ScratchFolder scratch;
+    Block block;
+    std::unique_ptr<LoopDevice> loop;
+    std::unique_ptr<Mount> mount;
+};
+
+TEST_F(WriteBehindTest, AnImageIsOnItsWayToTheDiskBeforeItsEnd)
+{
+    MakeFileSystem(scratch.File("backing"));
+    const uint64_t before = StatisticOf(*loop, 7);
+    const OwnedHandle image(OpenToWrite(Image(), CREATE_NEW));
+    ASSERT_TRUE(SeekTo(image.handle, 1000));
+    for (int i = 0; i < 20; ++i) {
+        ASSERT_TRUE(WritesOn(image.handle)) << GetLastError();
+    }
+    for (int triesLeft = 30; triesLeft > 0 && StatisticOf(*loop, 7) - before < 64 * mebibyte; --triesLeft) {
+        Pause(); // by itself the system waits far longer than this
+    }
+    EXPECT_GE(StatisticOf(*loop, 7) - before, 64 * mebibyte);
+    ASSERT_TRUE(SeekTo(image.handle, 0));
+    EXPECT_EQ(WriteSome(image.handle, std::string(1000, 'h')), 1000U);
+    EXPECT_TRUE(BytesOf(Image()) == std::string(1000, 'h') + std::string(20 * blockBytes, 'x'));
+}
+
+TEST_F(WriteBehindTest, AFaultOfTheDiskUnderTheImageFailsAWriteBeforeTheEnd)
+{
+    // The file behind the device has no room for the bytes that the file system claims to have.
+    std::filesystem::create_directory(scratch.path / "small");
+    const Mount tmpfs("none", scratch.File("small"), "tmpfs", "size=48m");
+    MakeFileSystem(scratch.File("small/backing"));
+    const HANDLE image = OpenToWrite(Image(), CREATE_NEW);
+    int written = 0;
+    while (written < 50 && WritesOn(image)) {
+        ++written;
+        Pause();
+    }
+    EXPECT_TRUE(GetLastError() == ERROR_IO_DEVICE || GetLastError() == ERROR_DISK_FULL) << GetLastError();
+    EXPECT_GE(written, 11);
+    EXPECT_LT(written, 50) << "the file system has room for as many";
+    CloseHandle(image);
+    mount.reset();
+    loop.reset();
+}
+
+TEST_F(WriteBehindTest, WhereTheKernelRefusesItAnImageIsWrittenAllTheSame)
+{
+    const std::string path = scratch.File("image");
+    for (const int error : {ENOSYS, EPERM}) {
+        EXPECT_EQ(ResultOfChild([&]() -> DWORD {
+                      const HANDLE image = OpenToWrite(path, CREATE_ALWAYS);
+                      bool isWritten = RefuseSystemCall(SYS_sync_file_range, error);
+                      for (int i = 0; i < 20 && isWritten; ++i) {
+                          isWritten = WritesOn(image);
+                      }
+                      return isWritten && CloseHandle(image) ? 0 : 1;
+                  }),
+                  0)
+            << strerror(error);
+        EXPECT_EQ(std::filesystem::file_size(path), 20 * blockBytes);
+    }
+}
