@@ -187,7 +187,6 @@ TEST_F(ReadAheadTest, WhatWasReadAheadAndNotAskedForIsNeverGivenOutLater)
 
 TEST_F(ReadAheadTest, OtherLengthsAndBuffersInBetweenGetTheirOwnBytes)
 {
-    const OwnedHandle disk(OpenDiskToRead("PhysicalDrive0"));
     const AlignedBytes other(blockBytes);
     const struct {
         size_t position;
@@ -200,15 +199,30 @@ TEST_F(ReadAheadTest, OtherLengthsAndBuffersInBetweenGetTheirOwnBytes)
                  {4 * blockBytes, blockBytes}};
     for (const auto &read : reads) {
         for (char *buffer : {other.bytes, other.bytes + 1, block.bytes}) {
-            ASSERT_TRUE(ReadsAt(disk.handle, 0));
+            const OwnedHandle disk(OpenDiskToRead("PhysicalDrive0"));
+            ASSERT_TRUE(ReadsOn(disk.handle, 0));
             ASSERT_TRUE(ReadsOn(disk.handle, blockBytes));
             DWORD moved = 0;
+            memset(buffer, 0xEE, blockBytes);
             ASSERT_TRUE(SeekTo(disk.handle, static_cast<LONGLONG>(read.position)));
             ASSERT_TRUE(ReadFile(disk.handle, buffer, read.byteCount, &moved, nullptr));
             ASSERT_EQ(moved, read.byteCount);
             ASSERT_EQ(memcmp(buffer, content.data() + read.position, moved), 0) << read.position;
+            ASSERT_EQ(std::string(buffer + moved, blockBytes - moved), std::string(blockBytes - moved, '\xEE'));
         }
     }
+}
+
+TEST_F(ReadAheadTest, ReadsIntoMemoryThatCannotChangePlacesHaveNothingReadAhead)
+{
+    const OwnedHandle disk(OpenDiskToRead("PhysicalDrive0"));
+    const AlignedBytes other(blockBytes);
+    for (const size_t position : {0 * blockBytes, 1 * blockBytes, 2 * blockBytes}) {
+        DWORD moved = 0;
+        ASSERT_TRUE(ReadFile(disk.handle, other.bytes, blockBytes, &moved, nullptr));
+        EXPECT_EQ(memcmp(other.bytes, content.data() + position, blockBytes), 0);
+    }
+    EXPECT_EQ(BytesAskedFor(), 3 * blockBytes);
 }
 
 TEST_F(ReadAheadTest, AFaultInTheBlockReadAheadIsToldWhenItsBytesAreAskedFor)
