@@ -30,8 +30,9 @@ static constexpr DWORD negativeSeek = 131;       // ERROR_NEGATIVE_SEEK
 static constexpr DWORD insufficientBuffer = 122; // ERROR_INSUFFICIENT_BUFFER
 static constexpr uint64_t bounceBytes = uint64_t{1} << 20;
 static constexpr uint64_t bounceAlignment = 4096;
-static constexpr uint64_t largestTransfer = uint64_t{1} << 30; // of one system call
-static constexpr uint64_t writeBehindBytes = uint64_t{32} << 20;
+static constexpr uint64_t largestTransfer = uint64_t{1} << 30;    // of one system call
+static constexpr uint64_t writeBehindBytes = uint64_t{128} << 20; // a window; in smaller ones each byte costs more
+static constexpr uint64_t neverSent = UINT64_MAX;
 static constexpr uint64_t nothingReadYet = UINT64_MAX;
 static const char devicePrefix[] = R"(\\.\)";
 
@@ -478,25 +479,25 @@ static bool RoomForWrite(const PortHandle &handle, DWORD byteCount, uint64_t *ro
     return true;
 }
 
-// Sends the whole windows behind an image's position on their way to the disk, and hears whether something that was
-// sent before failed there: false with the last error set. Nothing is waited for: the question goes to a range far
-// behind the end, and the answer is for the whole file.
+// Hears whether something of an image failed on its way to the disk since the last write, then sends the whole windows
+// behind the position on theirs; false with the last error set. Nothing is waited for: the question goes to a range far
+// behind the end, and the answer is for the whole file. An image that is told so at its header gets none.
 static bool WriteBehind(PortHandle &handle)
 {
     constexpr off_t behindTheEnd = off_t{1} << 62;
-    const uint64_t end = handle.position - handle.position % writeBehindBytes;
-    if (handle.kind != HandleKind::File || end <= handle.underWayTo) {
+    if (handle.kind != HandleKind::File || handle.underWayTo == neverSent) {
         return true;
     }
-    const auto begin = static_cast<off_t>(handle.underWayTo);
-    const auto byteCount = static_cast<off_t>(end - handle.underWayTo);
+    const uint64_t begin = handle.underWayTo;
+    const uint64_t end = std::max(begin, handle.position - handle.position % writeBehindBytes);
     handle.underWayTo = end;
     if (sync_file_range(handle.descriptor, behindTheEnd, 1, SYNC_FILE_RANGE_WAIT_BEFORE) == 0 &&
-        sync_file_range(handle.descriptor, begin, byteCount, SYNC_FILE_RANGE_WRITE) == 0) {
+        (begin == end || sync_file_range(handle.descriptor, static_cast<off_t>(begin), static_cast<off_t>(end - begin),
+                                         SYNC_FILE_RANGE_WRITE) == 0)) {
         return true;
     }
     if (errno == ENOSYS || errno == EPERM) { // the call is refused; the bytes get there all the same
-        handle.underWayTo = UINT64_MAX;
+        handle.underWayTo = neverSent;
         return true;
     }
     SetPortError(WindowsErrorOfTransfer(errno, true));

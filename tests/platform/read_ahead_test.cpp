@@ -365,7 +365,7 @@ struct WriteBehindTest : DevicesTest {
     void MakeFileSystem(const std::string &backing)
     {
         WriteBytes(backing, "");
-        std::filesystem::resize_file(backing, 256 * mebibyte);
+        std::filesystem::resize_file(backing, 512 * mebibyte);
         loop = std::make_unique<LoopDevice>(backing);
         const std::string make = "mkfs.ext4 -q -F -O ^has_journal -E lazy_itable_init=0,nodiscard " + loop->path;
         ASSERT_EQ(std::system(make.c_str()), 0);
@@ -398,16 +398,16 @@ TEST_F(WriteBehindTest, AnImageIsOnItsWayToTheDiskBeforeItsEnd)
     const uint64_t before = StatisticOf(*loop, 7);
     const OwnedHandle image(OpenToWrite(Image(), CREATE_NEW));
     ASSERT_TRUE(SeekTo(image.handle, 1000));
-    for (int i = 0; i < 20; ++i) {
+    for (int i = 0; i < 40; ++i) {
         ASSERT_TRUE(WritesOn(image.handle)) << GetLastError();
     }
-    for (int triesLeft = 30; triesLeft > 0 && StatisticOf(*loop, 7) - before < 64 * mebibyte; --triesLeft) {
+    for (int triesLeft = 30; triesLeft > 0 && StatisticOf(*loop, 7) - before < 128 * mebibyte; --triesLeft) {
         Pause(); // by itself the system waits far longer than this
     }
-    EXPECT_GE(StatisticOf(*loop, 7) - before, 64 * mebibyte);
+    EXPECT_GE(StatisticOf(*loop, 7) - before, 128 * mebibyte);
     ASSERT_TRUE(SeekTo(image.handle, 0));
     EXPECT_EQ(WriteSome(image.handle, std::string(1000, 'h')), 1000U);
-    EXPECT_TRUE(BytesOf(Image()) == std::string(1000, 'h') + std::string(20 * blockBytes, 'x'));
+    EXPECT_TRUE(BytesOf(Image()) == std::string(1000, 'h') + std::string(40 * blockBytes, 'x'));
 }
 
 TEST_F(WriteBehindTest, AFaultOfTheDiskUnderTheImageFailsAWriteBeforeTheEnd)
@@ -418,13 +418,13 @@ TEST_F(WriteBehindTest, AFaultOfTheDiskUnderTheImageFailsAWriteBeforeTheEnd)
     MakeFileSystem(scratch.File("small/backing"));
     const HANDLE image = OpenToWrite(Image(), CREATE_NEW);
     int written = 0;
-    while (written < 50 && WritesOn(image)) {
+    while (written < 60 && WritesOn(image)) {
         ++written;
         Pause();
     }
     EXPECT_TRUE(GetLastError() == ERROR_IO_DEVICE || GetLastError() == ERROR_DISK_FULL) << GetLastError();
     EXPECT_GE(written, 11);
-    EXPECT_LT(written, 50) << "the file system has room for as many";
+    EXPECT_LT(written, 60) << "the file system has room for twice as many";
     CloseHandle(image);
     mount.reset();
     loop.reset();
@@ -437,13 +437,13 @@ TEST_F(WriteBehindTest, WhereTheKernelRefusesItAnImageIsWrittenAllTheSame)
         EXPECT_EQ(ResultOfChild([&]() -> DWORD {
                       const HANDLE image = OpenToWrite(path, CREATE_ALWAYS);
                       bool isWritten = RefuseSystemCall(SYS_sync_file_range, error);
-                      for (int i = 0; i < 20 && isWritten; ++i) {
+                      for (int i = 0; i < 40 && isWritten; ++i) {
                           isWritten = WritesOn(image);
                       }
                       return isWritten && CloseHandle(image) ? 0 : 1;
                   }),
                   0)
             << strerror(error);
-        EXPECT_EQ(std::filesystem::file_size(path), 20 * blockBytes);
+        EXPECT_EQ(std::filesystem::file_size(path), 40 * blockBytes);
     }
 }
