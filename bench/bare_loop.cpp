@@ -12,6 +12,7 @@
 #include <openssl/evp.h>
 #include <openssl/rand.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -46,7 +47,7 @@ struct Loop {
 static void Require(bool holds, const char *what)
 {
     if (!holds) {
-        perror(what);
+        fprintf(stderr, "bare_loop: %s (errno %d)\n", what, errno);
         exit(1);
     }
 }

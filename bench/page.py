@@ -232,7 +232,9 @@ def growth_text(records):
     lengths = sorted({record["chain"] for record in records if record["part"] == "chain"})
     chainSize = next(record["size"] for record in records if record["part"] == "chain")
     readers = ["verify", "restore", "consolidate"]
-    fits = {row: fits_of(records, ("size", "chain"), row, GIB) for row in ["capture", *readers]}
+    # A chain costs the readers a buffer or two, however long it is, and tables too small to be seen here.
+    fits = {row: (fits_of(records, ("size", "chain"), row, GIB)[0], fits_of(records, ("size",), row, GIB)[1])
+            for row in ["capture", *readers]}
     tableFits = {row: fits_of(records, ("table",), row, TIB) for row in (OPEN, PROVED_THIN)}
     return "\n".join([
         "Cold, on a loop device. With the size of the disk, as full images:\n",
@@ -241,7 +243,7 @@ def growth_text(records):
         "hundred. A chunk is digested once more for each image above the one that stores it.\n",
         table(["", *(f"{length} image{'s' * (length > 1)}" for length in lengths)],
               cost_rows(records, "chain", readers, "chain", lengths)),
-        "The lines through both:\n", fit_lines(fits, "GiB"),
+        "The lines of time through both, of memory through the full images:\n", fit_lines(fits, "GiB"),
         "With the tables alone: disks that are never read. Of the full image at the bottom header and table are\n"
         "there, which is all that these commands read of it.\n",
         table(["", "disk", "chain", "cold s", "warm s", "MiB"], table_rows(records)),
