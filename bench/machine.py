@@ -158,21 +158,21 @@ class Machine:
                 "settle": settle}
 
     def compare(self, contenders, rounds, label, cache="cold", warm=()):
-        """Runs them by turns, every second round in the other order. The first round, number 0, is one to be left out
-        of figures: what it did is checked instead."""
+        """Runs them by turns, every second round in the other order. The first round is one to be left out of figures,
+        where it is not the only one: what it did is checked instead."""
         records = []
         for number in range(rounds + 1):
             order = list(contenders.items())
             for who, contender in order if number % 2 == 0 else reversed(order):
                 if contender.prepare:
                     self.must(*contender.prepare)
-                records.append({**label, "cache": cache, "who": who, "round": number,
-                                **self.measure(contender, cache, warm)})
+                records.append({**label, "cache": cache, "who": who, "counts": number > 0 or rounds == 0,
+                                "round": number, **self.measure(contender, cache, warm)})
                 if contender.check and number == 0:
                     contender.check()
                 for name in contender.makes:
                     remove(self.path(name))
-        kept = [record for record in records if record["round"]]
+        kept = [record for record in records if record["counts"]]
         print("  ".join([", ".join(str(value) for value in label.values()), cache] + [
             f"{who} {min(record['wall'] for record in kept if record['who'] == who):.2f} s" for who in contenders]),
             flush=True)

@@ -18,7 +18,7 @@ DISKS = {"loop": "loop device", "file": "ordinary file", "none": "-"}
 def pick(records, **wanted):
     """The runs that count, in the order of their rounds."""
     return sorted((record for record in records
-                   if record["round"] and all(record[name] == value for name, value in wanted.items())),
+                   if record["counts"] and all(record[name] == value for name, value in wanted.items())),
                   key=lambda record: record["round"])
 
 
