@@ -217,6 +217,15 @@ TEST_F(Dispatching, TakesDiskNumbersBeyondThoseThatAreListed)
     EXPECT_EQ(machine.disks[2147483647].bytes, machine.disks[16].bytes);
 }
 
+TEST_F(Dispatching, RestoresOverDiskZeroWhereTheSystemIsElsewhere)
+{
+    WriteImage("image");
+    machine.disks[0].bytes = Bytes(64 * KiB);
+    machine.volumeC->extents = {{3, MiB, 64 * MiB}};
+    ExpectSuccess({"restore", "--in", "image", "--disk", "0", "--confirm", "YES"});
+    EXPECT_EQ(machine.disks[0].bytes, machine.disks[3].bytes);
+}
+
 TEST_F(Dispatching, TakesOptionsInAnyOrderAndAnyCase)
 {
     ExpectSuccess({"capture", "--DISK", "3", "--OUT", "upper"});
