@@ -118,6 +118,17 @@ TEST(GcmKey, EndsWhatItHeldAheadOfTakingOver)
               Making("1") + Making("2") + Ending("1") + "BCryptDecrypt key#2 64\n" + Ending("2"));
 }
 
+TEST(GcmKey, StaysWhatItIsWhenItIsMovedIntoItself)
+{
+    EXPECT_EQ(LogOfRun([] {
+                  GcmKey key(gcmKey.data());
+                  GcmKey &same = key;
+                  key = std::move(same);
+                  EXPECT_TRUE(OpensThePublishedSeal(key));
+              }),
+              Making("1") + "BCryptDecrypt key#1 64\n" + Ending("1"));
+}
+
 TEST(GcmKey, TakesOverIntoAnEmptyKeyAndFromOneWithoutFurtherCalls)
 {
     EXPECT_EQ(LogOfRun([] {

@@ -144,6 +144,14 @@ TEST_F(Passwords, MustComeFromAFileThatOpens)
     EXPECT_EQ(CountCalls(machine, "fread"), 0U);
 }
 
+TEST_F(Passwords, MustComeFromAFileThatIsHandedOverByASuccessfulOpenToo)
+{
+    WriteText("pw.txt", "abc");
+    FailCall(machine, "fopen_s", 1, 0).transferBytes = 0;
+    ExpectFatal(Read("pw.txt"), "FATAL: could not open password file (GetLastError=77)\n");
+    EXPECT_EQ(CountCalls(machine, "fread"), 0U);
+}
+
 TEST_F(Passwords, MustNotBeEmpty)
 {
     for (const char *content : {"", "\n", "\r\n", "\r", "\n\n\r\r\n"}) {

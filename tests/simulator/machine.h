@@ -132,7 +132,7 @@ struct Fault {
     bool forGood = false;     // ... and every later one
     uint32_t error = 0;       // the failure's number, status, or errno of fopen_s; 0: no failure, a short transfer
     bool afterEffect = false; // the call does its work, up to transferBytes, and then reports the failure
-    uint64_t transferBytes = UINT64_MAX; // at most so many bytes (fread: elements) are moved
+    uint64_t transferBytes = UINT64_MAX; // at most so many bytes (fread: elements, fopen_s: streams) are moved
     uint32_t matched = 0;                // of the current run
 };
 

@@ -811,7 +811,10 @@ errno_t REPLACEMENT(fopen_s)(FILE **stream, const char *path, const char *mode)
     Call call = MakeCall("fopen_s", "stream:" + StablePath(path));
     call.text = StablePath(path) + " " + mode;
     FILE *opened = nullptr;
-    const Outcome outcome = Perform(call, [&](uint64_t) -> Outcome {
+    const Outcome outcome = Perform(call, [&](uint64_t most) -> Outcome {
+        if (most == 0) {
+            return {true, 0, "no stream"};
+        }
         const errno_t error = REAL(fopen_s)(&opened, path, mode);
         if (error != 0 || opened == nullptr) {
             return {false, static_cast<uint32_t>(error), ""};
