@@ -78,12 +78,15 @@ void NoteBuffer(Call &call, const void *buffer, uint64_t length)
 
 // The one shape of every call that gives back what it was called on. release is the real call for what the run doesn't
 // know; it says whether that went well.
-Outcome Close(const char *name, void *key, Kind kind)
+Outcome Close(const char *name, void *key, Kind kind, ULONG flags = 0)
 {
     const InSimulator inside;
     std::string objectName;
     Object *object = Held(key, kind, &objectName);
     const Call call = MakeCall(name, objectName);
+    if (flags != 0) {
+        AddMisuse(call, "there are no flags for it");
+    }
     return Perform(call, [&](uint64_t) {
         if (object == nullptr) {
             return BadHandle(call);
@@ -442,7 +445,7 @@ NTSTATUS REPLACEMENT(BCryptCloseAlgorithmProvider)(BCRYPT_ALG_HANDLE algorithm, 
     if (CurrentMode() != Mode::Live) {
         return GivesBackToRun(algorithm) ? 0 : REAL(BCryptCloseAlgorithmProvider)(algorithm, flags);
     }
-    return StatusOf(Close("BCryptCloseAlgorithmProvider", algorithm, Kind::Provider));
+    return StatusOf(Close("BCryptCloseAlgorithmProvider", algorithm, Kind::Provider, flags));
 }
 
 NTSTATUS REPLACEMENT(BCryptSetProperty)(BCRYPT_HANDLE object, LPCWSTR property, PUCHAR input, ULONG inputLength,

@@ -420,6 +420,18 @@ TEST(Simulator, ClosesEvenWhenTheCloseIsToFail)
     EXPECT_EQ(machine.misuses, std::vector<std::string>{"CloseHandle file:a#1: no open handle"});
 }
 
+TEST(Simulator, TakesNoFlagsWhereAProviderIsClosed)
+{
+    Machine machine;
+    RunCode(machine, [] {
+        BCRYPT_ALG_HANDLE algorithm = nullptr;
+        BCryptOpenAlgorithmProvider(&algorithm, BCRYPT_RNG_ALGORITHM, nullptr, 0);
+        EXPECT_EQ(BCryptCloseAlgorithmProvider(algorithm, 1), 0);
+    });
+    EXPECT_EQ(machine.misuses,
+              std::vector<std::string>{"BCryptCloseAlgorithmProvider rng#1: there are no flags for it"});
+}
+
 TEST(Simulator, UndoesAnOpenThatFailsAfterItsEffect)
 {
     const Scratch scratch;
