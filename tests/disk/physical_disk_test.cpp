@@ -292,6 +292,8 @@ TEST_F(PhysicalDisk, BufferHasSizeAndAlignmentAndIsFreedOnce)
         EXPECT_EQ(buffer.size, 8192U);
         EXPECT_EQ(reinterpret_cast<uintptr_t>(buffer.data) % 4096, 0U);
         AlignedBuffer owner(std::move(buffer));
+        EXPECT_EQ(buffer.data, nullptr);
+        EXPECT_EQ(buffer.size, 0U);
         AlignedBuffer last;
         last = std::move(owner);
         memset(last.data, 1, 8192);
@@ -306,6 +308,17 @@ TEST_F(PhysicalDisk, BufferWithoutMemoryIsFatal)
     result = RunCode(machine, [] { AlignedBuffer(8192, 512); });
     ExpectDeath("FATAL: out of memory allocating aligned I/O buffer (GetLastError=8)\n");
     EXPECT_EQ(LogText(machine), "_aligned_malloc 8192 512 -> failed 8\nGetLastError -> 8\nexit 1\n");
+}
+
+TEST_F(PhysicalDisk, BufferOfNoBytesIsABlockAllTheSame)
+{
+    result = RunCode(machine, [] {
+        const AlignedBuffer buffer(0, 64);
+        EXPECT_EQ(buffer.size, 0U);
+        EXPECT_NE(buffer.data, nullptr);
+    });
+    EXPECT_FALSE(result.abnormalEnd) << result.abnormalText;
+    EXPECT_EQ(CountCalls(machine, "_aligned_free"), 1U);
 }
 
 TEST_F(PhysicalDisk, BufferCanNotBeAlignedToWhatIsNoPowerOfTwo)

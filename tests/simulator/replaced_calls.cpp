@@ -738,13 +738,13 @@ void *REPLACEMENT(_aligned_malloc)(size_t size, size_t alignment)
         return REAL(_aligned_malloc)(size, alignment);
     }
     void *block = nullptr;
-    const bool isPowerOfTwo = alignment != 0 && (alignment & (alignment - 1)) == 0;
+    const bool isPossible = size != 0 && alignment != 0 && (alignment & (alignment - 1)) == 0;
     {
         const InSimulator inside;
         Call call = MakeCall("_aligned_malloc", "", std::to_string(size) + " " + std::to_string(alignment));
         call.fields = {{"length", size}, {"alignment", alignment}};
         const Outcome outcome = Perform(call, [&](uint64_t) -> Outcome {
-            if (!isPowerOfTwo) {
+            if (!isPossible) {
                 return {false, ERROR_INVALID_PARAMETER, ""};
             }
             block = size <= running->machine->memoryBytes ? REAL(_aligned_malloc)(size, alignment) : nullptr;
@@ -763,8 +763,9 @@ void *REPLACEMENT(_aligned_malloc)(size_t size, size_t alignment)
             block = nullptr;
         }
     }
-    if (!isPowerOfTwo) {
-        throw ProcessAbort{"invalid parameter: alignment " + std::to_string(alignment)};
+    if (!isPossible) {
+        throw ProcessAbort{"invalid parameter: size " + std::to_string(size) + " alignment " +
+                           std::to_string(alignment)};
     }
     return block;
 }

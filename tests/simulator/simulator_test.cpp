@@ -268,12 +268,13 @@ TEST(Simulator, TakesAnUncaughtExceptionForAnAbnormalEnd)
     EXPECT_EQ(OpenDescriptors(), descriptors);
 }
 
-TEST(Simulator, EndsAbnormallyAtAnAlignmentThatIsNoPowerOfTwo)
+TEST(Simulator, EndsAbnormallyAtAnAlignmentThatIsNoPowerOfTwoOrASizeOfZero)
 {
     Machine machine;
     const RunResult result = RunCode(machine, [] { _aligned_malloc(1040, 520); });
     EXPECT_TRUE(result.abnormalEnd);
     EXPECT_EQ(LogText(machine), "_aligned_malloc 1040 520 -> failed 87\n");
+    EXPECT_TRUE(RunCode(machine, [] { _aligned_malloc(0, 512); }).abnormalEnd);
 }
 
 TEST(Simulator, FailsTheCallOfThatNameAndCount)
