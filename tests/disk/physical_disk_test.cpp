@@ -295,6 +295,8 @@ TEST_F(PhysicalDisk, BufferHasSizeAndAlignmentAndIsFreedOnce)
         EXPECT_EQ(buffer.data, nullptr);
         EXPECT_EQ(buffer.size, 0U);
         AlignedBuffer last;
+        EXPECT_EQ(last.data, nullptr);
+        EXPECT_EQ(last.size, 0U);
         last = std::move(owner);
         memset(last.data, 1, 8192);
     });
