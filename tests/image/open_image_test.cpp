@@ -354,6 +354,14 @@ TEST_F(OpeningImages, RefusesABaseNameWithASeparatorOrAColon)
     }
 }
 
+TEST_F(OpeningImages, TakesABaseNameOfBlanksAndOtherSigns)
+{
+    thin.baseName = "full image (1), 'old' & ..+#%~=[x].kstx";
+    Write(thin.baseName, full);
+    Write("changed.kstx", thin);
+    ExpectOpens("changed.kstx", "", [this](ImageFile &image) { EXPECT_EQ(image.baseName, thin.baseName); });
+}
+
 TEST_F(OpeningImages, AcceptsBytesBetweenTheDataAndTheTrailer)
 {
     for (const size_t count : {1U, 4096U, 10000U}) {
