@@ -8,7 +8,8 @@ every line as Windows does, and is handed on with plain line ends.
 Wine has a disk for each of its drives: 0 for C:, where the machine itself lies, and 1 for Z:, the root folder. They
 open, answer no question about their size and hand out no byte. A device that Wine doesn't know it looks up in the
 folder dosdevices of its prefix: attach_disk puts a file there, and that disk opens with the share modes of Windows and
-answers nothing either. No other disk opens, and so no test gets to a disk of the machine that it runs on.
+answers nothing either. No other disk opens, and so no test gets to a disk of the machine that it runs on. Where a test
+needs a disk that answers, on_file runs the objects of the program on the simulator, with a file for its disk.
 
 The program under test is the one that the environment variable KESTRIX_EXE names, or build/windows/kestrix.exe.
 """
@@ -23,7 +24,8 @@ from harness import ROOT, TIME_LIMIT, MachineTest, Run, Started
 
 PROGRAM = os.path.abspath(os.environ.get("KESTRIX_EXE", os.path.join(ROOT, "build", "windows", "kestrix.exe")))
 WINE = os.path.join(ROOT, "scripts", "wine")
-PREFIX = os.path.join(ROOT, "build", "wine")
+PREFIX = os.environ.get("WINEPREFIX", os.path.join(ROOT, "build", "wine"))
+ON_FILES = os.path.join(ROOT, "build", "windows", "tests", "kestrix_on_files.exe")
 SYSTEM_DISK = 0
 # What the language run-time says on the error stream when an exception leaves the program.
 EXCEPTION_TEXT = "terminate called after throwing an instance of '%s'\n  what():  %s\n"
@@ -73,6 +75,14 @@ class WindowsTest(MachineTest):
         started = StartedWindowsProgram([WINE, self.windowsProgram, *arguments], self.images)
         self.addCleanup(self.end, started)
         return started
+
+    def on_file(self, disk, *arguments):
+        """A run of the program's objects on the simulator, whose disk 1 is the file of that name; "-" for a machine
+        that refuses to open any disk."""
+        self.assertTrue(os.path.isfile(ON_FILES), f"the tests for Windows are not built: {ON_FILES} is missing")
+        started = StartedWindowsProgram([WINE, ON_FILES, disk, *arguments], self.images)
+        self.addCleanup(self.end, started)
+        return started.finish()
 
     def linux(self, *arguments):
         """A run of the program for Linux on the same images, with the devices folder for its machine."""
