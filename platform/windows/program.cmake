@@ -22,7 +22,7 @@ else()
             -l ${CMAKE_BINARY_DIR}/libvssapi_late.a
     DEPENDS ${CMAKE_SOURCE_DIR}/platform/windows/vssapi.def)
   add_custom_target(vssapi_late DEPENDS ${CMAKE_BINARY_DIR}/libvssapi_late.a)
-  add_dependencies(kestrix vssapi_late)
+  add_dependencies(kestrix_system vssapi_late)
   # winpthread is what the language run-time stands on.
   target_link_libraries(kestrix_system INTERFACE
     ${CMAKE_BINARY_DIR}/libvssapi_late.a bcrypt ole32 oleaut32 uuid delayimp winpthread)

@@ -1,20 +1,25 @@
 """How the Windows program reads its command line and ends, and what it does on a machine whose disks give nothing."""
 import os
 import re
+import shutil
 import signal
 import subprocess
+import tempfile
 from unittest import mock
 
 import test_command_line
-from harness import MIB, TIME_LIMIT, not_exclusive, verify_text
+from harness import MIB, ROOT, TIME_LIMIT, not_exclusive, verify_text
 from kestrix_image import seeded_disk
 from test_command_line import NO_SOURCE, NOT_CONFIRMED, USAGE
-from wine import SYSTEM_DISK, WINE, WindowsTest
+from wine import ABNORMAL, SYSTEM_DISK, WINE, WindowsTest
 
 NO_LENGTH = "IOCTL_DISK_GET_LENGTH_INFO failed"
 NOT_SUPPORTED = 50
 SILENT_DISK = 37  # in the place of which a test puts a file: it opens and doesn't tell its size
 NO_DISK = 38
+NO_SNAPSHOTS = ("  --vss: VSS is not available here (CreateVssBackupComponents) (0x%08X) - "
+                "reading live instead (crash-consistent only).\n")
+NOT_IMPLEMENTED, MODULE_NOT_FOUND = 0x80004001, 0x8007007E
 SYSTEM_REFUSED = (
     "Refusing: PhysicalDrive%d is the disk this copy of Windows is currently running from.\n"
     "A live raw write to your own booted system disk cannot be made safe - boot from\n"
@@ -94,6 +99,8 @@ class Streams(WindowsTest):
     def both(self, arguments, status, out, err=b""):
         for run in (self.piped, self.filed):
             with self.subTest((run.__name__, arguments)):
+                if os.path.exists(self.path("x")):
+                    os.unlink(self.path("x"))
                 ended, printed, told = run(*arguments)
                 self.assertEqual((ended, re.sub(rb"\(\d+\.\d MiB", b"(- MiB", printed), told), (status, out, err))
 
@@ -108,6 +115,21 @@ class Streams(WindowsTest):
                   b"Verifying a  (3 chunks, 0.00 GiB source disk)\r\n"
                   b"\r   33.33%  0 / 0 MiB  (- MiB/s)   \r  100.00%  0 / 0 MiB  (- MiB/s)   \r\n"
                   b"Verify OK - all 3 chunks match their recorded hash.\r\n")
+
+    def test_a_consolidation_tells_its_steps_on_lines_of_their_own(self):
+        shown = b"\r   33.33%  0 / 0 MiB  (- MiB/s)   \r  100.00%  0 / 0 MiB  (- MiB/s)   \r\n"
+        self.both(("consolidate", "--in", "a", "--out", "x"), 0,
+                  shown + b"Consolidated: x (self-contained full image, verifying...)\r\n"
+                  b"Verifying x  (3 chunks, 0.00 GiB source disk)\r\n" +
+                  shown + b"Verify OK - all 3 chunks match their recorded hash.\r\n")
+
+    def test_a_refusal_and_an_abnormal_end_leave_whole_lines(self):
+        self.both(("list-disks",), 1, b"", b"FATAL: %s (GetLastError=50)\r\n" % NO_LENGTH.encode())
+        capture = ("capture", "--out", "x", "--disk")
+        self.both((*capture, str(NO_DISK)), 1, b"", b"FATAL: %s (GetLastError=2)\r\n" % NO_SOURCE.encode())
+        self.both((*capture, "abc"), ABNORMAL, b"",
+                  b"terminate called after throwing an instance of 'std::invalid_argument'\r\n"
+                  b"  what():  invalid stoi argument\r\n")
 
     def test_progress_is_seen_while_the_run_goes_on(self):
         self.image("long", seeded_disk(8 * MIB, 2), chunkSize=512)
@@ -141,6 +163,17 @@ class Disks(WindowsTest):
             with self.subTest(more):
                 run = self.kestrix("capture", "--disk", str(SILENT_DISK), "--out", "x", *more)
                 self.check_refused(path, content, run, NO_LENGTH, NOT_SUPPORTED)
+
+    def test_a_machine_that_refuses_shows_no_disk_and_captures_none(self):
+        # Wine refuses its disks to nobody, so this is the program on the simulator.
+        self.check(self.on_file("-", "list-disks"), 0)
+        for more in ((), ("--vss",), ("--thin",), ("--encrypt", "--password-file", "missing")):
+            with self.subTest(more):
+                self.check_fatal(self.on_file("-", "capture", "--disk", "1", "--out", "x", *more), NO_SOURCE, 5)
+                self.assertFalse(os.path.exists(self.path("x")))
+        self.image("a", b"abc")
+        self.check(self.on_file("-", "restore", "--in", "a", "--disk", "1", "--confirm", "YES"), 1, "",
+                   not_exclusive(1, 5))
 
     def restore(self, disk, image="a"):
         self.assertIn(disk, (SYSTEM_DISK, SILENT_DISK, NO_DISK))
@@ -182,17 +215,18 @@ class Disks(WindowsTest):
 
 
 class SnapshotLibrary(WindowsTest):
-    """VSSAPI.DLL is bound by the first call of a capture with --vss, which no disk of Wine lets happen."""
+    """VSSAPI.DLL is bound by the first call of a capture with --vss. No disk of Wine lets a capture come so far, so
+    late_binding.exe makes the call: the program's snapshot side, linked as the program is."""
 
     def environment(self, name, value):
         patch = mock.patch.dict(os.environ, {name: value})
         patch.start()
         self.addCleanup(patch.stop)
 
-    def loaded(self, *arguments):
+    def loaded(self, *arguments, program=None):
         """The libraries that a run loads, as Wine tells them, in capitals."""
         self.environment("WINEDEBUG", "-all,+loaddll")
-        done = subprocess.run([WINE, self.windowsProgram, *arguments], cwd=self.images, check=False,
+        done = subprocess.run([WINE, program or self.windowsProgram, *arguments], cwd=self.images, check=False,
                               stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
                               timeout=TIME_LIMIT)
         return {name.upper() for name in re.findall(rb'loaddll:\S+ Loaded L"[^"]*?([^"\\]+)"', done.stderr)}
@@ -208,6 +242,19 @@ class SnapshotLibrary(WindowsTest):
                 self.assertIn(b"BCRYPT.DLL", loaded)
                 self.assertNotIn(b"VSSAPI.DLL", loaded)
 
+    def check_first_call(self, result):
+        """The first call of the snapshot side gives that, and is followed by a live capture."""
+        program = self.program_of_tests("late_binding.exe")
+        self.check(self.start_under_wine(program).finish(), 0, NO_SNAPSHOTS % result + "ranges: 0\n")
+
+    def test_the_first_call_binds_the_snapshot_library_and_goes_through(self):
+        self.check_first_call(NOT_IMPLEMENTED)  # which is all that Wine's library ever says
+        self.assertIn(b"VSSAPI.DLL", self.loaded(program=self.program_of_tests("late_binding.exe")))
+
+    def test_the_first_call_reads_live_where_the_snapshot_library_is_missing(self):
+        self.environment("WINEDLLOVERRIDES", "vssapi=")
+        self.check_first_call(MODULE_NOT_FOUND)
+
     def test_the_program_starts_and_verifies_where_the_snapshot_library_is_missing(self):
         self.environment("WINEDLLOVERRIDES", "vssapi=")
         self.image("a", b"abc")
@@ -221,3 +268,25 @@ class SnapshotLibrary(WindowsTest):
         run = self.kestrix()
         self.assertNotIn(run.status, (0, 1))
         self.assertEqual(run.out, b"")
+
+
+class Home(WindowsTest):
+    def test_the_first_use_of_wine_leaves_nothing_in_the_home_of_its_user(self):
+        home = os.path.join(self.folder, "home")
+        os.mkdir(home)
+        windows = tempfile.mkdtemp(prefix="wine-first-use-", dir=os.path.join(ROOT, "build"))
+        self.addCleanup(shutil.rmtree, windows)
+        surroundings = {name: value for name, value in os.environ.items() if not name.startswith("XDG_")}
+        surroundings.update(HOME=home, KESTRIX_WINE=windows)
+        try:
+            done = subprocess.run([WINE, self.windowsProgram], check=False, env=surroundings, stdin=subprocess.DEVNULL,
+                                  stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=TIME_LIMIT)
+        finally:
+            subprocess.run([WINE, "--end"], check=True, env=surroundings, timeout=TIME_LIMIT)
+        self.assertEqual((done.returncode, done.stdout, done.stderr), (1, USAGE.replace("\n", "\r\n").encode(), b""))
+        self.assertTrue(os.path.isfile(os.path.join(windows, "drive_c", "windows", "system32", "kernel32.dll")))
+        self.assertEqual(os.listdir(home), [])
+        # And nothing there would end up in it later.
+        links = [os.path.realpath(os.path.join(folder, name)) for folder, folders, _ in os.walk(windows)
+                 for name in folders if os.path.islink(os.path.join(folder, name))]
+        self.assertEqual([link for link in links if link.startswith(home)], [])

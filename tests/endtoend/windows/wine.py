@@ -24,9 +24,10 @@ from harness import ROOT, TIME_LIMIT, MachineTest, Run, Started
 
 PROGRAM = os.path.abspath(os.environ.get("KESTRIX_EXE", os.path.join(ROOT, "build", "windows", "kestrix.exe")))
 WINE = os.path.join(ROOT, "scripts", "wine")
-PREFIX = os.environ.get("WINEPREFIX", os.path.join(ROOT, "build", "wine"))
-ON_FILES = os.path.join(ROOT, "build", "windows", "tests", "kestrix_on_files.exe")
+PREFIX = os.environ.get("KESTRIX_WINE", os.path.join(ROOT, "build", "wine"))
+TEST_PROGRAMS = os.path.join(ROOT, "build", "windows", "tests")
 SYSTEM_DISK = 0
+ABNORMAL = 3  # the exit status that the C run-time's abort gives a process
 # What the language run-time says on the error stream when an exception leaves the program.
 EXCEPTION_TEXT = "terminate called after throwing an instance of '%s'\n  what():  %s\n"
 
@@ -71,18 +72,23 @@ class WindowsTest(MachineTest):
         self.windowsProgram, fault = machine()
         self.assertIsNone(fault)
 
-    def start(self, *arguments):
-        started = StartedWindowsProgram([WINE, self.windowsProgram, *arguments], self.images)
+    def start_under_wine(self, program, *arguments):
+        started = StartedWindowsProgram([WINE, program, *arguments], self.images)
         self.addCleanup(self.end, started)
         return started
+
+    def start(self, *arguments):
+        return self.start_under_wine(self.windowsProgram, *arguments)
+
+    def program_of_tests(self, name):
+        path = os.path.join(TEST_PROGRAMS, name)
+        self.assertTrue(os.path.isfile(path), f"the tests for Windows are not built: {path} is missing")
+        return path
 
     def on_file(self, disk, *arguments):
         """A run of the program's objects on the simulator, whose disk 1 is the file of that name; "-" for a machine
         that refuses to open any disk."""
-        self.assertTrue(os.path.isfile(ON_FILES), f"the tests for Windows are not built: {ON_FILES} is missing")
-        started = StartedWindowsProgram([WINE, ON_FILES, disk, *arguments], self.images)
-        self.addCleanup(self.end, started)
-        return started.finish()
+        return self.start_under_wine(self.program_of_tests("kestrix_on_files.exe"), disk, *arguments).finish()
 
     def linux(self, *arguments):
         """A run of the program for Linux on the same images, with the devices folder for its machine."""
@@ -113,8 +119,7 @@ class WindowsTest(MachineTest):
 
     def check_abnormal(self, run, exception=None, what=None):
         """A run that the language run-time ended: neither done nor refused, and with no text of the program's own."""
-        self.assertNotIn(run.status, (0, 1))
-        self.assertEqual(run.out, b"")
+        self.assertEqual((run.status, run.out), (ABNORMAL, b""))
         if exception is None:
             self.assertTrue(run.err.startswith(b"terminate called after throwing an instance of "), run.err)
         else:
