@@ -5,6 +5,9 @@ set(CMAKE_SYSTEM_NAME Windows)
 set(CMAKE_SYSTEM_PROCESSOR AMD64)
 
 file(GLOB gccFolders /usr/lib/gcc/x86_64-w64-mingw32/*-posix)
+if(NOT gccFolders)
+  message(FATAL_ERROR "The C++ library for Windows is missing: install g++-mingw-w64-x86-64-posix")
+endif()
 list(SORT gccFolders COMPARE NATURAL ORDER DESCENDING)
 list(GET gccFolders 0 gccFolder)
 

@@ -72,6 +72,10 @@ class WindowsProgram(unittest.TestCase):
         for body in re.findall(r"Section \{(.*?)\n  \}", sections, re.DOTALL):
             self.assertFalse("IMAGE_SCN_MEM_EXECUTE" in body and "IMAGE_SCN_MEM_WRITE" in body, body)
 
+    def test_it_names_no_table_of_allowed_targets_while_none_is_complete(self):
+        # Windows would end the program at the first start-up function that such a table leaves out, and Wine would not.
+        self.assertNotIn("IMAGE_DLL_CHARACTERISTICS_GUARD_CF", self.headers)
+
     def test_it_carries_no_debug_information_no_symbols_no_time_and_no_path_of_the_machine_that_built_it(self):
         self.assertEqual(self.header("SymbolCount"), "0")
         self.assertNotIn("Name: .debug", readobj("--sections"))
