@@ -271,13 +271,15 @@ TEST_F(TrackerClient, WithoutABitmapTakesEveryRangeForDirty)
 TEST_F(TrackerClient, HasNoAnswerToABitmapThatMemoryCanNotTake)
 {
     machine.memoryBytes = MiB;
-    machine.tracker->reply.bitmapBytes = 2 * MiB;
-    const RunResult result = RunCode(machine, [this] {
-        client.Open(7);
-        client.Query();
-    });
-    EXPECT_TRUE(result.abnormalEnd);
-    EXPECT_EQ(Controls(queryCode).size(), 1U);
+    for (const uint32_t bitmapBytes : {0x200000U, 0xFFFFFFCFU}) { // the latter is the longest that a reply can hold
+        machine.tracker->reply.bitmapBytes = bitmapBytes;
+        const RunResult result = RunCode(machine, [this] {
+            client.Open(7);
+            client.Query();
+        });
+        EXPECT_TRUE(result.abnormalEnd) << bitmapBytes;
+        EXPECT_EQ(Controls(queryCode).size(), 1U);
+    }
 }
 
 // A reply's length is told in 32 bits; one of 4 GiB would come as a part of itself.
@@ -329,6 +331,7 @@ TEST_F(TrackerClient, ProvesNothingByBlocksOfNoPossibleSize)
     client.state.bitmap = {0x00};
     for (const uint32_t shift : {64U, 84U, 0xFFFFFFFFU}) {
         client.state.header.blockShift = shift;
+        EXPECT_TRUE(client.IsRangeDirty(0, 1)) << shift;
         EXPECT_TRUE(client.IsRangeDirty(0, 512)) << shift;
     }
 }
