@@ -219,6 +219,16 @@ TEST_F(ImageFormat, TakesTheIdentityFromHeaderAndTableAlone)
     ExpectFatal(RunCode(machine, [&] { ImageIdOf(header, table); }), "FATAL: BCryptCreateHash (NTSTATUS 0xC0000001)\n");
 }
 
+// Some run-times give nothing where nothing is asked for, which would look like a lack of memory.
+TEST_F(ImageFormat, AsksForMemoryForATableOfNoEntriesToo)
+{
+    RunCode(machine, [] {
+        const ChunkTable table(0);
+        EXPECT_EQ(table.size(), 0U);
+    });
+    EXPECT_EQ(Field(CallsOf(machine, "calloc").at(0), "count"), 1U);
+}
+
 TEST_F(ImageFormat, SplitsPathsAtBothSeparatorsAndNoColon)
 {
     const struct {
@@ -233,6 +243,7 @@ TEST_F(ImageFormat, SplitsPathsAtBothSeparatorsAndNoColon)
                 {"f/g\\a", "f/g\\", "a"},
                 {"C:a.kstx", "", "C:a.kstx"},
                 {"C:\\f\\a", "C:\\f\\", "a"},
+                {"f g/a b", "f g/", "a b"},
                 {"f/", "f/", ""},
                 {"", "", ""},
                 {"../a", "../", "a"},
