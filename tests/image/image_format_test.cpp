@@ -219,6 +219,16 @@ TEST_F(ImageFormat, TakesTheIdentityFromHeaderAndTableAlone)
     ExpectFatal(RunCode(machine, [&] { ImageIdOf(header, table); }), "FATAL: BCryptCreateHash (NTSTATUS 0xC0000001)\n");
 }
 
+TEST_F(ImageFormat, LeavesAnEmptyTableWhereOneWasMovedFrom)
+{
+    ChunkTable first(3);
+    ChunkTable second(std::move(first));
+    EXPECT_EQ(first.size(), 0U);
+    first = std::move(second);
+    EXPECT_EQ(second.size(), 0U);
+    EXPECT_EQ(first.size(), 3U);
+}
+
 // Some run-times give nothing where nothing is asked for, which would look like a lack of memory.
 TEST_F(ImageFormat, AsksForMemoryForATableOfNoEntriesToo)
 {
