@@ -2,8 +2,8 @@
 
 A disk of 2 GiB on a loop device, whose chunks differ from one another and whose backing file is sparse, is captured
 against a base that holds it; the figures of each run are printed. The bytes read of the disk are those that its device
-counted; those that the kernel counted for the process are images and shared libraries, and of the disk what was not read
-ahead.
+counted; those that the kernel counted for the process are images and shared libraries, and of the disk what was not
+read ahead.
 """
 import hashlib
 import json
@@ -158,7 +158,8 @@ class ThinCaptureOf2GiB(CostTest):
         size = os.path.getsize(self.path("x"))
         self.assertEqual(size, self.tables + len(stored) * CHUNK + 48 + len("base"))
         of_disk = self.bytes_of_disk() - before
-        show(f"{what}: read {of_disk / MIB:.1f} MiB of the disk, wrote {size} bytes, {run['cpu']:.3f} s of processor time")
+        show(f"{what}: read {of_disk / MIB:.1f} MiB of the disk, wrote {size} bytes, "
+             f"{run['cpu']:.3f} s of processor time")
         # No chunk more than the report admits, the base's table, and no chunk of the base.
         self.assertEqual(of_disk, (read + needless) * CHUNK)
         self.assertGreaterEqual(run["rchar"], self.tables)

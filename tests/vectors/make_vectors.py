@@ -16,10 +16,12 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, os.path.join(os.path.dirname(HERE), "endtoend"))
 sys.dont_write_bytecode = True
 
-import kestrix_image
-import outcomes
-from kestrix_image import (CAPTURE_CHUNK, ENTRY, HEADER, THIN, Entry, decode_header, decode_table, seeded_disk)
-from outcomes import (BAD_HASH, BAD_TAG, BAD_TRAILER, CUT, CUT_BELOW, EMPTY_PASSWORD, HASH, NO_BASE_IN_CHUNK, NO_HEADER,
+import kestrix_image  # noqa: E402
+import outcomes  # noqa: E402
+from kestrix_image import (  # noqa: E402
+    CAPTURE_CHUNK, ENTRY, HEADER, THIN, Entry, decode_header, decode_table, seeded_disk)
+from outcomes import (  # noqa: E402
+                      BAD_HASH, BAD_TAG, BAD_TRAILER, CUT, CUT_BELOW, EMPTY_PASSWORD, HASH, NO_BASE_IN_CHUNK, NO_HEADER,
                       NO_ITERATIONS, NO_PASSWORD, NO_PASSWORD_FILE, NO_TABLE, NO_TRAILER, NOT_AN_IMAGE, OK,
                       OTHER_GEOMETRY, OUTSIDE, TAG, TOO_DEEP, Statement, missing_base, not_opened, other_base)
 
