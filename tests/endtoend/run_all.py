@@ -9,6 +9,7 @@ import argparse
 import atexit
 import os
 import shutil
+import signal
 import subprocess
 import sys
 import tempfile
@@ -108,6 +109,9 @@ def main():
     if options.list:
         print("\n".join(test.id() for test in tests))
         return 0
+    # Started in the background they may be ignored, and the programs under test would inherit that.
+    signal.signal(signal.SIGINT, signal.default_int_handler)
+    signal.signal(signal.SIGHUP, signal.SIG_DFL)
     folder = tempfile.mkdtemp(prefix="kestrix-endtoend-")
     atexit.register(take_down, folder)
     tempfile.tempdir = folder

@@ -61,8 +61,18 @@ def plain_lines(data):
 
 
 class StartedWindowsProgram(Started):
+    """Now and then, less than once in a hundred runs, Wine ends a program with status 1 before it has said a word. The
+    program itself says why it ends so, always, so such a run is made once more, and the report tells of it."""
+
+    def __init__(self, command, cwd):
+        super().__init__(command, cwd)
+        self.again = functools.partial(Started, command, cwd)
+
     def finish(self):
         run = super().finish()
+        if run == Run(1, b"", b""):
+            print("[a silent end under Wine, run again]", end="", flush=True)
+            run = self.again().finish()
         return Run(run.status, plain_lines(run.out), plain_lines(run.err))
 
 
