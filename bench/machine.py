@@ -2,8 +2,10 @@
 
 The folder `devices` beside the program is its whole machine. Disks are ordinary files or loop devices on them with
 direct I/O, which take and give every byte past the page cache. Before each run everything written is on its way to the
-disk to its end; then the page cache is dropped (cold), or what the run will read is brought into it (warm).
+disk to its end; then the page cache is dropped (cold), or what the run will read is brought into it (warm), and memory
+for the run is brought in.
 """
+import mmap
 import os
 import random
 import shutil
@@ -14,7 +16,8 @@ from dataclasses import dataclass
 from typing import Callable
 
 MIB, GIB, TIB = 1 << 20, 1 << 30, 1 << 40
-CHUNK = 4 * MIB
+CHUNK, HUGE_PAGE = 4 * MIB, 2 * MIB
+MEMORY_OF_A_RUN = 6 * GIB  # more than any run brings into the page cache
 SEED = 20240229
 PASSWORD = b"correct horse battery staple"
 
@@ -41,6 +44,17 @@ def fill_with(path, size, byte):
         for number in range(-(-size // CHUNK)):
             file.write(byte * min(CHUNK, size - number * CHUNK))
         os.fsync(file.fileno())
+
+
+def take_memory(size):
+    """Takes memory, writes to it and gives it back, as far as the machine has it to spare. A virtual machine may have
+    returned what was free to its host, and the next to use it would pay for getting it again, now more, now less."""
+    spare = os.sysconf("SC_AVPHYS_PAGES") * os.sysconf("SC_PAGE_SIZE") * 3 // 4
+    size = min(size, spare) // HUGE_PAGE * HUGE_PAGE
+    with mmap.mmap(-1, size, flags=mmap.MAP_PRIVATE | mmap.MAP_ANONYMOUS) as memory:
+        memory.madvise(mmap.MADV_HUGEPAGE)
+        for page in range(0, size, HUGE_PAGE):
+            memory[page] = 1
 
 
 def remove(path):
@@ -142,6 +156,7 @@ class Machine:
         else:
             for path in warm:
                 read_through(path)
+        take_memory(MEMORY_OF_A_RUN)
         figures, log = os.path.join(self.folder, "figures"), os.path.join(self.folder, "log")
         with open(log, "wb") as output:
             status = subprocess.run([os.path.join(self.build, "run_measured"), figures, *contender.command],

@@ -329,8 +329,9 @@ unbuffered reads and writes of 4 MiB on disks, SHA-256 and AES-256-GCM of the sa
 cache. The disk is made from a fixed seed: a third random, a third hexadecimal digits, a third stored zeros. Runs
 alternate, every second round in the other order, and the first round is dropped. Figures are medians, with the least
 and the most; ratios are taken pair by pair. Cold: the page cache was dropped before the run. Warm: the image that is
-read was in it. CPU is user and system time of the process and those that it waited for. Memory is the most of any one
-process.
+read was in it. Before each run memory is taken, written to and given back, so that no run pays for memory that the
+machine has to get from its host first. CPU is user and system time of the process and those that it waited for. Memory
+is the most of any one process.
 """
 
 

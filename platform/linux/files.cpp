@@ -19,19 +19,21 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <fstream>
 #include <linux/fs.h>
 #include <memory>
 #include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 static constexpr DWORD negativeSeek = 131;       // ERROR_NEGATIVE_SEEK
 static constexpr DWORD insufficientBuffer = 122; // ERROR_INSUFFICIENT_BUFFER
 static constexpr uint64_t bounceBytes = uint64_t{1} << 20;
 static constexpr uint64_t bounceAlignment = 4096;
-static constexpr uint64_t largestTransfer = uint64_t{1} << 30;    // of one system call
-static constexpr uint64_t writeBehindBytes = uint64_t{128} << 20; // a window; in smaller ones each byte costs more
+static constexpr uint64_t largestTransfer = uint64_t{1} << 30;  // of one system call
+static constexpr uint64_t writeBehindBytes = uint64_t{8} << 20; // a window: what a device's queue takes at once
 static constexpr uint64_t neverSent = UINT64_MAX;
 static constexpr uint64_t nothingReadYet = UINT64_MAX;
 static const char devicePrefix[] = R"(\\.\)";
@@ -86,6 +88,21 @@ static bool TakeLock(int descriptor, bool exclusive, bool waitsBriefly)
     return true;
 }
 
+// True when the kernel reads a chunk and more ahead on this device as it is. Told to do yet more, it would keep the
+// device busy with reads while the writes of a restore wait for their turn.
+static bool ReadsFarAhead(dev_t device)
+{
+    constexpr uint64_t farKiB = 4096;
+    const std::string folder = "/sys/dev/block/" + std::to_string(major(device)) + ":" + std::to_string(minor(device));
+    for (const char *place : {"/queue/read_ahead_kb", "/../queue/read_ahead_kb"}) { // of a disk, of a partition's disk
+        uint64_t kib = 0;
+        if (std::ifstream(folder + place) >> kib) {
+            return kib >= farKiB;
+        }
+    }
+    return false;
+}
+
 static HANDLE OpenExistingFile(const std::string &path)
 {
     struct stat found = {};
@@ -105,7 +122,9 @@ static HANDLE OpenExistingFile(const std::string &path)
         close(record.descriptor);
         return RefuseOpen(error);
     }
-    posix_fadvise(record.descriptor, 0, 0, POSIX_FADV_SEQUENTIAL); // advice; nothing depends on it
+    if (!ReadsFarAhead(found.st_dev)) {
+        posix_fadvise(record.descriptor, 0, 0, POSIX_FADV_SEQUENTIAL); // advice; nothing depends on it
+    }
     return MakeHandle(record);
 }
 
@@ -135,6 +154,13 @@ static int OpenOrCreate(const std::string &path, bool mustBeNew, bool *created)
     }
 }
 
+// A file that is empty stays as it is: some file systems bring one that was ever cut down to its disk within close.
+static bool MakeEmpty(int descriptor)
+{
+    struct stat found = {};
+    return fstat(descriptor, &found) == 0 && (found.st_size == 0 || ftruncate(descriptor, 0) == 0);
+}
+
 static HANDLE CreateFileAlone(const std::string &path, bool mustBeNew)
 {
     bool created = false;
@@ -143,7 +169,7 @@ static HANDLE CreateFileAlone(const std::string &path, bool mustBeNew)
     if (record.descriptor < 0) {
         return RefuseOpen(WindowsErrorOfPath(errno, path));
     }
-    if (!TakeLock(record.descriptor, true, false) || ftruncate(record.descriptor, 0) != 0) {
+    if (!TakeLock(record.descriptor, true, false) || !MakeEmpty(record.descriptor)) {
         const int error = errno;
         if (created && error != EWOULDBLOCK) { // else another opener was faster and has it now
             unlink(path.c_str());

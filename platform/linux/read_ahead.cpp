@@ -8,6 +8,8 @@
 
 #include "page_block.h"
 
+#include <cerrno>
+#include <cstdlib>
 #include <liburing.h>
 #include <memory>
 #include <sys/file.h>
@@ -30,10 +32,13 @@ static bool AwaitPieces(ReadAhead &ahead)
     bool isWhole = true;
     while (ahead.piecesUnderWay != 0) {
         io_uring_cqe *completion = nullptr;
-        if (io_uring_wait_cqe(&ahead.ring, &completion) == 0) { // else a signal came between
+        const int result = io_uring_wait_cqe(&ahead.ring, &completion);
+        if (result == 0) {
             isWhole = isWhole && completion->res == static_cast<int>(pieceBytes);
             io_uring_cqe_seen(&ahead.ring, completion);
             --ahead.piecesUnderWay;
+        } else if (result != -EINTR) {
+            abort(); // the kernel may be writing into the block, and there is no way left to learn when it ends
         }
     }
     return isWhole;

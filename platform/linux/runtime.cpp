@@ -9,13 +9,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <malloc.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-// A block of a chunk's size that is freed stays with the process, so that the next one finds its pages in place. The
-// largest blocks, such as the table of a large image, still come and go on their own.
-static const bool blocksAreKept = mallopt(M_MMAP_THRESHOLD, 32 << 20) != 0 && mallopt(M_TRIM_THRESHOLD, 64 << 20) != 0;
 
 extern "C" ULONGLONG GetTickCount64(void)
 {

@@ -5,6 +5,7 @@
 
 #include <malloc.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <sstream>
@@ -99,7 +100,26 @@ TEST(PageBlockDeathTest, EndsAtAPageThatNobodyMayTouch)
     _aligned_free(const_cast<char *>(block));
 }
 
+TEST(Memory, OfAChunkIsZeroAgainAndAlignedForEveryDisk)
+{
+    for (int i = 0; i < 3; ++i) {
+        void *volatile block = calloc(4, mebibyte);
+        const auto *bytes = static_cast<const uint8_t *>(block);
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(bytes) % (2 * mebibyte), 0U);
+        EXPECT_EQ(std::count(bytes, bytes + 4 * mebibyte, 0), 4 * mebibyte);
+        memset(block, 0xEE, 4 * mebibyte);
+        free(block);
+    }
+}
+
 #ifndef __SANITIZE_ADDRESS__ // which has an allocator of its own
+
+TEST(Memory, ThatNoSizeCanHoldIsRefused)
+{
+    volatile size_t count = SIZE_MAX / 2 + 1;
+    void *volatile block = calloc(count, 2);
+    EXPECT_EQ(block, nullptr);
+}
 
 TEST(Memory, OfAChunkThatIsFreedIsThereForTheNext)
 {
