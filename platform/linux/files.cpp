@@ -466,7 +466,7 @@ static bool ReadInOrder(PortHandle &handle, void *buffer, DWORD byteCount, DWORD
     }
     handle.endOfLastRead = handle.position;
     uint64_t lengthBytes = 0;
-    if (isNext && *bytesRead == byteCount && handle.isDirect && LengthOfDisk(handle, &lengthBytes) &&
+    if (isNext && handle.readsAhead && *bytesRead == byteCount && handle.isDirect && LengthOfDisk(handle, &lengthBytes) &&
         handle.position + byteCount <= lengthBytes) {
         StartReadAhead(handle, buffer, byteCount);
     }

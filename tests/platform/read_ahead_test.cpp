@@ -352,6 +352,16 @@ TEST_F(ReadAheadTest, WhereTheKernelRefusesItsCallsTheSameBytesAreRead)
     }
 }
 
+TEST_F(ReadAheadTest, WherePagesCannotBeMovedNothingIsReadTwiceButOneBlock)
+{
+    EXPECT_EQ(ResultOfChild([&]() -> DWORD {
+                  const HANDLE disk = OpenDiskToRead("PhysicalDrive0");
+                  return RefuseSystemCall(SYS_mremap, EINVAL) && ReadsAll(disk) && CloseHandle(disk) ? 0 : 1;
+              }),
+              0);
+    EXPECT_EQ(BytesAskedFor(), content.size() + blockBytes);
+}
+
 // ---- Writing behind ----
 
 // Disk 0 holds a file system in which the image is written.
@@ -401,10 +411,10 @@ TEST_F(WriteBehindTest, AnImageIsOnItsWayToTheDiskBeforeItsEnd)
     for (int i = 0; i < 40; ++i) {
         ASSERT_TRUE(WritesOn(image.handle)) << GetLastError();
     }
-    for (int triesLeft = 30; triesLeft > 0 && StatisticOf(*loop, 7) - before < 128 * mebibyte; --triesLeft) {
+    for (int triesLeft = 30; triesLeft > 0 && StatisticOf(*loop, 7) - before < 152 * mebibyte; --triesLeft) {
         Pause(); // by itself the system waits far longer than this
     }
-    EXPECT_GE(StatisticOf(*loop, 7) - before, 128 * mebibyte);
+    EXPECT_GE(StatisticOf(*loop, 7) - before, 152 * mebibyte); // the last whole window is sent by the write behind it
     ASSERT_TRUE(SeekTo(image.handle, 0));
     EXPECT_EQ(WriteSome(image.handle, std::string(1000, 'h')), 1000U);
     EXPECT_TRUE(BytesOf(Image()) == std::string(1000, 'h') + std::string(40 * blockBytes, 'x'));
@@ -424,7 +434,7 @@ TEST_F(WriteBehindTest, AFaultOfTheDiskUnderTheImageFailsAWriteBeforeTheEnd)
     }
     EXPECT_TRUE(GetLastError() == ERROR_IO_DEVICE || GetLastError() == ERROR_DISK_FULL) << GetLastError();
     EXPECT_GE(written, 11);
-    EXPECT_LT(written, 60) << "the file system has room for twice as many";
+    EXPECT_LT(written, 24) << "the file system has room for five times as many";
     CloseHandle(image);
     mount.reset();
     loop.reset();
