@@ -62,7 +62,7 @@ void LogWrites(Machine &machine, const std::string &path, WriteLog *log)
             log->lengthBefore = std::filesystem::file_size(FileNamed(path));
         }
         const auto *first = static_cast<const uint8_t *>(call.buffer);
-        log->writes.push_back({Field(call, "offset"), Bytes(first, first + Field(call, "length"))});
+        log->writes.push_back({log->writes.size(), Field(call, "offset"), Bytes(first, first + Field(call, "length"))});
     };
 }
 
@@ -73,7 +73,7 @@ std::vector<Write> CutToBlocks(const std::vector<Write> &writes)
         for (uint64_t start = write.offset; start < write.End();) {
             const uint64_t end = std::min(write.End(), (start / blockBytes + 1) * blockBytes);
             const uint8_t *first = write.bytes.data() + (start - write.offset);
-            units.push_back({start, Bytes(first, first + (end - start))});
+            units.push_back({write.number, start, Bytes(first, first + (end - start))});
             start = end;
         }
     }

@@ -14,6 +14,7 @@
 constexpr uint64_t blockBytes = 4096;
 
 struct Write {
+    size_t number; // among the writes of the run, from 0 on; of a unit, that of the write it is cut from
     uint64_t offset;
     Bytes bytes;
 

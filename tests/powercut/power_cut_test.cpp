@@ -4,7 +4,8 @@
 // once it has come to the chunks, restore doesn't finish, and each chunk that it wrote until then is the disk's; that
 // is tried on one such state in 16.
 //
-// The states: each prefix of the writes, and for the last 16 units of 4 KiB each of their 65,536 subsets; all of them
+// The states: each prefix of the writes, cut at every 4 KiB; for the last 16 units of 4 KiB each of their 65,536
+// subsets; for the last 16 writes each subset of them, whole; and every unit of the file missing by itself. All of them
 // twice, with the file as long as the writes in it reach, and, where that is shorter, with its final length. Stretches
 // of zeros on the disk, as long as a unit, make states that lack writes and are complete all the same. An ordinary run
 // takes one subset in 5 of files of few and small chunks and one in 61 of the others, more than 100,000 states in all,
@@ -25,7 +26,7 @@ namespace
 using Arguments = std::vector<std::string>;
 
 constexpr char path[] = "image.kstx";
-constexpr size_t subsetUnits = 16;
+constexpr size_t subsetUnits = 16; // as many writes, too
 #ifdef _WIN32
 constexpr size_t manySubsets = 601; // strides of an ordinary run; what it is run with opens files slowly
 constexpr size_t fewSubsets = 601;
@@ -45,8 +46,10 @@ struct Cut {
     size_t stride;
     size_t writes;
     size_t units;
-    size_t states;   // of the whole
+    size_t states;   // of the whole: prefixes and subsets of units
     size_t accepted; // likewise
+    size_t missing;  // whole writes, by subsets, and single units
+    size_t missingAccepted;
 };
 
 struct Counts {
@@ -89,6 +92,28 @@ void ForEachKept(size_t unitCount, size_t stride, const std::function<void(const
             kept[settled + bit] = (subset >> bit & 1) != 0;
         }
         look(kept);
+    }
+}
+
+// Every subset of the last writes, whole, in such an order too, and behind them the file without any one of its units.
+void ForEachMissing(const std::vector<Write> &units, size_t stride, const std::function<void(const Kept &kept)> &look)
+{
+    const size_t writeCount = units.back().number + 1;
+    const size_t varied = std::min(writeCount, subsetUnits);
+    const size_t settled = writeCount - varied;
+    Kept kept(units.size());
+    for (size_t place = PlaceOfAllBits(varied) % stride; place < size_t{1} << varied; place += stride) {
+        const size_t subset = place ^ (place >> 1);
+        for (size_t i = 0; i < units.size(); ++i) {
+            kept[i] = units[i].number < settled || (subset >> (units[i].number - settled) & 1) != 0;
+        }
+        look(kept);
+    }
+    kept.assign(units.size(), true);
+    for (size_t i = 0; i < units.size(); ++i) {
+        kept[i] = false;
+        look(kept);
+        kept[i] = true;
     }
 }
 
@@ -191,12 +216,12 @@ struct Examination {
         return text + "\n";
     }
 
-    void CheckAllStates()
+    // Each state as long as its writes reach, and then each that is shorter than the complete file at that length.
+    void CheckStates(const std::function<void(const std::function<void(const Kept &kept)> &look)> &forEach)
     {
         const uint64_t finalLength = file.ground.size();
-        const size_t stride = IsWhole() ? 1 : cut.stride;
-        ForEachKept(file.units.size(), stride, [&](const Kept &kept) { CheckState(kept, LengthOf(file.units, kept)); });
-        ForEachKept(file.units.size(), stride, [&](const Kept &kept) {
+        forEach([&](const Kept &kept) { CheckState(kept, LengthOf(file.units, kept)); });
+        forEach([&](const Kept &kept) {
             if (LengthOf(file.units, kept) != finalLength) {
                 CheckState(kept, finalLength);
             }
@@ -253,17 +278,23 @@ struct PowerCut : testing::Test {
         const size_t unitCount = file.units.size();
         Show(examination.file, Kept(unitCount, true), complete.size());
         ASSERT_TRUE(ReadBytes(path) == complete) << "the log of the writes is not what is in the file";
-        examination.CheckAllStates();
+        const std::vector<Write> &units = examination.file.units;
+        const size_t stride = IsWhole() ? 1 : cut.stride;
+        examination.CheckStates([&](const auto &look) { ForEachKept(unitCount, stride, look); });
+        const Counts inOrder = examination.counts;
+        examination.CheckStates([&](const auto &look) { ForEachMissing(units, stride, look); });
 
         const Counts &counts = examination.counts;
         EXPECT_EQ(unitCount, cut.units);
-        const bool isWhole = cut.stride == 1 || IsWhole();
-        if (isWhole) {
-            EXPECT_EQ(counts.states, cut.states);
-            EXPECT_EQ(counts.accepted, cut.accepted);
+        if (stride == 1) {
+            EXPECT_EQ(inOrder.states, cut.states);
+            EXPECT_EQ(inOrder.accepted, cut.accepted);
+            EXPECT_EQ(counts.states - inOrder.states, cut.missing);
+            EXPECT_EQ(counts.accepted - inOrder.accepted, cut.missingAccepted);
         } else {
-            EXPECT_GE(counts.states, (size_t{1} << subsetUnits) / cut.stride);
-            EXPECT_GE(counts.accepted, 1U);
+            EXPECT_GE(inOrder.states, (size_t{1} << subsetUnits) / cut.stride);
+            EXPECT_GE(inOrder.accepted, 1U);
+            EXPECT_GE(counts.states - inOrder.states, unitCount);
         }
         figures += std::string(cut.kind) + "\t" + std::to_string(log.writes.size()) + "\t" + std::to_string(unitCount) +
                    "\t" + std::to_string(counts.states) + "\t" + std::to_string(counts.accepted) + "\t" +
@@ -327,17 +358,19 @@ Bytes SmallDisk()
 } // namespace
 
 // States: prefix 0 twice; 65,536 subsets, and the half without the file's end again with the final length. Accepted: 4
-// with any of units 5 and 6 of the data, and as many with the final length and without unit 15.
+// with any of units 5 and 6 of the data, and as many with the final length and without unit 15. Missing: 8 subsets of
+// the writes and 17 single units, and 4 and 1 again that lack the end; accepted are the whole, no unit 5, no unit 6,
+// and no unit 15 with the final length. The others are counted in the same way.
 TEST_F(PowerCut, InAFullCaptureLeavesNoWrongImage)
 {
-    Examine({"full capture", CaptureArguments(), {SmallDisk()}, 4 * MiB, manySubsets, 3, 17, 98306, 8});
+    Examine({"full capture", CaptureArguments(), {SmallDisk()}, 4 * MiB, manySubsets, 3, 17, 98306, 8, 30, 4});
 }
 
 // Sealed zeros are noise: the complete file alone is accepted.
 TEST_F(PowerCut, InASealedCaptureLeavesNoWrongImage)
 {
     const Arguments arguments = CaptureArguments({"--encrypt", "--password-file", "pw"});
-    Examine({"sealed capture", arguments, {SmallDisk()}, 4 * MiB, manySubsets, 3, 17, 98306, 1});
+    Examine({"sealed capture", arguments, {SmallDisk()}, 4 * MiB, manySubsets, 3, 17, 98306, 1, 30, 1});
 }
 
 // The data ends 30 bytes ahead of a block, which cuts the trailer of 57 bytes in two: 14 units of data, 18 in all.
@@ -346,7 +379,7 @@ TEST_F(PowerCut, InAThinCaptureLeavesNoWrongImage)
     const Bytes disk = DiskWithZeros(14 * 4096 - 30 - 136, 1, {{3960 + 3 * 4096, 2 * 4096}});
     WriteBase(PatternBytes(disk.size(), 2));
     const Arguments arguments = CaptureArguments({"--base", "base.kstx", "--thin"});
-    Examine({"thin capture", arguments, {disk}, 4 * MiB, manySubsets, 4, 18, 98308, 4});
+    Examine({"thin capture", arguments, {disk}, 4 * MiB, manySubsets, 4, 18, 98308, 4, 43, 3});
 }
 
 // Trailer, header and table, each in a unit: 8 subsets, and the 4 without the trailer again.
@@ -354,14 +387,14 @@ TEST_F(PowerCut, InAThinCaptureOfAnUnchangedDiskLeavesNoWrongImage)
 {
     WriteBase(SmallDisk());
     const Arguments arguments = CaptureArguments({"--base", "base.kstx", "--thin"});
-    Examine({"thin capture, nothing changed", arguments, {SmallDisk()}, 4 * MiB, 1, 3, 3, 12, 1});
+    Examine({"thin capture, nothing changed", arguments, {SmallDisk()}, 4 * MiB, 1, 3, 3, 12, 1, 16, 1});
 }
 
 // 4 MiB from offset 208 on are 1,025 units, 40 KiB behind them 11. The prefixes of 1,022 units are looked at twice.
 TEST_F(PowerCut, InACaptureOfTwoChunksLeavesNoWrongImage)
 {
     const Bytes disk = PatternBytes(4 * MiB + 40 * KiB, 1);
-    Examine({"full capture, two chunks", CaptureArguments(), {disk}, 4 * MiB, fewSubsets, 4, 1038, 100348, 1});
+    Examine({"full capture, two chunks", CaptureArguments(), {disk}, 4 * MiB, fewSubsets, 4, 1038, 100348, 1, 1063, 1});
 }
 
 // The first chunk is the base's. 13 units of data, the trailer behind them in one.
@@ -372,7 +405,7 @@ TEST_F(PowerCut, InAThinCaptureOfTwoChunksLeavesNoWrongImage)
     older.back() ^= 0xFF;
     WriteBase(older);
     const Arguments arguments = CaptureArguments({"--base", "base.kstx", "--thin"});
-    Examine({"thin capture, two chunks", arguments, {disk}, 4 * MiB, fewSubsets, 4, 16, 98304, 1});
+    Examine({"thin capture, two chunks", arguments, {disk}, 4 * MiB, fewSubsets, 4, 16, 98304, 1, 41, 1});
 }
 
 // 7 chunks from offset 568 on, each in two units. The third holds zeros only, and so does the last unit.
@@ -380,7 +413,7 @@ TEST_F(PowerCut, InAConsolidationLeavesNoWrongImage)
 {
     const Bytes disk = DiskWithZeros(7 * 4096, 1, {{2 * 4096, 4096}, {6 * 4096 + 3528, 568}});
     WriteChain(disk, 4096, false);
-    Examine({"consolidation", ConsolidateArguments(), {disk}, 4096, manySubsets, 9, 16, 98304, 8});
+    Examine({"consolidation", ConsolidateArguments(), {disk}, 4096, manySubsets, 9, 16, 98304, 8, 785, 5});
 }
 
 TEST_F(PowerCut, InASealedConsolidationLeavesNoWrongImage)
@@ -388,7 +421,7 @@ TEST_F(PowerCut, InASealedConsolidationLeavesNoWrongImage)
     const Bytes disk = PatternBytes(7 * 4096, 1);
     WriteChain(disk, 4096, true);
     const Arguments arguments = ConsolidateArguments({"--encrypt", "--password-file", "pw"});
-    Examine({"consolidation, sealed anew", arguments, {disk}, 4096, manySubsets, 9, 16, 98304, 1});
+    Examine({"consolidation, sealed anew", arguments, {disk}, 4096, manySubsets, 9, 16, 98304, 1, 785, 1});
 }
 
 // The table of 170 entries ends at 12,304, so that its fourth and last unit is the tag of the last entry: zeros in a
@@ -398,7 +431,8 @@ TEST_F(PowerCut, InAConsolidationWithALongTableLeavesNoWrongImage)
 {
     const Bytes disk = DiskWithZeros(170 * 256, 1, {{165 * 256, 256}, {169 * 256, 256}});
     WriteChain(disk, 256, false);
-    Examine({"consolidation, long table", ConsolidateArguments(), {disk}, 256, fewSubsets, 172, 185, 98642, 8});
+    Examine(
+        {"consolidation, long table", ConsolidateArguments(), {disk}, 256, fewSubsets, 172, 185, 98642, 8, 98490, 7});
 }
 
 // The table of 113 entries ends at 8,200: the last 8 bytes of the last tag are a unit of their own. 12 chunks lie
@@ -408,7 +442,8 @@ TEST_F(PowerCut, InASealedConsolidationWithALongTableLeavesNoWrongImage)
     const Bytes disk = PatternBytes(113 * 448, 1);
     WriteChain(disk, 448, true);
     const Arguments arguments = ConsolidateArguments({"--encrypt", "--password-file", "pw"});
-    Examine({"consolidation, long table, sealed anew", arguments, {disk}, 448, fewSubsets, 115, 129, 98530, 1});
+    Examine(
+        {"consolidation, long table, sealed anew", arguments, {disk}, 448, fewSubsets, 115, 129, 98530, 1, 98434, 1});
 }
 
 // The worst that can become of replacing an image: the bytes of the older one show wherever nothing was written, as if
@@ -420,7 +455,8 @@ TEST_F(PowerCut, InACaptureOverAnOlderImageLeavesOneOfTheTwo)
     ImagePlan older;
     older.disk = disks[1];
     WriteBytes(path, BuildImage(older));
-    Examine({"capture over an older image", CaptureArguments(), disks, 4 * MiB, 1, 3, 8, 384, 4}, BuildImage(older));
+    Examine({"capture over an older image", CaptureArguments(), disks, 4 * MiB, 1, 3, 8, 384, 4, 21, 5},
+            BuildImage(older));
 }
 
 TEST_F(PowerCut, InASealedCaptureOverAnOlderImageLeavesOneOfTheTwo)
@@ -432,5 +468,6 @@ TEST_F(PowerCut, InASealedCaptureOverAnOlderImageLeavesOneOfTheTwo)
     older.kdfIterations = 1;
     WriteBytes(path, BuildImage(older));
     const Arguments arguments = CaptureArguments({"--encrypt", "--password-file", "pw"});
-    Examine({"sealed capture over an older image", arguments, disks, 4 * MiB, 1, 3, 8, 384, 2}, BuildImage(older));
+    Examine({"sealed capture over an older image", arguments, disks, 4 * MiB, 1, 3, 8, 384, 2, 21, 2},
+            BuildImage(older));
 }
