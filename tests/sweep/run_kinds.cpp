@@ -85,10 +85,8 @@ ImagePlan BasePlan(const Bytes &disk, Base base)
 }
 
 // The base has both chunks of the disk as they were before this one changed; the tracker knows of it.
-void PrepareCaptureOnBase(SweptRun &run, Base base, uint64_t changedChunk, std::vector<std::string> options)
+void WriteBase(SweptRun &run, Base base, uint64_t changedChunk)
 {
-    options.insert(options.begin(), {"--base", "base.kstx"});
-    PrepareCapture(run, TwoChunks(), options);
     ImagePlan plan = BasePlan(WithChange(TwoChunks(), changedChunk * chunkBytes), base);
     if (base == Base::Chain) {
         const Bytes disk = plan.disk;
@@ -102,6 +100,13 @@ void PrepareCaptureOnBase(SweptRun &run, Base base, uint64_t changedChunk, std::
     reply.hasPreviousEpoch = 1;
     reply.previousEpoch = baseEpoch;
     MarkChanged(reply, changedChunk * chunkBytes, restBytes);
+}
+
+void PrepareCaptureOnBase(SweptRun &run, Base base, uint64_t changedChunk, std::vector<std::string> options)
+{
+    options.insert(options.begin(), {"--base", "base.kstx"});
+    PrepareCapture(run, TwoChunks(), options);
+    WriteBase(run, base, changedChunk);
 }
 
 void MakeUnproved(SweptRun &run)
@@ -191,6 +196,18 @@ void CaptureSnapshots(SweptRun &run)
 void CaptureSnapshotsSealed(SweptRun &run)
 {
     PrepareSnapshotCapture(run, sealing);
+}
+
+void CaptureSnapshotsCopied(SweptRun &run)
+{
+    PrepareSnapshotCapture(run, {"--base", "base.kstx"});
+    WriteBase(run, Base::Plain, 0);
+}
+
+void CaptureSnapshotsThin(SweptRun &run)
+{
+    PrepareSnapshotCapture(run, {"--base", "base.kstx", "--thin"});
+    WriteBase(run, Base::Plain, 0);
 }
 
 // Images of eight small chunks. In a chain the first chunk lies in the full image, and each further level has one more.
@@ -358,6 +375,8 @@ const std::vector<RunKind> &RunKinds()
         {"capture, thin, base not proved, both sealed", "CaptureThinSealedUnproved", CaptureThinSealedUnproved},
         {"capture, snapshots", "CaptureSnapshots", CaptureSnapshots},
         {"capture, snapshots, sealed", "CaptureSnapshotsSealed", CaptureSnapshotsSealed},
+        {"capture, snapshots, base proved, copied", "CaptureSnapshotsCopied", CaptureSnapshotsCopied},
+        {"capture, snapshots, thin, base proved", "CaptureSnapshotsThin", CaptureSnapshotsThin},
         {"verify, full, plain", "VerifyPlain", VerifyPlain},
         {"verify, full, sealed", "VerifySealed", VerifySealed},
         {"verify, chain of 2", "VerifyChain", VerifyChain},
