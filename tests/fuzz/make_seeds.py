@@ -2,8 +2,10 @@
 """Writes the seeds of the fuzz targets, tests/fuzz/seeds/<target>/, the same bytes at every run.
 
 Images come from the tests' own writer, which shares nothing with the program. How a target reads its input stands at
-the head of its source; the functions here are the other side of that. A first argument names another folder for them.
+the head of its source; the functions here are the other side of that. A first argument names another folder for them,
+and with --vectors before it that folder gets the images of tests/vectors instead, each with its bases as one input.
 """
+import json
 import os
 import random
 import shutil
@@ -18,7 +20,7 @@ import kestrix_image as ki  # noqa: E402
 FITTING_PINS, FITTING_HASHES, WITHOUT_PASSWORD = 1, 2, 4
 NAMES = ("a.kstx", "b.kstx", "c.kstx", "d.kstx")
 ITERATIONS = 3
-os.urandom = random.Random(1).randbytes  # salts and nonces of the writer, which have to be the same each time
+CHANCE = random.Random(1)  # for the salts and nonces of the writer, which have to be the same each time
 
 
 def image_input(files, flags=0):
@@ -39,7 +41,7 @@ def chain(levels, passwords=(None,) * 4, chunks=3, chunkSize=1024, diskSize=None
             top = level == levels - 1
             written.append(ki.make_image(path, bytes(disk), passwords[level], written[-1] if written else None,
                                          chunkSize=chunkSize, kdfIterations=ITERATIONS, epoch=0x1234,
-                                         edit=edit if top else None))
+                                         edit=edit if top else None, randomBytes=CHANCE.randbytes))
         return [one.record.encode() for one in reversed(written)]
 
 
@@ -122,6 +124,38 @@ def image_seeds():
         "truncated_data": image_input([plain[0][:-1]]),
         "truncated_trailer": image_input([thin[0][:-1], thin[1]]),
     }
+
+
+def renamed(image, name):
+    """The image with another name for its base, if it has a sound trailer. No digest covers the name."""
+    total, = struct.unpack("<I", image[-4:].rjust(4, b"\0"))
+    trailer = image[-total:] if 48 <= total <= len(image) else b""
+    nameLength = struct.pack("<I", total - 48) if trailer else b""
+    if trailer[:12] != ki.TRAILER_MAGIC + nameLength:
+        return image
+    return (image[:-total] + ki.TRAILER_MAGIC + struct.pack("<I", len(name)) + name.encode() + trailer[-36:-4] +
+            struct.pack("<I", len(name) + 48))
+
+
+def vector_seeds():
+    """Each vector as an input, unless its chain is longer than an input's. The image that it needs first is its base,
+    and so on downwards."""
+    folder = os.path.join(HERE, "..", "vectors")
+    with open(os.path.join(folder, "vectors.json"), encoding="ascii") as file:
+        index = json.load(file)
+    inputs = {}
+    for vector in index:
+        names = [vector["image"], *vector.get("bases", ())]
+        if len(names) > len(NAMES):
+            continue
+        files = []
+        for level, name in enumerate(names):
+            with open(os.path.join(folder, name), "rb") as file:
+                files.append(file.read())
+            if level + 1 < len(names):
+                files[level] = renamed(files[level], NAMES[level + 1])
+        inputs[vector["name"]] = image_input(files, 0 if "password" in vector else WITHOUT_PASSWORD)
+    return inputs
 
 
 def answer(bitmap, active=1, hasPrevious=1, previous=0x1234, current=0x1235, secondaryGap=0, gap=0, extent=4096,
@@ -242,11 +276,7 @@ def socket_seeds():
     }
 
 
-def main():
-    folder = sys.argv[1] if len(sys.argv) > 1 else os.path.join(HERE, "seeds")
-    seeds = {"images": image_seeds(), "verify": None, "tracker": tracker_seeds(), "command_line": command_seeds(),
-             "device_socket": socket_seeds()}
-    seeds["verify"] = seeds["images"]
+def write_seeds(folder, seeds):
     for target, inputs in seeds.items():
         path = os.path.join(folder, target)
         shutil.rmtree(path, ignore_errors=True)
@@ -254,6 +284,17 @@ def main():
         for name, data in inputs.items():
             with open(os.path.join(path, name), "wb") as file:
                 file.write(data)
+
+
+def main():
+    if sys.argv[1:2] == ["--vectors"]:
+        vectors = vector_seeds()
+        write_seeds(sys.argv[2], {"images": vectors, "verify": vectors})
+        return
+    images = image_seeds()
+    write_seeds(sys.argv[1] if len(sys.argv) > 1 else os.path.join(HERE, "seeds"),
+                {"images": images, "verify": images, "tracker": tracker_seeds(), "command_line": command_seeds(),
+                 "device_socket": socket_seeds()})
 
 
 if __name__ == "__main__":

@@ -608,6 +608,10 @@ def bases(v):
     on("base-claims-no-memory", "The base claims more chunks than any memory holds.", header(chunkCount=2**60),
        opening=ABNORMAL)
 
+    v.make("stored-length-largest-base.kstx", edit=entry(2, storedLength=2**32 - 1))
+    v.add("base-stored-length-largest", "The base claims 4 GiB, less a byte, for a chunk that is referred to.", disk=NEW,
+          base="stored-length-largest-base.kstx", found={2: CUT_BELOW}, claims=2**32 - 1)
+
     for field, value in (("diskSize", SIZE - 1), ("diskSize", SIZE + 1), ("chunkSize", CHUNK - 1),
                          ("chunkSize", CHUNK + 1)):
         v.add(f"geometry-{field.lower()}-{value}", f"The {field} of a thin image is {value}, its base's is another.",
