@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cwchar>
+#include <iterator>
 #include <utility>
 
 AlignedBuffer::AlignedBuffer(uint64_t byteCount, uint64_t alignment)
@@ -44,7 +45,7 @@ AlignedBuffer::~AlignedBuffer()
 HANDLE OpenPhysicalDrive(int32_t diskNumber, DWORD access, DWORD share, DWORD flags)
 {
     wchar_t path[64];
-    swprintf(path, sizeof(path) / sizeof(path[0]), L"\\\\.\\PhysicalDrive%d", diskNumber);
+    swprintf(path, std::size(path), L"\\\\.\\PhysicalDrive%d", diskNumber);
     return CreateFileW(path, access, share, nullptr, OPEN_EXISTING, flags, nullptr);
 }
 
@@ -78,7 +79,7 @@ static_assert(sizeof(DISK_GEOMETRY_EX) == 40 && offsetof(DISK_GEOMETRY_EX, Geome
 
 DiskGeometry GetDiskGeometry(HANDLE disk)
 {
-    DWORD bytesReturned = 0;
+    DWORD bytesReturned = {};
     GET_LENGTH_INFORMATION length = {};
     if (!DeviceIoControl(disk, IOCTL_DISK_GET_LENGTH_INFO, nullptr, 0, &length, sizeof(length), &bytesReturned,
                          nullptr)) {
@@ -95,7 +96,7 @@ DiskGeometry GetDiskGeometry(HANDLE disk)
 BOOL TakeVolumeExtents(HANDLE volume, VolumeExtentsReply *reply)
 {
     *reply = {};
-    DWORD bytesReturned = 0;
+    DWORD bytesReturned = {};
     const BOOL answered = DeviceIoControl(volume, IOCTL_VOLUME_GET_VOLUME_DISK_EXTENTS, nullptr, 0, reply,
                                           sizeof(*reply), &bytesReturned, nullptr);
     CloseHandle(volume);

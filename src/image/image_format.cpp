@@ -80,7 +80,6 @@ std::vector<uint8_t> MakeThinTrailer(const std::string &baseName, const ImageId 
     const auto nameLength = static_cast<uint32_t>(baseName.size());
     const uint32_t totalLength = nameLength + trailerOverhead;
     std::vector<uint8_t> trailer;
-    trailer.reserve(totalLength);
     AppendBytes(trailer, trailerMagic, magicBytes);
     AppendBytes(trailer, &nameLength, sizeof(nameLength));
     AppendBytes(trailer, baseName.data(), baseName.size());
@@ -94,7 +93,7 @@ bool ParseThinTrailer(const std::vector<uint8_t> &trailer, std::string *baseName
     if (memcmp(trailer.data(), trailerMagic, magicBytes) != 0) {
         return false;
     }
-    uint32_t nameLength = 0;
+    uint32_t nameLength = {};
     memcpy(&nameLength, trailer.data() + nameLengthOffset, sizeof(nameLength));
     if (uint64_t{nameLength} + trailerOverhead != trailer.size() || nameLength == 0) {
         return false;

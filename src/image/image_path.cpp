@@ -10,7 +10,6 @@
 std::wstring WidenPath(const std::string &path)
 {
     std::wstring wide;
-    wide.reserve(path.size());
     for (const char byte : path) {
         wide.push_back(static_cast<wchar_t>(static_cast<signed char>(byte)));
     }
