@@ -101,7 +101,7 @@ def seconds_of_a_key():
 
 
 def measure(options, part, folder):
-    with Machine(os.path.join(ROOT, "build", "linux"), folder) as machine:
+    with Machine(os.path.join(ROOT, "build", "linux"), folder, MIB if options.quick else 6 * GIB) as machine:
         if part == "growth":
             return growth.measure(machine, options.growth_runs, QUICK_PLAN if options.quick else PLAN)
         commands.prepare(machine, options.size * MIB)

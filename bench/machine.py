@@ -17,7 +17,6 @@ from typing import Callable
 
 MIB, GIB, TIB = 1 << 20, 1 << 30, 1 << 40
 CHUNK, HUGE_PAGE = 4 * MIB, 2 * MIB
-MEMORY_OF_A_RUN = 6 * GIB  # more than any run brings into the page cache
 SEED = 20240229
 PASSWORD = b"correct horse battery staple"
 
@@ -50,7 +49,7 @@ def take_memory(size):
     """Takes memory, writes to it and gives it back, as far as the machine has it to spare. A virtual machine may have
     returned what was free to its host, and the next to use it would pay for getting it again, now more, now less."""
     spare = os.sysconf("SC_AVPHYS_PAGES") * os.sysconf("SC_PAGE_SIZE") * 3 // 4
-    size = min(size, spare) // HUGE_PAGE * HUGE_PAGE
+    size = max(min(size, spare) // HUGE_PAGE, 1) * HUGE_PAGE
     with mmap.mmap(-1, size, flags=mmap.MAP_PRIVATE | mmap.MAP_ANONYMOUS) as memory:
         memory.madvise(mmap.MADV_HUGEPAGE)
         for page in range(0, size, HUGE_PAGE):
@@ -75,7 +74,8 @@ class Contender:
 
 
 class Machine:
-    def __init__(self, build, folder):
+    def __init__(self, build, folder, memoryOfARun):
+        self.memoryOfARun = memoryOfARun  # bytes; more than any run brings into the page cache
         self.build, self.folder = os.path.abspath(build), os.path.abspath(folder)
         self.devices, self.images = os.path.join(self.folder, "devices"), os.path.join(self.folder, "images")
         self.kestrix = os.path.join(self.folder, "kestrix")
@@ -156,7 +156,7 @@ class Machine:
         else:
             for path in warm:
                 read_through(path)
-        take_memory(MEMORY_OF_A_RUN)
+        take_memory(self.memoryOfARun)
         figures, log = os.path.join(self.folder, "figures"), os.path.join(self.folder, "log")
         with open(log, "wb") as output:
             status = subprocess.run([os.path.join(self.build, "run_measured"), figures, *contender.command],
