@@ -80,6 +80,7 @@ std::vector<uint8_t> MakeThinTrailer(const std::string &baseName, const ImageId 
     const auto nameLength = static_cast<uint32_t>(baseName.size());
     const uint32_t totalLength = nameLength + trailerOverhead;
     std::vector<uint8_t> trailer;
+    trailer.reserve(totalLength);
     AppendBytes(trailer, trailerMagic, magicBytes);
     AppendBytes(trailer, &nameLength, sizeof(nameLength));
     AppendBytes(trailer, baseName.data(), baseName.size());
