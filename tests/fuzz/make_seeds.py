@@ -126,34 +126,31 @@ def image_seeds():
     }
 
 
-def renamed(image, name):
-    """The image with another name for its base, if it has a sound trailer. No digest covers the name."""
+def renamed(image, names):
+    """The image with the name in its trailer replaced as names has it, if it is one of them. No digest covers it."""
     total, = struct.unpack("<I", image[-4:].rjust(4, b"\0"))
     trailer = image[-total:] if 48 <= total <= len(image) else b""
-    nameLength = struct.pack("<I", total - 48) if trailer else b""
-    if trailer[:12] != ki.TRAILER_MAGIC + nameLength:
-        return image
-    return (image[:-total] + ki.TRAILER_MAGIC + struct.pack("<I", len(name)) + name.encode() + trailer[-36:-4] +
-            struct.pack("<I", len(name) + 48))
+    for old, new in names.items():
+        if trailer[:-36] == ki.TRAILER_MAGIC + struct.pack("<I", len(old)) + old.encode():
+            return (image[:-total] + ki.TRAILER_MAGIC + struct.pack("<I", len(new)) + new.encode() + trailer[-36:-4] +
+                    struct.pack("<I", len(new) + 48))
+    return image
 
 
 def vector_seeds():
-    """Each vector as an input, unless its chain is longer than an input's. The image that it needs first is its base,
-    and so on downwards."""
+    """Each vector as an input, unless it needs more files than an input has."""
     folder = os.path.join(HERE, "..", "vectors")
     with open(os.path.join(folder, "vectors.json"), encoding="ascii") as file:
         index = json.load(file)
     inputs = {}
     for vector in index:
-        names = [vector["image"], *vector.get("bases", ())]
-        if len(names) > len(NAMES):
+        names = dict(zip([vector["image"], *vector.get("bases", ())], NAMES))
+        if len(names) <= len(vector.get("bases", ())):
             continue
         files = []
-        for level, name in enumerate(names):
+        for name in names:
             with open(os.path.join(folder, name), "rb") as file:
-                files.append(file.read())
-            if level + 1 < len(names):
-                files[level] = renamed(files[level], NAMES[level + 1])
+                files.append(renamed(file.read(), names))
         inputs[vector["name"]] = image_input(files, 0 if "password" in vector else WITHOUT_PASSWORD)
     return inputs
 

@@ -47,7 +47,8 @@ static void NoteCall(Writes &writes, const std::vector<EntryFields> &entries, bo
         Law(Field(call, "offset") == entries[writes.chunks].diskOffset, "a chunk goes where its entry says");
         ++writes.chunks;
         writes.atChunkStart = true;
-    } else if (call.name == "WriteFile" && writes.atChunkStart) {
+    } else if (call.name == "WriteFile") {
+        Law(writes.atChunkStart, "a chunk is one write");
         writes.atChunkStart = false;
         const auto *bytes = static_cast<const uint8_t *>(call.buffer);
         const bool matches = Sha256Of(Bytes(bytes, bytes + Field(call, "length"))) == entries[writes.chunks - 1].hash;

@@ -31,12 +31,12 @@ OLD = seeded_disk(SIZE, 1)
 NEW = OLD[:CHUNK] + seeded_disk(CHUNK, 2) + OLD[2 * CHUNK:]  # what the thin images hold: another chunk 1
 OTHER = seeded_disk(SIZE, 3)  # of which the base has no chunk
 ONE = OLD[:CHUNK]  # the disk of the long chain
-SECRET = b"secret"
+SECRET = b"password"
 ITERATIONS = 3
 EPOCH = outcomes.PREVIOUS_EPOCH
 CHUNKS = [OLD[:CHUNK], OLD[CHUNK:2 * CHUNK], OLD[2 * CHUNK:]]
 DISKS = {"old.disk": OLD, "new.disk": NEW, "other.disk": OTHER, "one.disk": ONE}
-PASSWORDS = {"right.password": SECRET + b"\n", "wrong.password": b"Secret\n", "empty.password": b"",
+PASSWORDS = {"right.password": SECRET + b"\n", "wrong.password": b"Password\n", "empty.password": b"",
              "line-ends.password": b"\r\n\n"}
 RIGHT = "right.password"
 EVERY = (0, 1, 2)
@@ -609,8 +609,8 @@ def bases(v):
        opening=ABNORMAL)
 
     v.make("stored-length-largest-base.kstx", edit=entry(2, storedLength=2**32 - 1))
-    v.add("base-stored-length-largest", "The base claims 4 GiB, less a byte, for a chunk that is referred to.", disk=NEW,
-          base="stored-length-largest-base.kstx", found={2: CUT_BELOW}, claims=2**32 - 1)
+    v.add("base-stored-length-largest", "The base claims 4 GiB, less a byte, for a chunk that is referred to.",
+          disk=NEW, base="stored-length-largest-base.kstx", found={2: CUT_BELOW})
 
     for field, value in (("diskSize", SIZE - 1), ("diskSize", SIZE + 1), ("chunkSize", CHUNK - 1),
                          ("chunkSize", CHUNK + 1)):
