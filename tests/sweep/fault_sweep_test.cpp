@@ -279,7 +279,8 @@ TEST_P(FaultSweep, EveryCallThatFailsHasItsStatedEnding)
             SweepCall(place, nth, Damage::Short, false);
         }
     }
-    EXPECT_FALSE(Run({}, 0));
+    Machine faults;
+    EXPECT_FALSE(Run({FailAnyCall(faults, nth + 1, true)}, 0));
     EXPECT_EQ(machine.fallibleCalls, nth);
     EXPECT_EQ(result.exitStatus, 0);
     Story undamaged(run);
