@@ -466,8 +466,8 @@ static bool ReadInOrder(PortHandle &handle, void *buffer, DWORD byteCount, DWORD
     }
     handle.endOfLastRead = handle.position;
     uint64_t lengthBytes = 0;
-    if (isNext && handle.readsAhead && *bytesRead == byteCount && handle.isDirect && LengthOfDisk(handle, &lengthBytes) &&
-        handle.position + byteCount <= lengthBytes) {
+    if (isNext && handle.readsAhead && *bytesRead == byteCount && handle.isDirect &&
+        LengthOfDisk(handle, &lengthBytes) && handle.position + byteCount <= lengthBytes) {
         StartReadAhead(handle, buffer, byteCount);
     }
     return true;
