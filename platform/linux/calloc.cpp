@@ -1,31 +1,42 @@
-// The program's own calls of calloc, linked with --wrap=calloc: memory for a chunk lies on whole huge pages, so that it
-// goes to a disk from where it is, without a copy, and stays with the process for the next chunk when it is freed.
+// The program's own calls of calloc and free, linked with --wrap: memory for a chunk is a page block, so that the chunk
+// goes to a disk from where it is, without a copy. The one that was freed last is kept for the next chunk, and no pages
+// have to be had anew for it.
 //
-// Larger blocks come zeroed and untouched from the kernel each time: a table that a damaged header claims is to cost
-// nothing until it is really read.
+// A block that is new comes zeroed and untouched from the kernel, and so do those larger than a chunk is: a table that
+// a damaged header claims is to cost nothing until it is really read.
 #include "page_block.h"
 
 #include <cstdlib>
 #include <cstring>
 #include <malloc.h>
-#include <sys/mman.h>
+#include <utility>
 
 static constexpr size_t mostBytesKept = size_t{16} << 20; // of a block that is freed
-static constexpr size_t mostBytesFree = size_t{64} << 20; // of all of them
+static constexpr size_t mostBytesFree = size_t{64} << 20; // of those that the C run-time keeps
 static const bool blocksAreKept =
-    mallopt(M_MMAP_THRESHOLD, mostBytesKept + 2 * hugePageBytes) != 0 && mallopt(M_TRIM_THRESHOLD, mostBytesFree) != 0;
+    mallopt(M_MMAP_THRESHOLD, mostBytesKept) != 0 && mallopt(M_TRIM_THRESHOLD, mostBytesFree) != 0;
+
+static void *spareBlock = nullptr;
 
 extern "C" void *__real_calloc(size_t count, size_t size);
+extern "C" void __real_free(void *block);
 
 extern "C" void *__wrap_calloc(size_t count, size_t size)
 {
     if (size == 0 || count > mostBytesKept / size || !IsWholeHugePages(count * size)) {
         return __real_calloc(count, size);
     }
-    void *block = nullptr;
-    if (posix_memalign(&block, hugePageBytes, count * size) != 0) {
-        return nullptr;
+    if (spareBlock != nullptr && IsPageBlock(spareBlock, count * size)) {
+        return memset(std::exchange(spareBlock, nullptr), 0, count * size);
     }
-    madvise(block, count * size, MADV_HUGEPAGE); // advice; nothing depends on it
-    return memset(block, 0, count * size);
+    return MakePageBlock(count * size, 1);
+}
+
+extern "C" void __wrap_free(void *block)
+{
+    if (!IsPageBlock(block)) {
+        __real_free(block);
+    } else {
+        FreePageBlock(std::exchange(spareBlock, block));
+    }
 }

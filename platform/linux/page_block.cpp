@@ -16,10 +16,11 @@ struct PageBlock {
     size_t reservedSize;
 };
 
+// Never destroyed: memory is freed until the very end of the process.
 static std::vector<PageBlock> &PageBlocks()
 {
-    static std::vector<PageBlock> blocks;
-    return blocks;
+    static auto *const blocks = new std::vector<PageBlock>;
+    return *blocks;
 }
 
 static std::vector<PageBlock>::iterator FindPageBlock(const void *block)
@@ -64,6 +65,11 @@ bool FreePageBlock(void *block)
     munmap(found->reserved, found->reservedSize);
     PageBlocks().erase(found);
     return true;
+}
+
+bool IsPageBlock(const void *block)
+{
+    return FindPageBlock(block) != PageBlocks().end();
 }
 
 bool IsPageBlock(const void *block, size_t size)

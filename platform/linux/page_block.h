@@ -17,7 +17,8 @@ void *MakePageBlock(size_t size, size_t alignment);
 // Releases the block; false if it is no page block.
 bool FreePageBlock(void *block);
 
-// True when block is a page block of exactly size bytes.
+// True when block is a page block, and one of exactly size bytes.
+bool IsPageBlock(const void *block);
 bool IsPageBlock(const void *block, size_t size);
 
 // Gives target the content of *filled by moving the pages, all three blocks being size bytes long. Then *filled is
