@@ -149,11 +149,29 @@ static void CheckWords(const RunResult &result, const std::string &refusal)
         result.errorText);
 }
 
-void CheckEnd(const Machine &machine, const RunResult &result, const std::string &refusal)
+// Four files that don't are read within the machine's memory.
+static bool ClaimsMuch(const Bytes &image)
+{
+    constexpr uint64_t much = 100 * KiB;
+    if (image.size() < headerBytes) {
+        return false;
+    }
+    const HeaderFields header = HeaderOf(image);
+    if (header.chunkSize > much || header.chunkCount > much / 72) {
+        return true;
+    }
+    const std::vector<EntryFields> entries = HasTable(image) ? EntriesOf(image) : std::vector<EntryFields>();
+    return std::any_of(entries.begin(), entries.end(),
+                       [](const EntryFields &entry) { return entry.storedLength > much; });
+}
+
+void CheckEnd(const ImageFiles &images, const Machine &machine, const RunResult &result, const std::string &refusal)
 {
     if (result.abnormalEnd) {
         Law(result.abnormalText == "std::bad_alloc", "only want of memory ends the program abnormally",
             result.abnormalText);
+        Law(std::any_of(images.files.begin(), images.files.end(), ClaimsMuch),
+            "no more memory is asked for than a file claims");
     } else if (result.exitStatus == 0) {
         Law(result.errorText.empty(), "success leaves the error stream empty", result.errorText);
     } else {

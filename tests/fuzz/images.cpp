@@ -1,7 +1,7 @@
 // The law: whatever bytes a chain of image files holds, opening it and fetching every chunk ends with the chunks, each
 // of the bytes whose digest its entry has, or with one stated line and exit status 1. A fetch writes ChunkLength bytes
 // and none beyond, fetching again gives the same, and a chunk that fails does so as stated. Nothing is read or written
-// out of bounds, nothing is opened to be written, and no more memory is asked for than a header claims.
+// out of bounds, nothing is opened to be written, and no more memory is asked for than a file claims.
 //
 // The input is what image_files.h says. Only want of memory, of which the machine has 1 MiB, may end the program
 // abnormally; tables beyond that are out of reach here.
@@ -37,6 +37,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     Machine machine = MachineForImages();
     const std::string passwordFile = (images.flags & withoutPassword) != 0 ? "" : "password";
     const RunResult result = RunCode(machine, [&] { FetchAll(OpenImage("a.kstx", passwordFile, 0), images.files[0]); });
-    CheckEnd(machine, result, "");
+    CheckEnd(images, machine, result, "");
     return 0;
 }

@@ -22,7 +22,7 @@ static bool Verifies(const ImageFiles &images)
 {
     Machine machine = MachineForImages();
     const RunResult result = RunCommand(machine, Arguments("verify", images));
-    CheckEnd(machine, result, "Do not trust this image for restore.");
+    CheckEnd(images, machine, result, "Do not trust this image for restore.");
     const bool accepted = !result.abnormalEnd && result.exitStatus == 0;
     Law(accepted == (result.outputText.find("Verify OK - all ") != std::string::npos), "the verdict is the status",
         result.outputText);
@@ -79,7 +79,7 @@ static void CheckRestore(const ImageFiles &images, bool accepted)
     std::vector<std::string> arguments = Arguments("restore", images);
     arguments.insert(arguments.end(), {"--disk", "1", "--confirm", "YES"});
     const RunResult result = RunCommand(machine, arguments);
-    CheckEnd(machine, result, "Refusing: target disk 1 is ");
+    CheckEnd(images, machine, result, "Refusing: target disk 1 is ");
     const bool restored = !result.abnormalEnd && result.exitStatus == 0;
     const bool diskRefused = result.errorText.find("Refusing: target disk 1 is ") != std::string::npos ||
                              result.errorText.find("WriteFile to target disk failed") != std::string::npos;
