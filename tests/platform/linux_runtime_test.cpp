@@ -132,7 +132,7 @@ TEST(Memory, OfAChunkThatIsFreedIsThereForTheNext)
         getrusage(RUSAGE_SELF, &usage);
         faults = i == 0 ? usage.ru_minflt : faults;
     }
-    EXPECT_LT(usage.ru_minflt - faults, 100);
+    EXPECT_LT(usage.ru_minflt - faults, 19) << "not even one huge page for each";
 }
 
 #endif

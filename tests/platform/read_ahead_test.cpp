@@ -440,6 +440,21 @@ TEST_F(WriteBehindTest, AFaultOfTheDiskUnderTheImageFailsAWriteBeforeTheEnd)
     loop.reset();
 }
 
+TEST_F(WriteBehindTest, OnlyAFileThatHoldsSomethingIsCutDown)
+{
+    const std::string existing = scratch.File("existing");
+    const std::string fresh = scratch.File("fresh");
+    WriteBytes(existing, "something");
+    EXPECT_EQ(ResultOfChild([&]() -> DWORD {
+                  return !RefuseSystemCall(SYS_ftruncate, EIO)                          ? 1
+                         : OpenToWrite(existing, CREATE_ALWAYS) != INVALID_HANDLE_VALUE ? 2
+                         : OpenToWrite(fresh, CREATE_ALWAYS) == INVALID_HANDLE_VALUE    ? 3
+                                                                                        : 0;
+              }),
+              0);
+    EXPECT_EQ(BytesOf(existing), "something");
+}
+
 TEST_F(WriteBehindTest, WhereTheKernelRefusesItAnImageIsWrittenAllTheSame)
 {
     const std::string path = scratch.File("image");
