@@ -26,7 +26,7 @@ extern "C" void *__wrap_calloc(size_t count, size_t size)
     if (size == 0 || count > mostBytesKept / size || !IsWholeHugePages(count * size)) {
         return __real_calloc(count, size);
     }
-    if (spareBlock != nullptr && IsPageBlock(spareBlock, count * size)) {
+    if (IsPageBlock(spareBlock, count * size)) {
         return memset(std::exchange(spareBlock, nullptr), 0, count * size);
     }
     return MakePageBlock(count * size, 1);

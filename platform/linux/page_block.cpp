@@ -9,6 +9,8 @@
 #include <sys/mman.h>
 #include <vector>
 
+static constexpr size_t hugePageBytes = size_t{2} << 20;
+
 struct PageBlock {
     void *block;
     size_t size;

@@ -5,8 +5,6 @@
 
 #include <cstddef>
 
-constexpr size_t hugePageBytes = size_t{2} << 20;
-
 // True when a block of size bytes is made of whole huge pages.
 bool IsWholeHugePages(size_t size);
 
