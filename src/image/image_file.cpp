@@ -51,9 +51,9 @@ static void ReadTable(ImageFile &image)
 static uint64_t FillChunkOffsets(ImageFile &image)
 {
     uint64_t cursor = DataStart(image.table.size());
-    image.chunkOffsets.reserve(image.table.size());
+    image.chunkOffsets.resize(image.table.size());
     for (uint64_t i = 0; i < image.table.size(); ++i) {
-        image.chunkOffsets.push_back(cursor);
+        image.chunkOffsets[i] = cursor;
         cursor += image.table[i].storedLength;
     }
     return cursor;

@@ -34,7 +34,7 @@ struct Setback {
     HRESULT value;
 };
 
-static constexpr Setback noSetback = {nullptr, S_OK};
+static constexpr Setback noSetback = {};
 
 static unsigned long ForPrinting(HRESULT value)
 {
