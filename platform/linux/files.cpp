@@ -177,6 +177,9 @@ static HANDLE CreateFileAlone(const std::string &path, bool mustBeNew)
         close(record.descriptor);
         return RefuseOpen(WindowsError(error));
     }
+    if (sync_file_range(record.descriptor, 0, 0, 0) != 0) { // asks for nothing: a sandbox refuses the call or doesn't
+        record.underWayTo = neverSent;                      // the bytes get there all the same
+    }
     SetPortError(created ? ERROR_SUCCESS : ERROR_ALREADY_EXISTS);
     return MakeHandle(record);
 }
@@ -345,12 +348,20 @@ extern "C" BOOL CloseHandle(HANDLE object)
 
 // ---- Transfers ----
 
+// A disk that is written through the page cache has the bytes before the call ends, or the call fails.
+static ssize_t WriteOnce(const PortHandle &handle, const void *buffer, size_t count, off_t offset)
+{
+    const ssize_t moved = pwrite(handle.descriptor, buffer, count, offset);
+    const bool isCached = handle.kind == HandleKind::Disk && (fcntl(handle.descriptor, F_GETFL) & O_DIRECT) == 0;
+    return moved > 0 && isCached && fdatasync(handle.descriptor) != 0 ? -1 : moved;
+}
+
 // One system call's worth of a transfer; a read when buffer is to be filled. Below 0 with errno set.
 static ssize_t CallOnce(const PortHandle &handle, void *buffer, uint64_t byteCount, uint64_t position, bool isWrite)
 {
     const auto offset = static_cast<off_t>(position);
     const size_t count = std::min(byteCount, largestTransfer);
-    return isWrite ? pwrite(handle.descriptor, buffer, count, offset) : pread(handle.descriptor, buffer, count, offset);
+    return isWrite ? WriteOnce(handle, buffer, count, offset) : pread(handle.descriptor, buffer, count, offset);
 }
 
 static void SetDirect(const PortHandle &handle, bool isDirect)
@@ -520,10 +531,6 @@ static bool WriteBehind(PortHandle &handle)
     if (sync_file_range(handle.descriptor, behindTheEnd, 1, SYNC_FILE_RANGE_WAIT_BEFORE) == 0 &&
         (begin == end || sync_file_range(handle.descriptor, static_cast<off_t>(begin), static_cast<off_t>(end - begin),
                                          SYNC_FILE_RANGE_WRITE) == 0)) {
-        return true;
-    }
-    if (errno == ENOSYS || errno == EPERM) { // the call is refused; the bytes get there all the same
-        handle.underWayTo = neverSent;
         return true;
     }
     SetPortError(WindowsErrorOfTransfer(errno, true));

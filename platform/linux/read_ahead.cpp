@@ -12,7 +12,6 @@
 #include <cstdlib>
 #include <liburing.h>
 #include <memory>
-#include <sys/file.h>
 
 static constexpr uint64_t pieceBytes = uint64_t{1} << 20;
 static constexpr uint64_t nowhere = UINT64_MAX;

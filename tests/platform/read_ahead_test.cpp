@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <linux/audit.h>
 #include <linux/filter.h>
 #include <linux/loop.h>
@@ -18,6 +19,7 @@
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <thread>
+#include <unistd.h>
 
 static constexpr size_t mebibyte = 1024 * 1024;
 static constexpr DWORD blockBytes = 4 * mebibyte;
@@ -440,6 +442,70 @@ TEST_F(WriteBehindTest, AFaultOfTheDiskUnderTheImageFailsAWriteBeforeTheEnd)
     loop.reset();
 }
 
+// Writes on until a second opener hears that the disk has failed, which the image's own handle has not heard yet.
+static void WriteUntilTheDiskFails(const WriteBehindTest &test, HANDLE image)
+{
+    const int watcher = open(test.Image().c_str(), O_WRONLY | O_CLOEXEC);
+    bool hasFailed = false;
+    for (int i = 0; i < 60 && !hasFailed; ++i) {
+        ASSERT_TRUE(test.WritesOn(image)) << i;
+        hasFailed = fsync(watcher) != 0;
+    }
+    ASSERT_TRUE(hasFailed);
+    close(watcher);
+}
+
+TEST_F(WriteBehindTest, TheWriteBehindAFaultFailsAndMovesNothing)
+{
+    std::filesystem::create_directory(scratch.path / "small");
+    const Mount tmpfs("none", scratch.File("small"), "tmpfs", "size=48m");
+    MakeFileSystem(scratch.File("small/backing"));
+    const HANDLE image = OpenToWrite(Image(), CREATE_NEW);
+    WriteUntilTheDiskFails(*this, image);
+    EXPECT_FALSE(WritesOn(image));
+    EXPECT_TRUE(GetLastError() == ERROR_IO_DEVICE || GetLastError() == ERROR_DISK_FULL) << GetLastError();
+    CloseHandle(image);
+    mount.reset();
+    loop.reset();
+}
+
+TEST_F(WriteBehindTest, AnImageThatIsToldOfAFaultAtItsHeaderGetsNone)
+{
+    std::filesystem::create_directory(scratch.path / "small");
+    const Mount tmpfs("none", scratch.File("small"), "tmpfs", "size=48m");
+    MakeFileSystem(scratch.File("small/backing"));
+    const HANDLE image = OpenToWrite(Image(), CREATE_NEW);
+    ASSERT_TRUE(SeekTo(image, 4096));
+    WriteUntilTheDiskFails(*this, image);
+    ASSERT_TRUE(SeekTo(image, 0));
+    DWORD moved = 0xEEEEEEEE;
+    EXPECT_FALSE(WriteFile(image, block.bytes, 64, &moved, nullptr));
+    EXPECT_EQ(moved, 0U);
+    EXPECT_EQ(BytesOf(Image()).substr(0, 64), std::string(64, '\0'));
+    CloseHandle(image);
+    mount.reset();
+    loop.reset();
+}
+
+TEST_F(WriteBehindTest, AWriteOfADiskThroughThePageCacheFailsInItsOwnCall)
+{
+    std::filesystem::create_directory(scratch.path / "small");
+    const Mount tmpfs("none", scratch.File("small"), "tmpfs", "size=48m");
+    MakeFileSystem(scratch.File("small/backing"));
+    WriteBytes(scratch.File("mount/disk"), "");
+    std::filesystem::resize_file(scratch.File("mount/disk"), blockBytes + 100);
+    std::filesystem::create_symlink(scratch.File("mount/disk"), Device("PhysicalDrive0"));
+    std::ofstream(scratch.File("small/filler"), std::ios::binary) << std::string(48 * mebibyte, 'x');
+    const HANDLE disk = OpenDiskToRestore("PhysicalDrive0");
+    DWORD moved = 0xEEEEEEEE;
+    ASSERT_TRUE(SeekTo(disk, blockBytes)); // what lies off a sector can't go past the cache
+    EXPECT_FALSE(WriteFile(disk, block.bytes, 100, &moved, nullptr));
+    EXPECT_EQ(moved, 0U);
+    CloseHandle(disk);
+    mount.reset();
+    loop.reset();
+}
+
 TEST_F(WriteBehindTest, OnlyAFileThatHoldsSomethingIsCutDown)
 {
     const std::string existing = scratch.File("existing");
@@ -460,8 +526,8 @@ TEST_F(WriteBehindTest, WhereTheKernelRefusesItAnImageIsWrittenAllTheSame)
     const std::string path = scratch.File("image");
     for (const int error : {ENOSYS, EPERM}) {
         EXPECT_EQ(ResultOfChild([&]() -> DWORD {
-                      const HANDLE image = OpenToWrite(path, CREATE_ALWAYS);
                       bool isWritten = RefuseSystemCall(SYS_sync_file_range, error);
+                      const HANDLE image = OpenToWrite(path, CREATE_ALWAYS);
                       for (int i = 0; i < 40 && isWritten; ++i) {
                           isWritten = WritesOn(image);
                       }
@@ -471,4 +537,15 @@ TEST_F(WriteBehindTest, WhereTheKernelRefusesItAnImageIsWrittenAllTheSame)
             << strerror(error);
         EXPECT_EQ(std::filesystem::file_size(path), 40 * blockBytes);
     }
+}
+
+// The kernel gives what stopped a write on its way to the disk as it is, and that may be the error of a refusal.
+TEST_F(WriteBehindTest, AFaultThatLooksLikeARefusalFailsTheNextWrite)
+{
+    EXPECT_EQ(
+        ResultOfChild([&]() -> DWORD {
+            const HANDLE image = OpenToWrite(scratch.File("image"), CREATE_ALWAYS);
+            return !WritesOn(image) ? 1 : !RefuseSystemCall(SYS_sync_file_range, EPERM) ? 2 : WritesOn(image) ? 3 : 0;
+        }),
+        0);
 }
