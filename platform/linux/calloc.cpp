@@ -2,19 +2,15 @@
 // goes to a disk from where it is, without a copy. The one that was freed last is kept for the next chunk, and no pages
 // have to be had anew for it.
 //
-// A block that is new comes zeroed and untouched from the kernel, and so do those larger than a chunk is: a table that
-// a damaged header claims is to cost nothing until it is really read.
+// A block that is new comes zeroed and untouched from the kernel, as the C run-time's large ones do: a table that a
+// damaged header claims is to cost nothing until it is really read.
 #include "page_block.h"
 
 #include <cstdlib>
 #include <cstring>
-#include <malloc.h>
 #include <utility>
 
 static constexpr size_t mostBytesKept = size_t{16} << 20; // of a block that is freed
-static constexpr size_t mostBytesFree = size_t{64} << 20; // of those that the C run-time keeps
-static const bool blocksAreKept =
-    mallopt(M_MMAP_THRESHOLD, mostBytesKept) != 0 && mallopt(M_TRIM_THRESHOLD, mostBytesFree) != 0;
 
 static void *spareBlock = nullptr;
 
