@@ -142,15 +142,21 @@ class DisksInFiles(MachineTest):
                 self.assertTrue(run.err.startswith(b"FATAL: could not open C: to determine the system disk number"),
                                 run.err)
 
-    def test_a_disk_that_shrinks_during_a_capture_ends_it_without_an_image_or_a_commit(self):
-        self.disk(1, 10 * MIB)
+    def check_shrinking(self, size, rest):
+        self.disk(1, size)
         tracker = change_tracker.attach_to(self)
-        tracker.before[change_tracker.QUERY] = lambda: os.truncate(self.disk_path(1), 5 * MIB)
+        tracker.before[change_tracker.QUERY] = lambda: os.truncate(self.disk_path(1), rest)
         run = self.kestrix("capture", "--disk", "1", "--out", "x")
-        self.check_fatal(run, READ_FAILED, None, source_line(1, 10 * MIB) +
-                         "Change tracker: disk 1 epoch 1A2B\n" + progress(CHUNK, 10 * MIB))
+        self.check_fatal(run, READ_FAILED, None, source_line(1, size) +
+                         "Change tracker: disk 1 epoch 1A2B\n" + progress(CHUNK, size))
         self.check_no_image("x")
         self.assertNotIn(change_tracker.COMMIT, tracker.codes())
+
+    def test_a_disk_that_shrinks_during_a_capture_ends_it_without_an_image_or_a_commit(self):
+        self.check_shrinking(10 * MIB, 5 * MIB)
+
+    def test_a_disk_that_shrinks_with_reads_ahead_under_way_ends_the_capture_no_differently(self):
+        self.check_shrinking(22 * MIB, 13 * MIB)
 
     def test_a_source_is_read_and_never_written(self):
         content = self.disk(1, seeded_disk(5 * MIB + 17, 3))

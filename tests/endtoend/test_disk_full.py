@@ -15,7 +15,7 @@ class FullImages(MachineTest):
     def setUp(self):
         super().setUp()
         self.system_disk()
-        self.content = seeded_disk(9 * MIB, 1)
+        self.content = seeded_disk(22 * MIB, 1)  # reads are ahead of it from 12 MiB on
         self.size = len(self.content)
         self.disk(1, self.content)
         self.out = source_line(1, self.size) + NO_TRACKER
@@ -26,7 +26,7 @@ class FullImages(MachineTest):
 
     @needs(why_no_mounts)
     def test_a_capture_that_fills_the_file_system_says_so_and_leaves_no_image(self):
-        for size, shown in (("1m", ""), ("6m", progress(CHUNK, self.size)), ("9m", progress(CHUNK, self.size))):
+        for size, shown in (("1m", ""), ("6m", progress(CHUNK, self.size)), ("18m", progress(CHUNK, self.size))):
             with self.subTest(size):
                 self.check_fatal(self.capture(self.small_file_system(size)), FULL, 112, self.out + shown)
                 self.assertTrue(os.path.exists(self.name))
