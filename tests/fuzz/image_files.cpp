@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
+#include <regex>
 
 static constexpr size_t headerBytes = 64;
 static constexpr size_t entryBytes = 72;
@@ -138,10 +139,19 @@ static std::string LastLine(std::string text)
     return text.substr(text.rfind('\n') + 1);
 }
 
+static bool IsFailureLine(const std::string &line)
+{
+    static const std::regex withNumber("FATAL: [A-Za-z-][^\n]* \\((GetLastError=[0-9]+|NTSTATUS 0x[0-9A-F]{8})\\)");
+    static const std::regex ofAChunk(
+        "FATAL: chunk [0-9]+ (failed authentication \\(corrupt/tampered image\\)|hash mismatch \\(corrupt image\\)) - "
+        "restore aborted, target disk left partially written\\.");
+    return std::regex_match(line, withNumber) || std::regex_match(line, ofAChunk);
+}
+
 static void CheckWords(const RunResult &result, const std::string &refusal)
 {
     const std::string last = LastLine(result.errorText);
-    const bool isFatal = last.compare(0, 7, "FATAL: ") == 0;
+    const bool isFatal = IsFailureLine(last);
     Law(isFatal || (!refusal.empty() && last.find(refusal) != std::string::npos), "a failure says what failed",
         result.errorText);
     const size_t first = result.errorText.find("FATAL: ");
