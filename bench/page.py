@@ -359,7 +359,8 @@ def write(results, notesPath):
     if "peers" in results:
         found = results["peers"]
         names = "; ".join(f"{name}: {version}" for name, version in found["about"]["peers"].items())
-        text += [f"## Peers\n\nThe same disk of {size_text(found['size'])} on a loop device, cold; the fastest first. "
+        text += [f"## Peers\n\nThe same disk of {size_text(found['size'])} on a loop device, cold, since "
+                 "a warm cache would help only those who read through it; the fastest first. "
                  f"Versions: {names}.\n", all_peers(found["records"])]
     if "growth" in results:
         text += ["## How cost grows\n", growth_text(results["growth"]["records"])]
