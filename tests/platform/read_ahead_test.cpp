@@ -384,6 +384,14 @@ struct WriteBehindTest : DevicesTest {
         mount = std::make_unique<Mount>(loop->path, scratch.File("mount"), "ext4", "errors=continue");
     }
 
+    // The file behind the device has no room for the bytes that the file system claims to have.
+    void MakeFileSystemWithoutRoom()
+    {
+        std::filesystem::create_directory(scratch.path / "small");
+        tmpfs = std::make_unique<Mount>("none", scratch.File("small"), "tmpfs", "size=48m");
+        MakeFileSystem(scratch.File("small/backing"));
+    }
+
     std::string Image() const
     {
         return scratch.File("mount/image");
@@ -400,6 +408,7 @@ struct WriteBehindTest : DevicesTest {
 
     ScratchFolder scratch;
     Block block;
+    std::unique_ptr<Mount> tmpfs;
     std::unique_ptr<LoopDevice> loop;
     std::unique_ptr<Mount> mount;
 };
@@ -424,10 +433,7 @@ TEST_F(WriteBehindTest, AnImageIsOnItsWayToTheDiskBeforeItsEnd)
 
 TEST_F(WriteBehindTest, AFaultOfTheDiskUnderTheImageFailsAWriteBeforeTheEnd)
 {
-    // The file behind the device has no room for the bytes that the file system claims to have.
-    std::filesystem::create_directory(scratch.path / "small");
-    const Mount tmpfs("none", scratch.File("small"), "tmpfs", "size=48m");
-    MakeFileSystem(scratch.File("small/backing"));
+    MakeFileSystemWithoutRoom();
     const HANDLE image = OpenToWrite(Image(), CREATE_NEW);
     int written = 0;
     while (written < 60 && WritesOn(image)) {
@@ -438,8 +444,6 @@ TEST_F(WriteBehindTest, AFaultOfTheDiskUnderTheImageFailsAWriteBeforeTheEnd)
     EXPECT_GE(written, 11);
     EXPECT_LT(written, 24) << "the file system has room for five times as many";
     CloseHandle(image);
-    mount.reset();
-    loop.reset();
 }
 
 // Writes on until a second opener hears that the disk has failed, which the image's own handle has not heard yet.
@@ -457,23 +461,17 @@ static void WriteUntilTheDiskFails(const WriteBehindTest &test, HANDLE image)
 
 TEST_F(WriteBehindTest, TheWriteBehindAFaultFailsAndMovesNothing)
 {
-    std::filesystem::create_directory(scratch.path / "small");
-    const Mount tmpfs("none", scratch.File("small"), "tmpfs", "size=48m");
-    MakeFileSystem(scratch.File("small/backing"));
+    MakeFileSystemWithoutRoom();
     const HANDLE image = OpenToWrite(Image(), CREATE_NEW);
     WriteUntilTheDiskFails(*this, image);
     EXPECT_FALSE(WritesOn(image));
     EXPECT_TRUE(GetLastError() == ERROR_IO_DEVICE || GetLastError() == ERROR_DISK_FULL) << GetLastError();
     CloseHandle(image);
-    mount.reset();
-    loop.reset();
 }
 
 TEST_F(WriteBehindTest, AnImageThatIsToldOfAFaultAtItsHeaderGetsNone)
 {
-    std::filesystem::create_directory(scratch.path / "small");
-    const Mount tmpfs("none", scratch.File("small"), "tmpfs", "size=48m");
-    MakeFileSystem(scratch.File("small/backing"));
+    MakeFileSystemWithoutRoom();
     const HANDLE image = OpenToWrite(Image(), CREATE_NEW);
     ASSERT_TRUE(SeekTo(image, 4096));
     WriteUntilTheDiskFails(*this, image);
@@ -483,15 +481,11 @@ TEST_F(WriteBehindTest, AnImageThatIsToldOfAFaultAtItsHeaderGetsNone)
     EXPECT_EQ(moved, 0U);
     EXPECT_EQ(BytesOf(Image()).substr(0, 64), std::string(64, '\0'));
     CloseHandle(image);
-    mount.reset();
-    loop.reset();
 }
 
 TEST_F(WriteBehindTest, AWriteOfADiskThroughThePageCacheFailsInItsOwnCall)
 {
-    std::filesystem::create_directory(scratch.path / "small");
-    const Mount tmpfs("none", scratch.File("small"), "tmpfs", "size=48m");
-    MakeFileSystem(scratch.File("small/backing"));
+    MakeFileSystemWithoutRoom();
     WriteBytes(scratch.File("mount/disk"), "");
     std::filesystem::resize_file(scratch.File("mount/disk"), blockBytes + 100);
     std::filesystem::create_symlink(scratch.File("mount/disk"), Device("PhysicalDrive0"));
@@ -502,8 +496,6 @@ TEST_F(WriteBehindTest, AWriteOfADiskThroughThePageCacheFailsInItsOwnCall)
     EXPECT_FALSE(WriteFile(disk, block.bytes, 100, &moved, nullptr));
     EXPECT_EQ(moved, 0U);
     CloseHandle(disk);
-    mount.reset();
-    loop.reset();
 }
 
 TEST_F(WriteBehindTest, OnlyAFileThatHoldsSomethingIsCutDown)
