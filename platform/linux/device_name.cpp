@@ -215,10 +215,9 @@ uint32_t OwnDiskHolding(const std::string &sysRoot, unsigned int majorNumber, un
     return DiskBelow(RealPath(link), ListOwnDisks(sysRoot), 16);
 }
 
-// The block device that a file system without a device number of its own, such as btrfs, names as its source.
-static dev_t SourceOfRoot()
+dev_t SourceOfRoot(const std::string &mountInfo)
 {
-    std::ifstream mounts("/proc/self/mountinfo");
+    std::ifstream mounts(mountInfo);
     dev_t device = 0;
     for (std::string line; std::getline(mounts, line);) {
         std::istringstream fields(line);
@@ -248,7 +247,7 @@ static Device FindOwnDevice(const std::string &name)
     struct stat rootFolder = {};
     if (name == "C:" && stat("/", &rootFolder) == 0) {
         const bool hasDevice = major(rootFolder.st_dev) != 0;
-        const dev_t volume = hasDevice ? rootFolder.st_dev : SourceOfRoot();
+        const dev_t volume = hasDevice ? rootFolder.st_dev : SourceOfRoot("/proc/self/mountinfo");
         device.kind = DeviceKind::Volume;
         device.diskNumber = OwnDiskHolding(sysRoot, major(volume), minor(volume));
         const std::string sectors = ReadLine(sysRoot + "/dev/block/" + DeviceNumberText(volume) + "/size");

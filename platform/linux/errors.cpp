@@ -6,6 +6,8 @@
 #include <cerrno>
 #include <sys/stat.h>
 
+static constexpr DWORD notReady = 21; // ERROR_NOT_READY
+
 static thread_local DWORD lastError = ERROR_SUCCESS;
 
 void SetPortError(DWORD error)
@@ -49,6 +51,8 @@ DWORD WindowsError(int systemError)
     case ETXTBSY:
     case EWOULDBLOCK:
         return ERROR_SHARING_VIOLATION;
+    case ENOMEDIUM:
+        return notReady;
     case EOPNOTSUPP:
     case ENOSYS:
     case ENOLCK:

@@ -16,6 +16,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -154,6 +155,14 @@ static int OpenOrCreate(const std::string &path, bool mustBeNew, bool *created)
     }
 }
 
+// False with errno set if something of the file failed on its way to the disk since the last question. Nothing is
+// waited for: the question goes to a range far behind the end, and the answer is for the whole file.
+static bool AskForLateFault(int descriptor)
+{
+    constexpr off_t behindTheEnd = off_t{1} << 62;
+    return sync_file_range(descriptor, behindTheEnd, 1, SYNC_FILE_RANGE_WAIT_BEFORE) == 0;
+}
+
 // A file that is empty stays as it is: some file systems bring one that was ever cut down to its disk within close.
 static bool MakeEmpty(int descriptor)
 {
@@ -180,6 +189,7 @@ static HANDLE CreateFileAlone(const std::string &path, bool mustBeNew)
     if (sync_file_range(record.descriptor, 0, 0, 0) != 0) { // asks for nothing: a sandbox refuses the call or doesn't
         record.underWayTo = neverSent;                      // the bytes get there all the same
     }
+    AskForLateFault(record.descriptor); // one of what the file held before is nobody's any more
     SetPortError(created ? ERROR_SUCCESS : ERROR_ALREADY_EXISTS);
     return MakeHandle(record);
 }
@@ -310,6 +320,7 @@ extern "C" HANDLE CreateFileW(LPCWSTR fileName, DWORD access, DWORD share, LPSEC
     if (security != nullptr || templateFile != nullptr) {
         return RefuseOpen(ERROR_INVALID_PARAMETER);
     }
+    signal(SIGXFSZ, SIG_IGN); // a limit of file sizes is a write's error, as a full disk is, not the process's end
     const std::string path = NarrowPath(fileName);
     const OpenRequest request = {access, share, disposition, flags};
     const size_t prefixLength = sizeof(devicePrefix) - 1;
@@ -348,12 +359,27 @@ extern "C" BOOL CloseHandle(HANDLE object)
 
 // ---- Transfers ----
 
-// A disk that is written through the page cache has the bytes before the call ends, or the call fails.
+// Ends when nothing that was written to the range of a disk waits in the page cache; false with errno set if something
+// failed on its way. Some file systems take O_DIRECT and write an ordinary file through the cache all the same.
+static bool HasLeftCache(const PortHandle &disk, off_t offset, off_t byteCount)
+{
+    constexpr unsigned int all = SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER;
+    if ((fcntl(disk.descriptor, F_GETFL) & O_DIRECT) != 0) {
+        if (disk.isBlockDevice || sync_file_range(disk.descriptor, offset, byteCount, all) == 0) {
+            return true;
+        }
+        if (errno != ENOSYS && errno != EPERM) { // the refusals of a sandbox
+            return false;
+        }
+    }
+    return fdatasync(disk.descriptor) == 0;
+}
+
+// A disk has the bytes before the call ends, or the call fails.
 static ssize_t WriteOnce(const PortHandle &handle, const void *buffer, size_t count, off_t offset)
 {
     const ssize_t moved = pwrite(handle.descriptor, buffer, count, offset);
-    const bool isCached = handle.kind == HandleKind::Disk && (fcntl(handle.descriptor, F_GETFL) & O_DIRECT) == 0;
-    return moved > 0 && isCached && fdatasync(handle.descriptor) != 0 ? -1 : moved;
+    return moved > 0 && handle.kind == HandleKind::Disk && !HasLeftCache(handle, offset, moved) ? -1 : moved;
 }
 
 // One system call's worth of a transfer; a read when buffer is to be filled. Below 0 with errno set.
@@ -517,18 +543,16 @@ static bool RoomForWrite(const PortHandle &handle, DWORD byteCount, uint64_t *ro
 }
 
 // Hears whether something of an image failed on its way to the disk since the last write, then sends the whole windows
-// behind the position on theirs; false with the last error set. Nothing is waited for: the question goes to a range far
-// behind the end, and the answer is for the whole file. An image that is told so at its header gets none.
+// behind the position on theirs; false with the last error set. An image that is told so at its header gets none.
 static bool WriteBehind(PortHandle &handle)
 {
-    constexpr off_t behindTheEnd = off_t{1} << 62;
     if (handle.kind != HandleKind::File || handle.underWayTo == neverSent) {
         return true;
     }
     const uint64_t begin = handle.underWayTo;
     const uint64_t end = std::max(begin, handle.position - handle.position % writeBehindBytes);
     handle.underWayTo = end;
-    if (sync_file_range(handle.descriptor, behindTheEnd, 1, SYNC_FILE_RANGE_WAIT_BEFORE) == 0 &&
+    if (AskForLateFault(handle.descriptor) &&
         (begin == end || sync_file_range(handle.descriptor, static_cast<off_t>(begin), static_cast<off_t>(end - begin),
                                          SYNC_FILE_RANGE_WRITE) == 0)) {
         return true;

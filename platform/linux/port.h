@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <string>
+#include <sys/types.h>
 #include <vector>
 
 // ---- errors.cpp ----
@@ -89,3 +90,7 @@ std::vector<std::string> ListOwnDisks(const std::string &sysRoot);
 // The number of the disk that the block device major:minor lies on, through partitions, device mapper and md; noDisk if
 // it lies on none.
 uint32_t OwnDiskHolding(const std::string &sysRoot, unsigned int majorNumber, unsigned int minorNumber);
+
+// The block device that the root folder's file system names as its source, for one without a device number of its own,
+// such as btrfs; 0 if it names none. mountInfo is a file in the form of proc(5)'s /proc/PID/mountinfo.
+dev_t SourceOfRoot(const std::string &mountInfo);

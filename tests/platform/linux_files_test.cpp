@@ -386,10 +386,12 @@ TEST(ErrorNumbers, AreThoseOfTheSameFaultOnWindows)
         int systemError;
         DWORD number;
     } cases[] = {
-        {0, 0},        {ENOENT, 2},   {ECONNREFUSED, 2}, {ENOTDIR, 3}, {ENAMETOOLONG, 3}, {ELOOP, 3},   {EMFILE, 4},
-        {ENFILE, 4},   {EACCES, 5},   {EPERM, 5},        {EISDIR, 5},  {EBADF, 6},        {ENOMEM, 8},  {EROFS, 19},
-        {EBUSY, 32},   {ETXTBSY, 32}, {EWOULDBLOCK, 32}, {ENOLCK, 50}, {ENOTTY, 50},      {EEXIST, 80}, {EINVAL, 87},
-        {ENOSPC, 112}, {EDQUOT, 112}, {EFBIG, 112},      {EIO, 1117},  {EPIPE, 1117},
+        {0, 0},       {ENOENT, 2},   {ENXIO, 2},        {ENODEV, 2},   {ENOMEDIUM, 21},   {EOPNOTSUPP, 50},
+        {ENOSYS, 50}, {EFAULT, 87},  {ECONNREFUSED, 2}, {ENOTDIR, 3},  {ENAMETOOLONG, 3}, {ELOOP, 3},
+        {EMFILE, 4},  {ENFILE, 4},   {EACCES, 5},       {EPERM, 5},    {EISDIR, 5},       {EBADF, 6},
+        {ENOMEM, 8},  {EROFS, 19},   {EBUSY, 32},       {ETXTBSY, 32}, {EWOULDBLOCK, 32}, {ENOLCK, 50},
+        {ENOTTY, 50}, {EEXIST, 80},  {EINVAL, 87},      {ENOSPC, 112}, {EDQUOT, 112},     {EFBIG, 112},
+        {EIO, 1117},  {EPIPE, 1117},
     };
     for (const auto &known : cases) {
         EXPECT_EQ(WindowsError(known.systemError), known.number) << known.systemError;
@@ -403,8 +405,8 @@ TEST(ErrorNumbers, OfTransfersTellABadSectorFromADeviceThatFails)
         DWORD reading;
         DWORD writing;
     } cases[] = {
-        {EIO, 1117, 1117}, {ENODATA, 23, 1117}, {EILSEQ, 23, 1117},  {EBADMSG, 23, 1117},
-        {EBADF, 5, 5},     {ENOSPC, 112, 112},  {ENXIO, 1117, 1117}, {ETIMEDOUT, 1117, 1117},
+        {EIO, 1117, 1117},  {ENODATA, 23, 1117}, {EILSEQ, 23, 1117},   {EBADMSG, 23, 1117}, {EBADF, 5, 5},
+        {ENOSPC, 112, 112}, {ENXIO, 1117, 1117}, {ENODEV, 1117, 1117}, {ENOMEDIUM, 21, 21}, {ETIMEDOUT, 1117, 1117},
     };
     for (const auto &known : cases) {
         EXPECT_EQ(WindowsErrorOfTransfer(known.systemError, false), known.reading) << known.systemError;

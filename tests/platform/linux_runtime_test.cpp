@@ -112,6 +112,28 @@ TEST(Memory, OfAChunkIsZeroAgainAndAlignedForEveryDisk)
     }
 }
 
+TEST(Memory, OfAFreedChunkIsGivenToOneOfItsSizeAlone)
+{
+    for (const size_t size : {2 * mebibyte, 4 * mebibyte, 2 * mebibyte, 6 * mebibyte}) {
+        void *volatile block = calloc(size, 1);
+        const auto *bytes = static_cast<const uint8_t *>(block);
+        EXPECT_EQ(static_cast<size_t>(std::count(bytes, bytes + size, 0)), size);
+        EXPECT_TRUE(IsPageBlock(block, size));
+        memset(block, 0xEE, size);
+        free(block);
+    }
+}
+
+TEST(Memory, OfMoreThanAChunkOf16MiBIsNotKept)
+{
+    void *volatile chunk = calloc(16 * mebibyte, 1);
+    void *volatile table = calloc(18 * mebibyte, 1);
+    EXPECT_TRUE(IsPageBlock(chunk));
+    EXPECT_FALSE(IsPageBlock(table));
+    free(chunk);
+    free(table);
+}
+
 #ifndef __SANITIZE_ADDRESS__ // which has an allocator of its own
 
 TEST(Memory, ThatNoSizeCanHoldIsRefused)

@@ -1,7 +1,10 @@
 // The machine's own disks, out of made-up trees in the shape of the kernel's block layer: which devices are disks, in
 // which order, and on which of them a volume lies.
+#include "linux_test_machine.h"
 #include "port.h"
 #include "test_files.h"
+
+#include <sys/stat.h>
 
 #include <vector>
 
@@ -202,4 +205,57 @@ TEST_F(OwnDisksTest, EndTheSearchInATreeThatRunsInACircle)
     Stack("dm-0", "dm-1");
     Stack("dm-1", "dm-0");
     EXPECT_EQ(DiskHolding(253, 0), noDisk);
+}
+
+// ---- The root folder's file system ----
+
+struct SourceOfRootTest : testing::Test {
+    SourceOfRootTest()
+    {
+        WriteBytes(scratch.File("backing"), std::string(4096, 'x'));
+        loop = std::make_unique<LoopDevice>(scratch.File("backing"));
+        struct stat node = {};
+        EXPECT_EQ(stat(loop->path.c_str(), &node), 0);
+        number = node.st_rdev;
+    }
+
+    // What is found where these are the mounts.
+    dev_t Source(const std::string &mounts) const
+    {
+        WriteBytes(scratch.File("mountinfo"), mounts);
+        return SourceOfRoot(scratch.File("mountinfo"));
+    }
+
+    ScratchFolder scratch;
+    std::unique_ptr<LoopDevice> loop;
+    dev_t number = 0;
+};
+
+TEST_F(SourceOfRootTest, IsTheBlockDeviceThatTheMountNames)
+{
+    EXPECT_EQ(Source("22 28 0:20 / /sys rw shared:7 - sysfs sysfs rw\n"
+                     "28 1 0:25 /@ / rw,relatime shared:1 master:2 - btrfs " +
+                     loop->path + " rw,subvol=/@\n30 28 0:25 /@home /home rw - btrfs /dev/null rw\n"),
+              number);
+    EXPECT_EQ(Source("28 1 0:25 / / rw - btrfs " + loop->path + " rw\n"), number);
+}
+
+TEST_F(SourceOfRootTest, IsThatOfTheMountThatLiesOnTop)
+{
+    const std::string device = "28 1 0:25 / / rw - btrfs " + loop->path + " rw\n";
+    const std::string memory = "29 28 0:30 / / rw - tmpfs tmpfs rw\n";
+    EXPECT_EQ(Source(memory + device), number);
+    EXPECT_EQ(Source(device + memory), 0U);
+}
+
+TEST_F(SourceOfRootTest, IsNoneWhereNoBlockDeviceIsNamed)
+{
+    for (const char *source : {"overlay", "/dev/null", "/dev/there/is/none", "server:/export"}) {
+        EXPECT_EQ(Source(std::string("28 1 0:25 / / rw - x ") + source + " rw\n"), 0U) << source;
+    }
+    EXPECT_EQ(Source("28 1 0:25 / / rw - x " + std::filesystem::relative(loop->path).string() + " rw\n"), 0U);
+    EXPECT_EQ(Source("28 1 0:25 / / rw -\n"), 0U);
+    EXPECT_EQ(Source("\n\n"), 0U);
+    EXPECT_EQ(Source(""), 0U);
+    EXPECT_EQ(SourceOfRoot(scratch.File("missing")), 0U);
 }

@@ -17,6 +17,7 @@
 #include <memory>
 #include <sys/ioctl.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <thread>
 #include <unistd.h>
@@ -374,22 +375,38 @@ struct WriteBehindTest : DevicesTest {
         memset(block.bytes, 'x', blockBytes);
     }
 
-    void MakeFileSystem(const std::string &backing)
+    void MakeFileSystem(const std::string &backing, const char *features = "^has_journal",
+                        const char *options = "errors=continue")
     {
         WriteBytes(backing, "");
         std::filesystem::resize_file(backing, 512 * mebibyte);
         loop = std::make_unique<LoopDevice>(backing);
-        const std::string make = "mkfs.ext4 -q -F -O ^has_journal -E lazy_itable_init=0,nodiscard " + loop->path;
+        const std::string make =
+            std::string("mkfs.ext4 -q -F -O ") + features + " -E lazy_itable_init=0,nodiscard " + loop->path;
         ASSERT_EQ(std::system(make.c_str()), 0);
-        mount = std::make_unique<Mount>(loop->path, scratch.File("mount"), "ext4", "errors=continue");
+        mount = std::make_unique<Mount>(loop->path, scratch.File("mount"), "ext4", options);
     }
 
     // The file behind the device has no room for the bytes that the file system claims to have.
-    void MakeFileSystemWithoutRoom()
+    void MakeFileSystemWithoutRoom(const char *features = "^has_journal", const char *options = "errors=continue")
     {
         std::filesystem::create_directory(scratch.path / "small");
         tmpfs = std::make_unique<Mount>("none", scratch.File("small"), "tmpfs", "size=48m");
-        MakeFileSystem(scratch.File("small/backing"));
+        MakeFileSystem(scratch.File("small/backing"), features, options);
+    }
+
+    // Takes the room that is left.
+    void FillUp() const
+    {
+        std::ofstream(scratch.File("small/filler"), std::ios::binary) << std::string(48 * mebibyte, 'x');
+    }
+
+    // Disk 0 is a file in the file system.
+    void MakeDisk(uint64_t lengthBytes) const
+    {
+        WriteBytes(scratch.File("mount/disk"), "");
+        std::filesystem::resize_file(scratch.File("mount/disk"), lengthBytes);
+        std::filesystem::create_symlink(scratch.File("mount/disk"), Device("PhysicalDrive0"));
     }
 
     std::string Image() const
@@ -486,16 +503,90 @@ TEST_F(WriteBehindTest, AnImageThatIsToldOfAFaultAtItsHeaderGetsNone)
 TEST_F(WriteBehindTest, AWriteOfADiskThroughThePageCacheFailsInItsOwnCall)
 {
     MakeFileSystemWithoutRoom();
-    WriteBytes(scratch.File("mount/disk"), "");
-    std::filesystem::resize_file(scratch.File("mount/disk"), blockBytes + 100);
-    std::filesystem::create_symlink(scratch.File("mount/disk"), Device("PhysicalDrive0"));
-    std::ofstream(scratch.File("small/filler"), std::ios::binary) << std::string(48 * mebibyte, 'x');
+    MakeDisk(blockBytes + 100);
+    FillUp();
     const HANDLE disk = OpenDiskToRestore("PhysicalDrive0");
     DWORD moved = 0xEEEEEEEE;
     ASSERT_TRUE(SeekTo(disk, blockBytes)); // what lies off a sector can't go past the cache
     EXPECT_FALSE(WriteFile(disk, block.bytes, 100, &moved, nullptr));
     EXPECT_EQ(moved, 0U);
     CloseHandle(disk);
+}
+
+// Such a file system takes the wish to go past the cache, and doesn't heed it.
+TEST_F(WriteBehindTest, AWriteOfADiskOnAFileSystemThatLogsItsDataFailsInItsOwnCall)
+{
+    MakeFileSystemWithoutRoom("has_journal -J size=4", "data=journal");
+    MakeDisk(2 * blockBytes);
+    FillUp();
+    const HANDLE disk = OpenDiskToRestore("PhysicalDrive0");
+    ASSERT_NE(disk, INVALID_HANDLE_VALUE);
+    EXPECT_FALSE(WritesOn(disk));
+    CloseHandle(disk);
+}
+
+TEST_F(WriteBehindTest, WhereTheKernelRefusesToTellADiskIsWrittenAllTheSame)
+{
+    WriteBytes(scratch.File("disk"), std::string(2 * blockBytes, 'y'));
+    std::filesystem::create_symlink(scratch.File("disk"), Device("PhysicalDrive0"));
+    for (const int error : {ENOSYS, EPERM}) {
+        EXPECT_EQ(ResultOfChild([&]() -> DWORD {
+                      const HANDLE disk = OpenDiskToRestore("PhysicalDrive0");
+                      return RefuseSystemCall(SYS_sync_file_range, error) && WritesOn(disk) && WritesOn(disk) ? 0 : 1;
+                  }),
+                  0)
+            << strerror(error);
+    }
+    EXPECT_TRUE(BytesOf(scratch.File("disk")) == std::string(2 * blockBytes, 'x'));
+}
+
+TEST_F(WriteBehindTest, AnImageDoesNotHearOfAFaultOfTheOneBeforeIt)
+{
+    MakeFileSystemWithoutRoom();
+    const HANDLE before = OpenToWrite(Image(), CREATE_NEW);
+    ASSERT_TRUE(WritesOn(before));
+    ASSERT_TRUE(CloseHandle(before));
+    FillUp();
+    const int folder = open(scratch.File("mount").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    EXPECT_NE(syncfs(folder), 0);
+    close(folder);
+    std::filesystem::remove(scratch.File("small/filler"));
+    const HANDLE image = OpenToWrite(Image(), CREATE_ALWAYS);
+    EXPECT_TRUE(WritesOn(image)) << GetLastError();
+    CloseHandle(image);
+}
+
+TEST_F(WriteBehindTest, ALimitOfFileSizesIsAFullDisk)
+{
+    EXPECT_EQ(ResultOfChild([&]() -> DWORD {
+                  const rlimit limit = {blockBytes, blockBytes};
+                  const HANDLE image = OpenToWrite(scratch.File("image"), CREATE_NEW);
+                  return setrlimit(RLIMIT_FSIZE, &limit) != 0 ? 1
+                         : !WritesOn(image)                   ? 2
+                         : WritesOn(image)                    ? 3
+                                                              : GetLastError();
+              }),
+              ERROR_DISK_FULL);
+}
+
+TEST_F(WriteBehindTest, AFileThatCannotBeLockedIsNotLeftBehind)
+{
+    const std::string path = scratch.File("image");
+    EXPECT_EQ(ResultOfChild([&]() -> DWORD {
+                  return RefuseSystemCall(SYS_flock, ENOLCK) ? ErrorOf(OpenToWrite(path, CREATE_NEW)) : 1;
+              }),
+              ERROR_NOT_SUPPORTED);
+    EXPECT_FALSE(std::filesystem::exists(path));
+}
+
+TEST_F(WriteBehindTest, AFileThatAnotherOpenerHasLockedFirstIsHis)
+{
+    const std::string path = scratch.File("image");
+    EXPECT_EQ(ResultOfChild([&]() -> DWORD {
+                  return RefuseSystemCall(SYS_flock, EWOULDBLOCK) ? ErrorOf(OpenToWrite(path, CREATE_NEW)) : 1;
+              }),
+              ERROR_SHARING_VIOLATION);
+    EXPECT_TRUE(std::filesystem::exists(path));
 }
 
 TEST_F(WriteBehindTest, OnlyAFileThatHoldsSomethingIsCutDown)
