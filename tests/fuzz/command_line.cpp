@@ -1,7 +1,8 @@
-// The law: whatever stands on the command line, no disk is opened for writing without restore, --confirm and the exact
-// word YES, and never the system's own; only a disk number that the standard conversion refuses ends the program
-// abnormally; an unknown command makes not one call, prints the usage text and has exit status 1; every other run has
-// exit status 0 or 1, and an ordinary file is created only at the value of --out of capture and consolidate.
+// The law: whatever stands on the command line, no disk is opened for writing, even in vain, without restore, --confirm
+// and the exact word YES, and never the system's own; only a disk number that the standard conversion refuses ends the
+// program abnormally; an unknown command makes not one call, prints the usage text and has exit status 1; every other
+// run has exit status 0 or 1, and an ordinary file is created only at the value of --out of capture and consolidate. (A
+// disk's name there is refused by the system, which creates no disks.)
 //
 // The input is the arguments, divided by line breaks; a slash becomes an underscore, so that no path leaves the scratch
 // folder. The machine has a system disk 0 and a disk 1, a plain image, a thin one and a password. It derives no keys,
@@ -100,16 +101,18 @@ static void CheckOpenings(const Machine &machine, const Arguments &arguments)
 {
     const std::string command = CommandOf(arguments);
     for (const Call &call : machine.calls) {
-        if (call.name != "CreateFileW" || call.failed || (Field(call, "access") & GENERIC_WRITE) == 0) {
+        if (call.name != "CreateFileW" || (Field(call, "access") & GENERIC_WRITE) == 0 ||
+            (call.failed && Field(call, "disposition") != OPEN_EXISTING)) {
             continue;
         }
         if (call.object.compare(0, 5, "file:") == 0) {
             Law(command == "capture" || command == "consolidate", "only two commands create files", call.text);
             Law(call.object == "file:" + ValueOf(arguments, "--out", ""), "only --out is created", call.text);
-        } else {
+        } else if (call.object != "tracker") {
             Law(command == "restore" && ValueOf(arguments, "--confirm", "") == "YES", "no disk is written unconfirmed",
                 call.text);
-            Law(call.object == "disk1", "only the target that is not the system's own is written", call.text);
+            Law(call.failed || call.object == "disk1", "only the target that is not the system's own is written",
+                call.text);
         }
     }
 }

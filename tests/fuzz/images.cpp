@@ -1,10 +1,10 @@
 // The law: whatever bytes a chain of image files holds, opening it and fetching every chunk ends with the chunks, each
 // of the bytes whose digest its entry has, or with one stated line and exit status 1. A fetch writes ChunkLength bytes
 // and none beyond, fetching again gives the same, and a chunk that fails does so as stated. Nothing is read or written
-// out of bounds, nothing is opened to be written, and no more memory is asked for than a file claims.
+// out of bounds, and nothing is opened to be written.
 //
 // The input is what image_files.h says. Only want of memory, of which the machine has 1 MiB, may end the program
-// abnormally; tables beyond that are out of reach here.
+// abnormally, and only where a file claims much; tables beyond that are out of reach here.
 #include "fuzz/image_files.h"
 
 #include "image/image_file.h"

@@ -193,7 +193,7 @@ struct FaultSweep : testing::TestWithParam<size_t> {
         } else if (result.exitStatus != 0) {
             ++kind.failed;
         } else {
-            ++(!isSameOutput ? kind.noticed : isSpoiled ? kind.spoiled : kind.noEffect);
+            ++(isSpoiled ? kind.spoiled : !isSameOutput ? kind.noticed : kind.noEffect);
         }
     }
 
