@@ -186,10 +186,11 @@ static HANDLE CreateFileAlone(const std::string &path, bool mustBeNew)
         close(record.descriptor);
         return RefuseOpen(WindowsError(error));
     }
-    if (sync_file_range(record.descriptor, 0, 0, 0) != 0) { // asks for nothing: a sandbox refuses the call or doesn't
-        record.underWayTo = neverSent;                      // the bytes get there all the same
+    // A sandbox refuses the call, or one way of it, and the bytes get there all the same. Any other answer is a fault
+    // of what the file held before, which is nobody's any more.
+    if (sync_file_range(record.descriptor, 0, 0, 0) != 0 || (!AskForLateFault(record.descriptor) && errno == ENOSYS)) {
+        record.underWayTo = neverSent;
     }
-    AskForLateFault(record.descriptor); // one of what the file held before is nobody's any more
     SetPortError(created ? ERROR_SUCCESS : ERROR_ALREADY_EXISTS);
     return MakeHandle(record);
 }
@@ -262,6 +263,9 @@ static HANDLE OpenDisk(const std::string &path, bool exclusive, bool unbuffered)
     }
     if (record.isBlockDevice) {
         record.sectorBytes = static_cast<uint32_t>(sectorBytes);
+    }
+    if (exclusive) {
+        AskForLateFault(record.descriptor); // one from before is not that of the first chunk
     }
     record.readsAhead = unbuffered && !exclusive;
     record.endOfLastRead = nothingReadYet;
@@ -359,27 +363,14 @@ extern "C" BOOL CloseHandle(HANDLE object)
 
 // ---- Transfers ----
 
-// Ends when nothing that was written to the range of a disk waits in the page cache; false with errno set if something
-// failed on its way. Some file systems take O_DIRECT and write an ordinary file through the cache all the same.
-static bool HasLeftCache(const PortHandle &disk, off_t offset, off_t byteCount)
-{
-    constexpr unsigned int all = SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER;
-    if ((fcntl(disk.descriptor, F_GETFL) & O_DIRECT) != 0) {
-        if (disk.isBlockDevice || sync_file_range(disk.descriptor, offset, byteCount, all) == 0) {
-            return true;
-        }
-        if (errno != ENOSYS && errno != EPERM) { // the refusals of a sandbox
-            return false;
-        }
-    }
-    return fdatasync(disk.descriptor) == 0;
-}
-
-// A disk has the bytes before the call ends, or the call fails.
+// A disk that may be written through the page cache has the bytes before the call ends, or the call fails. In an
+// ordinary file that is so with O_DIRECT too: some file systems take it and don't heed it.
 static ssize_t WriteOnce(const PortHandle &handle, const void *buffer, size_t count, off_t offset)
 {
     const ssize_t moved = pwrite(handle.descriptor, buffer, count, offset);
-    return moved > 0 && handle.kind == HandleKind::Disk && !HasLeftCache(handle, offset, moved) ? -1 : moved;
+    const bool mayBeCached = handle.kind == HandleKind::Disk &&
+                             (!handle.isBlockDevice || (fcntl(handle.descriptor, F_GETFL) & O_DIRECT) == 0);
+    return moved > 0 && mayBeCached && fdatasync(handle.descriptor) != 0 ? -1 : moved;
 }
 
 // One system call's worth of a transfer; a read when buffer is to be filled. Below 0 with errno set.

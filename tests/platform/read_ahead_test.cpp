@@ -319,6 +319,11 @@ TEST_F(ReadAheadTest, ADiskThatIsClosedWithAReadUnderWayIsFreeAtOnce)
 
 // ---- A kernel that refuses ----
 
+static bool Install(const sock_fprog &filter)
+{
+    return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0;
+}
+
 // From here on this process gets error from the system call, and from no other.
 static bool RefuseSystemCall(long number, int error)
 {
@@ -328,8 +333,21 @@ static bool RefuseSystemCall(long number, int error)
         BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | static_cast<uint32_t>(error)),
         BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
     };
-    const sock_fprog program = {4, filter};
-    return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
+    return Install({4, filter});
+}
+
+// The same where the system call's fourth argument is flags.
+static bool RefuseFlags(long number, uint32_t flags, int error)
+{
+    sock_filter filter[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<uint32_t>(number), 0, 3),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args[3])),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, flags, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | static_cast<uint32_t>(error)),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    return Install({6, filter});
 }
 
 TEST_F(ReadAheadTest, WhereTheKernelRefusesItsCallsTheSameBytesAreRead)
@@ -399,6 +417,16 @@ struct WriteBehindTest : DevicesTest {
     void FillUp() const
     {
         std::ofstream(scratch.File("small/filler"), std::ios::binary) << std::string(48 * mebibyte, 'x');
+    }
+
+    // What was written goes to the disk while it has no room, and nobody is told.
+    void FailOnTheWayToTheDisk() const
+    {
+        FillUp();
+        const int folder = open(scratch.File("mount").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        EXPECT_NE(syncfs(folder), 0);
+        close(folder);
+        std::filesystem::remove(scratch.File("small/filler"));
     }
 
     // Disk 0 is a file in the file system.
@@ -525,35 +553,27 @@ TEST_F(WriteBehindTest, AWriteOfADiskOnAFileSystemThatLogsItsDataFailsInItsOwnCa
     CloseHandle(disk);
 }
 
-TEST_F(WriteBehindTest, WhereTheKernelRefusesToTellADiskIsWrittenAllTheSame)
-{
-    WriteBytes(scratch.File("disk"), std::string(2 * blockBytes, 'y'));
-    std::filesystem::create_symlink(scratch.File("disk"), Device("PhysicalDrive0"));
-    for (const int error : {ENOSYS, EPERM}) {
-        EXPECT_EQ(ResultOfChild([&]() -> DWORD {
-                      const HANDLE disk = OpenDiskToRestore("PhysicalDrive0");
-                      return RefuseSystemCall(SYS_sync_file_range, error) && WritesOn(disk) && WritesOn(disk) ? 0 : 1;
-                  }),
-                  0)
-            << strerror(error);
-    }
-    EXPECT_TRUE(BytesOf(scratch.File("disk")) == std::string(2 * blockBytes, 'x'));
-}
-
 TEST_F(WriteBehindTest, AnImageDoesNotHearOfAFaultOfTheOneBeforeIt)
 {
     MakeFileSystemWithoutRoom();
     const HANDLE before = OpenToWrite(Image(), CREATE_NEW);
     ASSERT_TRUE(WritesOn(before));
     ASSERT_TRUE(CloseHandle(before));
-    FillUp();
-    const int folder = open(scratch.File("mount").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    EXPECT_NE(syncfs(folder), 0);
-    close(folder);
-    std::filesystem::remove(scratch.File("small/filler"));
+    FailOnTheWayToTheDisk();
     const HANDLE image = OpenToWrite(Image(), CREATE_ALWAYS);
     EXPECT_TRUE(WritesOn(image)) << GetLastError();
     CloseHandle(image);
+}
+
+TEST_F(WriteBehindTest, ADiskDoesNotHearOfAFaultFromBeforeItWasOpened)
+{
+    MakeFileSystemWithoutRoom();
+    MakeDisk(2 * blockBytes);
+    std::ofstream(scratch.File("mount/disk"), std::ios::binary | std::ios::in) << std::string(2 * blockBytes, 'y');
+    FailOnTheWayToTheDisk();
+    const HANDLE disk = OpenDiskToRestore("PhysicalDrive0");
+    EXPECT_TRUE(WritesOn(disk)) << GetLastError();
+    CloseHandle(disk);
 }
 
 TEST_F(WriteBehindTest, ALimitOfFileSizesIsAFullDisk)
@@ -620,6 +640,16 @@ TEST_F(WriteBehindTest, WhereTheKernelRefusesItAnImageIsWrittenAllTheSame)
             << strerror(error);
         EXPECT_EQ(std::filesystem::file_size(path), 40 * blockBytes);
     }
+}
+
+TEST_F(WriteBehindTest, WhereTheKernelTellsNoFaultsAnImageIsWrittenAllTheSame)
+{
+    EXPECT_EQ(ResultOfChild([&]() -> DWORD {
+                  const bool isRefused = RefuseFlags(SYS_sync_file_range, SYNC_FILE_RANGE_WAIT_BEFORE, ENOSYS);
+                  const HANDLE image = OpenToWrite(scratch.File("image"), CREATE_NEW);
+                  return isRefused && WritesOn(image) && WritesOn(image) && WritesOn(image) ? 0 : 1;
+              }),
+              0);
 }
 
 // The kernel gives what stopped a write on its way to the disk as it is, and that may be the error of a refusal.
