@@ -157,7 +157,7 @@ static int OpenOrCreate(const std::string &path, bool mustBeNew, bool *created)
 
 // False with errno set if something of the file failed on its way to the disk since the last question. Nothing is
 // waited for: the question goes to a range far behind the end, and the answer is for the whole file.
-static bool AskForLateFault(int descriptor)
+static bool HasNoLateFault(int descriptor)
 {
     constexpr off_t behindTheEnd = off_t{1} << 62;
     return sync_file_range(descriptor, behindTheEnd, 1, SYNC_FILE_RANGE_WAIT_BEFORE) == 0;
@@ -188,7 +188,7 @@ static HANDLE CreateFileAlone(const std::string &path, bool mustBeNew)
     }
     // A sandbox refuses the call, or one way of it, and the bytes get there all the same. Any other answer is a fault
     // of what the file held before, which is nobody's any more.
-    if (sync_file_range(record.descriptor, 0, 0, 0) != 0 || (!AskForLateFault(record.descriptor) && errno == ENOSYS)) {
+    if (sync_file_range(record.descriptor, 0, 0, 0) != 0 || (!HasNoLateFault(record.descriptor) && errno == ENOSYS)) {
         record.underWayTo = neverSent;
     }
     SetPortError(created ? ERROR_SUCCESS : ERROR_ALREADY_EXISTS);
@@ -265,7 +265,7 @@ static HANDLE OpenDisk(const std::string &path, bool exclusive, bool unbuffered)
         record.sectorBytes = static_cast<uint32_t>(sectorBytes);
     }
     if (exclusive) {
-        AskForLateFault(record.descriptor); // one from before is not that of the first chunk
+        HasNoLateFault(record.descriptor); // the question takes one from before off: it is not that of the first chunk
     }
     record.readsAhead = unbuffered && !exclusive;
     record.endOfLastRead = nothingReadYet;
@@ -543,7 +543,7 @@ static bool WriteBehind(PortHandle &handle)
     const uint64_t begin = handle.underWayTo;
     const uint64_t end = std::max(begin, handle.position - handle.position % writeBehindBytes);
     handle.underWayTo = end;
-    if (AskForLateFault(handle.descriptor) &&
+    if (HasNoLateFault(handle.descriptor) &&
         (begin == end || sync_file_range(handle.descriptor, static_cast<off_t>(begin), static_cast<off_t>(end - begin),
                                          SYNC_FILE_RANGE_WRITE) == 0)) {
         return true;

@@ -35,7 +35,6 @@ bool HasTable(const Bytes &image);
 
 // The laws on how every run with such files ends: exit status 0, or 1 with exactly one line that begins with FATAL, is
 // the last one and ends with a number in brackets or is one of restore's own on a chunk, or 1 with no such line but
-// refusal as the last words, or for want of memory.
-// Memory is wanted only where a file claims a large table or chunk. Nothing was closed twice, and no file was opened to
-// be written.
+// refusal as the last words, or for want of memory. Memory is wanted only where a file claims a large table or chunk.
+// Nothing was closed twice, and no file was opened to be written.
 void CheckEnd(const ImageFiles &images, const Machine &machine, const RunResult &result, const std::string &refusal);

@@ -234,6 +234,7 @@ def command_seeds():
         "restore_thin": "restore --in thin.kstx --disk 1 --confirm YES --password-file password",
         "restore_yes": "restore --in full.kstx --disk 1 --confirm yes",
         "restore_unconfirmed": "restore --in full.kstx --disk 1",
+        "restore_unconfirmed_absent": "restore --in full.kstx --disk 7",
         "restore_confirm_last": "restore --in full.kstx --disk 1 --confirm",
         "restore_system_disk": "restore --in full.kstx --disk 0 --confirm YES",
         "restore_out_of_range": "restore --in full.kstx --disk 99999999999 --confirm YES",

@@ -4,8 +4,8 @@
 #include "port.h"
 #include "test_files.h"
 
+#include <memory>
 #include <sys/stat.h>
-
 #include <vector>
 
 using Names = std::vector<std::string>;

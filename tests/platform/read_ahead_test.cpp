@@ -336,14 +336,15 @@ static bool RefuseSystemCall(long number, int error)
     return Install({4, filter});
 }
 
-// The same where the system call's fourth argument is flags.
-static bool RefuseFlags(long number, uint32_t flags, int error)
+// The same where the system call's argument of that index, from 0, is value.
+static bool RefuseArgument(long number, size_t index, uint32_t value, int error)
 {
     sock_filter filter[] = {
         BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
         BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<uint32_t>(number), 0, 3),
-        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args[3])),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, flags, 0, 1),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS,
+                 static_cast<uint32_t>(offsetof(seccomp_data, args) + index * sizeof(uint64_t))),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, value, 0, 1),
         BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | static_cast<uint32_t>(error)),
         BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
     };
@@ -405,15 +406,20 @@ struct WriteBehindTest : DevicesTest {
         mount = std::make_unique<Mount>(loop->path, scratch.File("mount"), "ext4", options);
     }
 
-    // The file behind the device has no room for the bytes that the file system claims to have.
-    void MakeFileSystemWithoutRoom(const char *features = "^has_journal", const char *options = "errors=continue")
+    void MakeSmallFolder()
     {
         std::filesystem::create_directory(scratch.path / "small");
         tmpfs = std::make_unique<Mount>("none", scratch.File("small"), "tmpfs", "size=48m");
+    }
+
+    // The file behind the device has no room for the bytes that the file system claims to have.
+    void MakeFileSystemWithoutRoom(const char *features = "^has_journal", const char *options = "errors=continue")
+    {
+        MakeSmallFolder();
         MakeFileSystem(scratch.File("small/backing"), features, options);
     }
 
-    // Takes the room that is left.
+    // Takes the room that is left in the small folder.
     void FillUp() const
     {
         std::ofstream(scratch.File("small/filler"), std::ios::binary) << std::string(48 * mebibyte, 'x');
@@ -541,6 +547,26 @@ TEST_F(WriteBehindTest, AWriteOfADiskThroughThePageCacheFailsInItsOwnCall)
     CloseHandle(disk);
 }
 
+TEST_F(WriteBehindTest, AWriteOfADeviceThatOnlyTakesCachedWritesFailsInItsOwnCall)
+{
+    MakeSmallFolder();
+    WriteBytes(scratch.File("small/backing"), "");
+    std::filesystem::resize_file(scratch.File("small/backing"), 2 * blockBytes);
+    loop = std::make_unique<LoopDevice>(scratch.File("small/backing"));
+    std::filesystem::create_symlink(loop->path, Device("PhysicalDrive0"));
+    FillUp();
+    constexpr uint32_t unbuffered = O_RDWR | O_EXCL | O_DIRECT | O_CLOEXEC;
+    EXPECT_EQ(ResultOfChild([&]() -> DWORD {
+                  const bool isRefused = RefuseArgument(SYS_openat, 2, unbuffered, EINVAL);
+                  const HANDLE disk = OpenDiskToRestore("PhysicalDrive0");
+                  return !isRefused || disk == INVALID_HANDLE_VALUE ? 1
+                         : HandleRecord(disk)->isDirect             ? 2
+                         : WritesOn(disk)                           ? 3
+                                                                    : 0;
+              }),
+              0);
+}
+
 // Such a file system takes the wish to go past the cache, and doesn't heed it.
 TEST_F(WriteBehindTest, AWriteOfADiskOnAFileSystemThatLogsItsDataFailsInItsOwnCall)
 {
@@ -589,24 +615,23 @@ TEST_F(WriteBehindTest, ALimitOfFileSizesIsAFullDisk)
               ERROR_DISK_FULL);
 }
 
+// What a new image is refused with where its lock is refused with error.
+static DWORD ErrorWithoutLock(const std::string &path, int error)
+{
+    return ResultOfChild(
+        [&]() -> DWORD { return RefuseSystemCall(SYS_flock, error) ? ErrorOf(OpenToWrite(path, CREATE_NEW)) : 1; });
+}
+
 TEST_F(WriteBehindTest, AFileThatCannotBeLockedIsNotLeftBehind)
 {
-    const std::string path = scratch.File("image");
-    EXPECT_EQ(ResultOfChild([&]() -> DWORD {
-                  return RefuseSystemCall(SYS_flock, ENOLCK) ? ErrorOf(OpenToWrite(path, CREATE_NEW)) : 1;
-              }),
-              ERROR_NOT_SUPPORTED);
-    EXPECT_FALSE(std::filesystem::exists(path));
+    EXPECT_EQ(ErrorWithoutLock(scratch.File("image"), ENOLCK), ERROR_NOT_SUPPORTED);
+    EXPECT_FALSE(std::filesystem::exists(scratch.File("image")));
 }
 
 TEST_F(WriteBehindTest, AFileThatAnotherOpenerHasLockedFirstIsHis)
 {
-    const std::string path = scratch.File("image");
-    EXPECT_EQ(ResultOfChild([&]() -> DWORD {
-                  return RefuseSystemCall(SYS_flock, EWOULDBLOCK) ? ErrorOf(OpenToWrite(path, CREATE_NEW)) : 1;
-              }),
-              ERROR_SHARING_VIOLATION);
-    EXPECT_TRUE(std::filesystem::exists(path));
+    EXPECT_EQ(ErrorWithoutLock(scratch.File("image"), EWOULDBLOCK), ERROR_SHARING_VIOLATION);
+    EXPECT_TRUE(std::filesystem::exists(scratch.File("image")));
 }
 
 TEST_F(WriteBehindTest, OnlyAFileThatHoldsSomethingIsCutDown)
@@ -645,7 +670,7 @@ TEST_F(WriteBehindTest, WhereTheKernelRefusesItAnImageIsWrittenAllTheSame)
 TEST_F(WriteBehindTest, WhereTheKernelTellsNoFaultsAnImageIsWrittenAllTheSame)
 {
     EXPECT_EQ(ResultOfChild([&]() -> DWORD {
-                  const bool isRefused = RefuseFlags(SYS_sync_file_range, SYNC_FILE_RANGE_WAIT_BEFORE, ENOSYS);
+                  const bool isRefused = RefuseArgument(SYS_sync_file_range, 3, SYNC_FILE_RANGE_WAIT_BEFORE, ENOSYS);
                   const HANDLE image = OpenToWrite(scratch.File("image"), CREATE_NEW);
                   return isRefused && WritesOn(image) && WritesOn(image) && WritesOn(image) ? 0 : 1;
               }),
