@@ -15,6 +15,7 @@
 #include <new>
 #include <openssl/core_names.h>
 #include <openssl/crypto.h>
+#include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/kdf.h>
 #include <openssl/params.h>
@@ -56,6 +57,17 @@ struct KeyState {
     EVP_CIPHER_CTX *context;
     UCHAR key[aesKeyLength];
 };
+
+// What a failed look-up in libcrypto amounts to: an algorithm that this libcrypto doesn't have, or no memory for it.
+// The faults that led to it are taken off the queue.
+static NTSTATUS StatusOfMissing()
+{
+    bool isUnsupported = false;
+    for (unsigned long error = ERR_get_error(); error != 0; error = ERR_get_error()) {
+        isUnsupported = isUnsupported || ERR_GET_REASON(error) == ERR_R_UNSUPPORTED;
+    }
+    return isUnsupported ? statusNotSupported : statusNoMemory;
+}
 
 static const EVP_MD *Sha256()
 {
@@ -164,6 +176,9 @@ extern "C" NTSTATUS BCryptCreateHash(BCRYPT_ALG_HANDLE algorithm, BCRYPT_HASH_HA
     if (hashObject == nullptr || hashObjectLength < sizeof(HashState)) {
         return statusBufferTooSmall;
     }
+    if (Sha256() == nullptr) {
+        return StatusOfMissing();
+    }
     EVP_MD_CTX *context = EVP_MD_CTX_new();
     if (context == nullptr || EVP_DigestInit_ex2(context, Sha256(), nullptr) != 1) {
         EVP_MD_CTX_free(context);
@@ -209,8 +224,8 @@ extern "C" NTSTATUS BCryptDestroyHash(BCRYPT_HASH_HANDLE hash)
 
 // ---- PBKDF2 ----
 
-static bool DerivePbkdf2(const UCHAR *password, ULONG passwordLength, const UCHAR *salt, ULONG saltLength,
-                         ULONGLONG iterations, UCHAR *derivedKey, ULONG derivedKeyLength)
+static NTSTATUS DerivePbkdf2(const UCHAR *password, ULONG passwordLength, const UCHAR *salt, ULONG saltLength,
+                             ULONGLONG iterations, UCHAR *derivedKey, ULONG derivedKeyLength)
 {
     char digestName[] = "SHA256";
     int skipsPolicy = 1; // short salts and low counts are the caller's to judge
@@ -224,11 +239,14 @@ static bool DerivePbkdf2(const UCHAR *password, ULONG passwordLength, const UCHA
         OSSL_PARAM_construct_end(),
     };
     EVP_KDF *kdf = EVP_KDF_fetch(nullptr, "PBKDF2", nullptr);
+    if (kdf == nullptr) {
+        return StatusOfMissing();
+    }
     EVP_KDF_CTX *context = EVP_KDF_CTX_new(kdf);
     const bool derived = context != nullptr && EVP_KDF_derive(context, derivedKey, derivedKeyLength, params) == 1;
     EVP_KDF_CTX_free(context);
     EVP_KDF_free(kdf);
-    return derived;
+    return derived ? statusSuccess : statusUnsuccessful;
 }
 
 extern "C" NTSTATUS BCryptDeriveKeyPBKDF2(BCRYPT_ALG_HANDLE prf, PUCHAR password, ULONG passwordLength, PUCHAR salt,
@@ -242,9 +260,7 @@ extern "C" NTSTATUS BCryptDeriveKeyPBKDF2(BCRYPT_ALG_HANDLE prf, PUCHAR password
     if (provider->algorithm != Algorithm::HmacSha256 || iterations == 0 || derivedKeyLength == 0 || flags != 0) {
         return statusInvalidParameter;
     }
-    return DerivePbkdf2(password, passwordLength, salt, saltLength, iterations, derivedKey, derivedKeyLength)
-               ? statusSuccess
-               : statusUnsuccessful;
+    return DerivePbkdf2(password, passwordLength, salt, saltLength, iterations, derivedKey, derivedKeyLength);
 }
 
 // ---- AES-256-GCM ----
@@ -261,6 +277,9 @@ extern "C" NTSTATUS BCryptGenerateSymmetricKey(BCRYPT_ALG_HANDLE algorithm, BCRY
     }
     if (keyObject == nullptr || keyObjectLength < sizeof(KeyState)) {
         return statusBufferTooSmall;
+    }
+    if (Aes256Gcm() == nullptr) {
+        return StatusOfMissing();
     }
     EVP_CIPHER_CTX *context = EVP_CIPHER_CTX_new();
     if (context == nullptr) {
@@ -369,6 +388,9 @@ extern "C" NTSTATUS BCryptGenRandom(BCRYPT_ALG_HANDLE algorithm, PUCHAR buffer, 
     }
     if (provider->algorithm != Algorithm::Random || flags != 0 || bufferLength > largestUpdate) {
         return statusInvalidParameter;
+    }
+    if (RAND_get0_primary(nullptr) == nullptr) {
+        return StatusOfMissing();
     }
     return RAND_bytes(buffer, static_cast<int>(bufferLength)) == 1 ? statusSuccess : statusUnsuccessful;
 }

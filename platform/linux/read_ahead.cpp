@@ -86,7 +86,7 @@ void StartReadAhead(PortHandle &handle, const void *buffer, uint64_t byteCount)
     }
     AwaitPieces(*handle.ahead);
     handle.ahead->position = handle.position;
-    if (!SubmitPieces(*handle.ahead, handle.descriptor)) {
+    if (!SubmitPieces(*handle.ahead, handle.aheadDescriptor)) {
         EndReadAhead(handle);
     }
 }

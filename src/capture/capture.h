@@ -6,13 +6,13 @@
 #include <string>
 
 struct CaptureOptions {
-    int32_t diskNumber;       // not negative when Capture is called
+    int32_t diskNumber = -1;  // not negative when Capture is called
     std::string outPath;      // image to create; an existing file is replaced
-    bool encrypt;             // seal every stored chunk
+    bool encrypt = false;     // seal every stored chunk
     std::string passwordFile; // empty: none
-    bool useVss;              // read through snapshots of the disk's volumes
+    bool useVss = false;      // read through snapshots of the disk's volumes
     std::string basePath;     // base image; empty: none
-    bool thin;                // store only what differs from the base
+    bool thin = false;        // store only what differs from the base
 };
 
 // Returns only when the image is complete; every failure ends the process and leaves a file without a header, which no

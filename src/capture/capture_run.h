@@ -25,7 +25,7 @@ struct CaptureRun {
     AlignedBuffer readBuffer;    // a chunk's plaintext
     AlignedBuffer cipherBuffer;  // its sealed form
     ImageFile baseImage;         // opened only with a basePath
-    bool trackerProved = {};     // the tracker proves which chunks equal the base's
+    bool trackerProved = false;  // the tracker proves which chunks equal the base's
     uint64_t readCount = 0;      // chunks read from the source
     uint64_t copiedCount = 0;    // clean chunks taken out of the base into a full image
     uint64_t referenceCount = 0; // entries that refer to the base

@@ -41,7 +41,7 @@ static int RunListDisks()
 
 static int RunCapture(int argc, char **argv)
 {
-    CaptureOptions options = {};
+    CaptureOptions options;
     options.diskNumber = ParseDiskNumber(OptionValue(argc, argv, "--disk", "-1"));
     options.outPath = OptionValue(argc, argv, "--out", "");
     options.encrypt = HasFlag(argc, argv, "--encrypt");

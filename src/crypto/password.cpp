@@ -17,7 +17,7 @@ std::string ReadPasswordFile(const std::string &path)
     }
     std::string password;
     char block[256];
-    size_t bytesRead;
+    size_t bytesRead = 0;
     while ((bytesRead = fread(block, 1, sizeof(block), file)) != 0) {
         password.append(block, bytesRead);
     }

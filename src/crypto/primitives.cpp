@@ -25,7 +25,7 @@ static BCRYPT_ALG_HANDLE OpenProvider(LPCWSTR id, ULONG flags, const char *messa
 static std::vector<uint8_t> MakeObject(BCRYPT_ALG_HANDLE algorithm)
 {
     ULONG objectLength = 0;
-    ULONG resultLength = {};
+    ULONG resultLength = 0;
     BCryptGetProperty(algorithm, BCRYPT_OBJECT_LENGTH, reinterpret_cast<PUCHAR>(&objectLength), sizeof(objectLength),
                       &resultLength, 0);
     return std::vector<uint8_t>(objectLength);
@@ -134,7 +134,7 @@ void SealChunk(const GcmKey &key, const uint8_t *plain, uint32_t length, const u
                uint8_t *tag)
 {
     SealInfo info = ModeInfo(nonce, tag);
-    ULONG resultLength = {};
+    ULONG resultLength = 0;
     const NTSTATUS status = BCryptEncrypt(key.keyHandle, const_cast<PUCHAR>(plain), length, &info, nullptr, 0, cipher,
                                           length, &resultLength, 0);
     if (!BCRYPT_SUCCESS(status)) {
@@ -146,7 +146,7 @@ bool OpenChunk(const GcmKey &key, const uint8_t *cipher, uint32_t length, const 
                uint8_t *plain)
 {
     SealInfo info = ModeInfo(nonce, const_cast<uint8_t *>(tag));
-    ULONG resultLength = {};
+    ULONG resultLength = 0;
     return BCRYPT_SUCCESS(BCryptDecrypt(key.keyHandle, const_cast<PUCHAR>(cipher), length, &info, nullptr, 0, plain,
                                         length, &resultLength, 0));
 }

@@ -79,7 +79,7 @@ static_assert(sizeof(DISK_GEOMETRY_EX) == 40 && offsetof(DISK_GEOMETRY_EX, Geome
 
 DiskGeometry GetDiskGeometry(HANDLE disk)
 {
-    DWORD bytesReturned = {};
+    DWORD bytesReturned = 0;
     GET_LENGTH_INFORMATION length = {};
     if (!DeviceIoControl(disk, IOCTL_DISK_GET_LENGTH_INFO, nullptr, 0, &length, sizeof(length), &bytesReturned,
                          nullptr)) {
@@ -96,7 +96,7 @@ DiskGeometry GetDiskGeometry(HANDLE disk)
 BOOL TakeVolumeExtents(HANDLE volume, VolumeExtentsReply *reply)
 {
     *reply = {};
-    DWORD bytesReturned = {};
+    DWORD bytesReturned = 0;
     const BOOL answered = DeviceIoControl(volume, IOCTL_VOLUME_GET_VOLUME_DISK_EXTENTS, nullptr, 0, reply,
                                           sizeof(*reply), &bytesReturned, nullptr);
     CloseHandle(volume);

@@ -3,13 +3,13 @@
 
 bool ReadExactly(HANDLE file, void *buffer, DWORD byteCount)
 {
-    DWORD bytesRead = {};
+    DWORD bytesRead = 0;
     return ReadFile(file, buffer, byteCount, &bytesRead, nullptr) && bytesRead == byteCount;
 }
 
 bool WriteExactly(HANDLE file, const void *buffer, DWORD byteCount)
 {
-    DWORD bytesWritten = {};
+    DWORD bytesWritten = 0;
     return WriteFile(file, buffer, byteCount, &bytesWritten, nullptr) && bytesWritten == byteCount;
 }
 

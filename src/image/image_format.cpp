@@ -94,7 +94,7 @@ bool ParseThinTrailer(const std::vector<uint8_t> &trailer, std::string *baseName
     if (memcmp(trailer.data(), trailerMagic, magicBytes) != 0) {
         return false;
     }
-    uint32_t nameLength = {};
+    uint32_t nameLength = 0;
     memcpy(&nameLength, trailer.data() + nameLengthOffset, sizeof(nameLength));
     if (uint64_t{nameLength} + trailerOverhead != trailer.size() || nameLength == 0) {
         return false;

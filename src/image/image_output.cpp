@@ -17,7 +17,7 @@ HANDLE CreateImageFile(const std::string &path, DWORD disposition)
 
 void WriteHeaderAndTable(HANDLE image, const ImageHeader &header, const ChunkTable &table)
 {
-    DWORD bytesWritten = {};
+    DWORD bytesWritten = 0;
     SeekTo(image, 0);
     WriteFile(image, &header, sizeof(header), &bytesWritten, nullptr);
     WriteFile(image, table.data(), static_cast<DWORD>(sizeof(ChunkEntry) * table.size()), &bytesWritten, nullptr);

@@ -36,7 +36,7 @@ std::vector<VolumeExtent> EnumerateVolumesOnDisk(uint32_t diskNumber)
         return volumes;
     }
     do {
-        VolumeExtent volume = {name, name, {}, {}};
+        VolumeExtent volume = {name, name, 0, 0};
         if (!volume.devicePath.empty() && volume.devicePath.back() == L'\\') {
             volume.devicePath.pop_back();
         }

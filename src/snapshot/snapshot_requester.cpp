@@ -34,7 +34,7 @@ struct Setback {
     HRESULT value;
 };
 
-static constexpr Setback noSetback = {};
+static constexpr Setback noSetback = {nullptr, S_OK};
 
 static unsigned long ForPrinting(HRESULT value)
 {

@@ -16,7 +16,7 @@ bool ChangeTracker::Open(uint32_t disk)
         return false;
     }
     TrackerDiskRequest request = {diskNumber, 0};
-    DWORD bytesReturned = {};
+    DWORD bytesReturned = 0;
     attached =
         DeviceIoControl(handle, TrackerAttach, &request, sizeof(request), nullptr, 0, &bytesReturned, nullptr) != FALSE;
     return attached;
@@ -26,7 +26,7 @@ bool ChangeTracker::Query()
 {
     TrackerDiskRequest request = {diskNumber, 0};
     TrackerStateHeader first = {};
-    DWORD bytesReturned = {};
+    DWORD bytesReturned = 0;
     DeviceIoControl(handle, TrackerQuery, &request, sizeof(request), &first, sizeof(first), &bytesReturned, nullptr);
     if (first.active == 0 || first.trackedExtent == 0) {
         return false;
@@ -65,7 +65,7 @@ bool ChangeTracker::IsRangeDirty(uint64_t offset, uint64_t length) const
 bool ChangeTracker::Commit()
 {
     TrackerCommitRequest request = {diskNumber, 0, state.header.currentEpoch};
-    DWORD bytesReturned = {};
+    DWORD bytesReturned = 0;
     return DeviceIoControl(handle, TrackerCommit, &request, sizeof(request), nullptr, 0, &bytesReturned, nullptr) !=
            FALSE;
 }

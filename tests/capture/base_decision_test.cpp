@@ -86,6 +86,7 @@ struct BaseDecision : Capturing {
     {
         WriteBytes("base.kstx", base);
         for (const bool isThin : {false, true}) {
+            UseTracker();
             const std::vector<std::string> options = {"--base", "base.kstx", isThin ? "--thin" : "--encrypt",
                                                       "--password-file", "missing.txt"};
             Capture(options);

@@ -93,6 +93,7 @@ TEST_F(CaptureFailure, ForWantOfEitherBufferComesAfterTheFileIsMade)
 {
     for (const uint32_t nth : {1U, 2U}) {
         machine.faults.clear();
+        UseTracker();
         UseDisk(ThreeChunkDisk());
         FailCall(machine, "_aligned_malloc", nth, ERROR_NOT_ENOUGH_MEMORY);
         Capture();

@@ -41,6 +41,24 @@ struct IncrementalCapture : Capturing {
         MarkChanged(machine.tracker->reply, chunk * chunkBytes, 1);
     }
 
+    // Another program's write to the chunk, in the sight of the driver.
+    void WriteChunk(uint64_t chunk)
+    {
+        machine.disks[1].bytes = WithChangedChunk(machine.disks[1].bytes, chunk);
+        MarkChunk(chunk);
+    }
+
+    // Has the chunk written once, ahead of the first call whose line begins so.
+    void WriteChunkAt(const std::string &line, uint64_t chunk)
+    {
+        machine.onCall = [this, line, chunk, isWritten = false](Machine &, const Call &call) mutable {
+            if (!isWritten && (call.name + " " + call.text).compare(0, line.size(), line) == 0) {
+                isWritten = true;
+                WriteChunk(chunk);
+            }
+        };
+    }
+
     const RunResult &CaptureThin(std::vector<std::string> options = {})
     {
         options.insert(options.end(), {"--base", "base.kstx", "--thin"});
@@ -350,6 +368,60 @@ TEST_F(IncrementalCapture, ShowsProgressAtEvery32ndChunkAndAtTheLastReadOrNot)
                   ThinComplete("stored 0 of 66 chunks, 66 are references to the base; read from disk: 0"));
 }
 
+// Writes while a capture runs
+
+TEST_F(IncrementalCapture, LeavesWhatWasWrittenBehindItsReadToTheNextOne)
+{
+    for (const char *moment : {"ReadFile disk1#1 4194304 at 4194304", "DeviceIoControl tracker#1 code=0x8C7D200C"}) {
+        SCOPED_TRACE(moment);
+        UseDisk(ThreeChunkDisk());
+        UseTracker();
+        machine.tracker->reply.bitmap = Bytes(8, 0xFF);
+        WriteChunkAt(moment, 0);
+        Capture({}, "base.kstx");
+        ASSERT_TRUE(ReadBytes("base.kstx") == BuildImage(PlanOf(ThreeChunkDisk(), 6)));
+        basePlan = PlanOf(ThreeChunkDisk(), 6);
+        CaptureThin();
+        ExpectReads({0});
+        EXPECT_TRUE(ReadBytes("image.kstx") == ThinImage(WithChangedChunk(ThreeChunkDisk(), 0), {1, 2}, 7));
+        EXPECT_EQ(Commits(), (std::vector<uint64_t>{6, 7}));
+    }
+}
+
+TEST_F(IncrementalCapture, LeavesToTheNextOneWhateverWasWrittenBehindItsAttach)
+{
+    const struct {
+        const char *moment;
+        std::vector<uint64_t> readAgain;
+    } cases[] = {{"DeviceIoControl tracker#1 code=0x8C7D2004", {}}, {"DeviceIoControl tracker#1 code=0x8C7D2008", {1}}};
+    for (const auto &one : cases) {
+        SCOPED_TRACE(one.moment);
+        UseDisk(ThreeChunkDisk());
+        UseTracker();
+        WriteChunkAt(one.moment, 1);
+        CaptureThin();
+        ExpectReads({1});
+        EXPECT_TRUE(ReadBytes("image.kstx") == ThinImage(WithChangedChunk(ThreeChunkDisk(), 1), {0, 2}));
+        Capture({"--base", "image.kstx", "--thin"}, "next.kstx");
+        EXPECT_EQ(result.exitStatus, 0);
+        ExpectReads(one.readAgain);
+    }
+}
+
+TEST_F(IncrementalCapture, ThatFailsLeavesItsMarksToTheNextOneAndItsEpochToNobody)
+{
+    for (const uint64_t chunk : {0U, 2U}) {
+        WriteChunk(chunk);
+        FailCall(machine, "WriteFile", 1, ERROR_DISK_FULL);
+        EXPECT_EQ(CaptureThin().exitStatus, 1);
+        machine.faults.clear();
+    }
+    CaptureThin();
+    ExpectReads({0, 2});
+    EXPECT_TRUE(ReadBytes("image.kstx") == ThinImage(machine.disks[1].bytes, {1}, 8));
+    EXPECT_EQ(Commits(), std::vector<uint64_t>{8});
+}
+
 TEST_F(IncrementalCapture, OfAnEmptyDiskHasATrailerBehindItsHeader)
 {
     UseDisk({});
@@ -528,6 +600,7 @@ TEST_F(IncrementalCapture, DiesWithoutItsTrailer)
     CaptureThin();
     ExpectFatal(head, "FATAL: could not write thin image trailer (GetLastError=112)\n");
     machine.faults.clear();
+    UseTracker();
     ShortenCall(machine, "WriteFile", 1, 56);
     CaptureThin();
     ExpectFatal(head, "FATAL: could not write thin image trailer (GetLastError=4711)\n");

@@ -84,6 +84,24 @@ TEST(Fatal, TakesTheLastErrorAheadOfEverythingElseAndThenExits)
     EXPECT_EQ(WholeLog(machine), "stderr FATAL: m (NTSTATUS 0xFFFFFFFF)\n\nexit 1\n");
 }
 
+// A flush can fail, and then the number is its own.
+TEST(Fatal, FlushesNothingAheadOfTheLastError)
+{
+    Machine machine;
+    static char buffer[4096];
+    RunCode(machine, [] {
+        setvbuf(stderr, buffer, _IOFBF, sizeof(buffer));
+        printf("report ");
+        fprintf(stderr, "warning ");
+        Fatal("m", 0);
+    });
+    setvbuf(stderr, nullptr, _IONBF, 0);
+    EXPECT_EQ(WholeLog(machine), "stdout report \nstderr warning \nGetLastError -> 0\n"
+                                 "stderr FATAL: m (GetLastError=0)\n\nexit 1\n");
+    EXPECT_EQ(Field(CallsOf(machine, "stdout").at(0), "flushed"), 0U);
+    EXPECT_EQ(Field(CallsOf(machine, "stderr").at(0), "flushed"), 0U);
+}
+
 TEST(Fatal, PrintsItsMessageAsItStands)
 {
     Machine machine;

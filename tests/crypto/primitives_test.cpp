@@ -331,10 +331,9 @@ TEST(Seals, AreMadeWithOneCallInWhichEveryUnusedFieldIsZero)
         EXPECT_EQ(call.buffer, name[6] == 'E' ? gcmPlain.data() : gcmCipher.data());
         call.fields.erase("aligned");
         const std::map<std::string, uint64_t> expected = {
-            {"infoSize", 88},  {"infoVersion", 1},      {"nonceLength", 12}, {"authDataLength", 0},
-            {"tagLength", 16}, {"macContextLength", 0}, {"aadLength", 0},    {"dataLength", 0},
-            {"infoFlags", 0},  {"ivLength", 0},         {"length", 64},      {"outputLength", 64},
-            {"flags", 0}};
+            {"infoSize", 88},  {"infoVersion", 1}, {"nonceLength", 12},     {"authData", 0},      {"authDataLength", 0},
+            {"tagLength", 16}, {"macContext", 0},  {"macContextLength", 0}, {"aadLength", 0},     {"dataLength", 0},
+            {"infoFlags", 0},  {"ivLength", 0},    {"length", 64},          {"outputLength", 64}, {"flags", 0}};
         EXPECT_EQ(call.fields, expected) << name;
     }
 }
@@ -425,13 +424,18 @@ TEST(Primitives, TakeAStatusOfZeroAndAboveForSuccess)
     } rows[] = {{"BCryptDeriveKeyPBKDF2", DeriveOnce},
                 {"BCryptSetProperty", MakeOneKey},
                 {"BCryptEncrypt", SealOnce},
-                {"BCryptGenRandom", DrawOnce}};
+                {"BCryptGenRandom", DrawOnce},
+                // These give a handle, which is then used and given back as ever.
+                {"BCryptOpenAlgorithmProvider", DigestAbc},
+                {"BCryptCreateHash", DigestAbc},
+                {"BCryptGenerateSymmetricKey", SealOnce}};
     for (const auto &row : rows) {
-        for (const uint32_t status : {1U, 0x7FFFFFFFU}) {
+        for (const uint32_t status : {1U, 0x40000000U, 0x7FFFFFFFU}) {
             Machine machine;
             FailCall(machine, row.call, 1, status).afterEffect = true;
             EXPECT_EQ(RunCode(machine, row.use).exitStatus, 0) << row.call;
             EXPECT_EQ(machine.faultsFired, 1U) << row.call;
+            EXPECT_EQ(machine.misuses, std::vector<std::string>()) << row.call;
         }
     }
     Machine machine;

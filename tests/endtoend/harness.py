@@ -189,7 +189,7 @@ if child == 0:
     os.dup2(1, 2)
     os.execv(sys.argv[1], sys.argv[1:])
 _, status, usage = os.wait4(child, 0)
-print(usage.ru_maxrss * 1024)
+print(os.waitstatus_to_exitcode(status), usage.ru_maxrss * 1024)
 """
 
 
@@ -343,12 +343,14 @@ class MachineTest(unittest.TestCase):
     def kestrix(self, *arguments):
         return self.start(*arguments).finish()
 
-    def peak_memory(self, *arguments):
-        """The most bytes of memory that a run had in use at one time."""
+    def peak_memory(self, *arguments, status=0):
+        """The most bytes of memory that a run, which must end with that status, had in use at one time."""
         self.assertTrue(os.path.isdir(self.devices))
         done = subprocess.run([sys.executable, "-c", MEASURE, self.program, *arguments], cwd=self.images, check=True,
                               stdout=subprocess.PIPE, timeout=TIME_LIMIT, env={**SANITIZERS, **os.environ})
-        return int(done.stdout)
+        ended, used = map(int, done.stdout.split())
+        self.assertEqual(ended, status, arguments)
+        return used
 
     def stopped(self, *arguments, when=None, prepare=None):
         """Starts the program and stops it (SIGSTOP) while when() holds, or as soon as it has printed something. Where

@@ -137,11 +137,10 @@ class ThinCaptureOf2GiB(CostTest):
 
     def track(self, changed):
         tracker = attach_to(self)
-        tracker.previousEpoch, tracker.currentEpoch = 0xA0, 0xB0
         bitmap = bytearray(COUNT * 4 // 8)
         for i in changed:
             bitmap[(4 * i + 3) // 8] |= 1 << (4 * i + 3) % 8
-        tracker.bitmap = bytes(bitmap)
+        tracker.remember(0xA0, 0xB0, bytes(bitmap))
         return tracker
 
     def bytes_of_disk(self):
@@ -215,7 +214,7 @@ class Memory(CostTest):
         head += b"".join(plain_entry(i, CHUNK, CHUNK, digest) for i in range(count))
         write_sparse(self.path("base"), head, (), (), len(head) + size)
         tracker = attach_to(self)
-        tracker.previousEpoch, tracker.bitmap = 0xA0, bytes(count * 4 // 8)
+        tracker.remember(0xA0, 0xB0, bytes(count * 4 // 8))
         run = self.measured("capture", "--disk", "1", "--out", "x", "--base", "base", "--thin")
         self.assertTrue(run["out"].endswith(thin_end("x", 0, count, 0)))
         self.assertLess(run["rchar"], len(head) + len(tracker.bitmap) + A_LITTLE)
@@ -259,6 +258,19 @@ class Memory(CostTest):
         self.file("p", b"secret\n")
         content = self.long_chain(65, 4096, 4096)
         self.check_readers("65 images of 4096 chunks", "level64", content, 65, 4096, "--password-file", "p")
+
+    def test_a_loop_keeps_the_table_of_each_of_its_65_levels(self):
+        count, perEntry = 20000, 5300
+        head = plain_header(THIN, 512 * count, 512)
+        entries = b"".join(plain_entry(i, 512, 0, bytes(32)) for i in range(count))
+        self.file("loop", head + entries + Trailer(TRAILER_MAGIC, 4, b"loop", bytes(32), 52).encode())
+        self.check_fatal(self.kestrix("verify", "--in", "loop"), "image chain is too deep (or loops back on itself)",
+                         None)
+        peak = self.peak_memory("verify", "--in", "loop", status=1)
+        show(f"a loop of {count} entries: {peak / MIB:.1f} MiB of memory")
+        if not is_sanitized():
+            self.assertGreater(peak, 0.95 * perEntry * count)
+            self.assertLess(peak, FIXED_MEMORY + perEntry * count)
 
     def test_chunks_of_4_mib_take_the_same_buffers_in_every_reader(self):
         self.file("p", b"secret\n")

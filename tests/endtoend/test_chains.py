@@ -236,10 +236,10 @@ class BasesAndProof(BaseTest):
     def setUp(self):
         super().setUp()
         self.tracker = attach_to(self)
-        self.tracker.previousEpoch, self.tracker.currentEpoch, self.tracker.bitmap = 0xA0, 0xB0, b"\x20\x00"
+        self.tracker.remember(0xA0, 0xB0, b"\x20\x00")
 
     def begun(self, base, decision):
-        return source_line(1, SIZE) + tracker_line(0xB0) + incremental(base) + decision
+        return source_line(1, SIZE) + tracker_line(self.tracker.currentEpoch) + incremental(base) + decision
 
     def nothing_done(self):
         self.assertEqual(self.tracker.codes(), [ATTACH, QUERY, QUERY])

@@ -65,5 +65,11 @@ class LargeDisk(harness.MachineTest):
         self.check_target()
 
 
+class MeasuredRun(harness.MachineTest):
+    def test_a_measured_run_that_ends_otherwise_than_stated_fails_its_test(self):
+        self.assertRaises(AssertionError, self.peak_memory, "verify", "--in", "missing")
+        self.assertGreater(self.peak_memory("verify", "--in", "missing", status=1), 0)
+
+
 if __name__ == "__main__":
     unittest.main()

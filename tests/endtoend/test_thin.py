@@ -145,6 +145,27 @@ class WithoutProof(BaseTest):
         self.thin(image=folder + "/x", base=folder + "/bäse")
         self.check_thin(folder + "/x", self.new, [1], "bäse")
 
+    def test_a_base_whose_name_holds_a_colon_makes_a_thin_image_that_no_command_opens(self):
+        refusal = "thin image trailer names a base outside its folder - refusing"
+        self.base("mon:day")
+        self.check(self.kestrix("verify", "--in", "mon:day"), 0, verify_text("mon:day", SIZE, CHUNK))
+        self.check(self.capture("--thin", base="mon:day"), 0,
+                   self.out(unproved(NO_DRIVER, True), thin_end("x", 1, 2, 3), base="mon:day"))
+        self.disk(2, SIZE)
+        self.check_fatal(self.kestrix("verify", "--in", "x"), refusal, None)
+        self.check_fatal(self.kestrix("restore", "--in", "x", "--disk", "2", "--confirm", "YES"), refusal, None)
+        self.check_fatal(self.kestrix("consolidate", "--in", "x", "--out", "y"), refusal, None)
+        self.check_fatal(self.capture("--thin", image="y", base="x"), refusal, None,
+                         source_line(1, SIZE) + NO_TRACKER + incremental("x"))
+
+    def test_a_backslash_in_a_bases_name_ends_a_folder(self):
+        self.base("a\\base")
+        begun = source_line(1, SIZE) + NO_TRACKER + incremental("a\\base") + unproved(NO_DRIVER, True)
+        self.check_fatal(self.capture("--thin", base="a\\base"),
+                         "--thin: the image and its --base must be in the same folder", None, begun)
+        self.thin(image="a\\x", base="a\\base")
+        self.check(self.kestrix("verify", "--in", "a\\x"), 0, verify_text("a\\x", SIZE, CHUNK, "base"))
+
     def test_a_base_of_another_disk_is_refused_before_the_file_is_made(self):
         for message, options in (
                 ("--base image geometry does not match source disk", {"disk": self.old[:-512]}),
@@ -223,8 +244,7 @@ class WithTracker(BaseTest):
     def setUp(self):
         super().setUp()
         self.tracker = change_tracker.attach_to(self)
-        self.tracker.currentEpoch = 0xB0
-        self.tracker.previousEpoch = 0xA0
+        self.tracker.remember(0xA0, 0xB0)
 
     def dirty(self, *blocks):
         bitmap = bytearray(2)
@@ -233,12 +253,12 @@ class WithTracker(BaseTest):
         self.tracker.bitmap = bytes(bitmap)
 
     def thin(self, end, *more, decision=None):
-        line = tracker_line(self.tracker.currentEpoch)
+        line = tracker_line(self.tracker.next_epoch())
         self.check(self.capture("--thin", *more), 0, self.out(decision or proved(0xA0), end, line))
 
     def unproved_thin(self, reason, line=None):
-        line = line or tracker_line(self.tracker.currentEpoch)
-        epoch = self.tracker.currentEpoch % 2**56
+        epoch = self.tracker.next_epoch() % 2**56
+        line = line or tracker_line(self.tracker.next_epoch())
         self.check(self.capture("--thin"), 0, self.out(unproved(reason, True), thin_end("x", 1, 2, 3), line))
         self.check_thin("x", self.new, [1], "base", epoch=epoch)
 
@@ -255,7 +275,7 @@ class WithTracker(BaseTest):
         disk = self.disk(1, seeded_disk(SIZE, 7))
         for block in range(9):
             with self.subTest(block):
-                self.tracker.previousEpoch, self.tracker.currentEpoch = 0xA0, 0xB0
+                self.tracker.remember(0xA0, 0xB0)
                 self.dirty(block)
                 self.thin(thin_end("x", 1, 2, 1))
                 i = block // 4
@@ -267,7 +287,7 @@ class WithTracker(BaseTest):
         for shift, bitmap, stored, read in ((23, b"\x01", 1, 2), (23, b"\x02", 0, 1), (40, b"\x01", 1, 3),
                                             (40, b"\x00", 0, 0), (12, bytes(128) + b"\x01" + bytes(200), 1, 1)):
             with self.subTest((shift, bitmap[:1])):
-                self.tracker.previousEpoch, self.tracker.currentEpoch = 0xA0, 0xB0
+                self.tracker.remember(0xA0, 0xB0)
                 self.tracker.blockShift, self.tracker.bitmap = shift, bitmap
                 self.thin(thin_end("x", stored, 3 - stored, read))
                 self.check_thin("x", self.new if stored else self.old, [1] if stored else [], "base", epoch=0xB0)
@@ -290,7 +310,7 @@ class WithTracker(BaseTest):
         for secret in (None, b"secret"):
             for sealed in (False, True):
                 with self.subTest((secret, sealed)):
-                    self.tracker.previousEpoch, self.tracker.currentEpoch = 0xA0, 0xB0
+                    self.tracker.remember(0xA0, 0xB0)
                     self.dirty(5)
                     self.base(epoch=0xA0, password=secret)
                     run = self.capture("--password-file", "p", *(("--encrypt",) if sealed else ()))
@@ -335,19 +355,56 @@ class WithTracker(BaseTest):
         self.check(run, 0, restoring_line("y", 2, 3, SIZE) + shown + "\n" + RESTORE_COMPLETE)
         self.assertTrue(self.disk_bytes(2) == newer)
 
-    def test_the_first_reason_against_the_proof_is_given(self):
-        self.base(epoch=0)
-        self.tracker.gap, self.tracker.previousEpoch = 1, None
-        gap = tracker_line(0xB0, True)
-        self.unproved_thin(NO_EPOCH, gap)
-        self.base(epoch=0xA1)
-        self.tracker.previousEpoch, self.tracker.currentEpoch = None, 0xB0
-        self.unproved_thin(NO_PREVIOUS, gap)
-        self.tracker.previousEpoch, self.tracker.currentEpoch = 0xA0, 0xB0
-        self.unproved_thin(NOT_LATEST, gap)
+    def write_chunk(self, disk, i):
+        """The disk with that chunk changed, in the sight of the driver."""
+        self.tracker.mark(i * CHUNK, 1)
+        return self.disk(1, self.changed(disk, i))
+
+    def test_a_write_during_a_capture_reaches_the_next_one(self):
+        # Ahead of the attach it is this one's; ahead of the reading it is in both; behind that it is the next one's.
+        for moment, isInBase, read in ((change_tracker.ATTACH, True, 0), (change_tracker.QUERY, True, 1),
+                                       (change_tracker.COMMIT, False, 1)):
+            with self.subTest(moment):
+                self.tracker.remember(None, 0xB0, bytes(2))
+                self.disk(1, self.old)
+                self.tracker.before[moment] = lambda: self.write_chunk(self.old, 1)
+                self.assertEqual(self.kestrix("capture", "--disk", "1", "--out", "base").status, 0)
+                self.tracker.before.clear()
+                self.check_image("base", self.changed(self.old, 1) if isInBase else self.old, epoch=0xB0)
+                stored = [] if isInBase else [1]
+                self.thin(thin_end("x", len(stored), 3 - len(stored), read), decision=proved(0xB0))
+                self.check_thin("x", self.changed(self.old, 1), stored, "base", epoch=0xB1, iterations=200000)
+
+    def test_what_a_failed_capture_was_told_is_told_again_under_a_new_epoch(self):
         self.base(epoch=0xA0)
-        self.tracker.previousEpoch, self.tracker.currentEpoch = 0xA0, 0xB0
-        self.unproved_thin(GAP, gap)
+        self.tracker.bitmap = bytes(2)
+        disk = self.old
+        for i in (0, 2):
+            disk = self.write_chunk(disk, i)
+            self.assertEqual(self.capture("--thin", image="no folder/x").status, 1)
+            self.assertEqual(self.tracker.codes()[-1], change_tracker.QUERY)
+        self.check(self.capture("--thin"), 0, self.out(proved(0xA0), thin_end("x", 2, 1, 2), tracker_line(0xB2)))
+        self.check_thin("x", disk, [0, 2], "base", epoch=0xB2)
+        self.check(self.capture("--thin", image="y", base="x"), 0,
+                   self.out(proved(0xB2), thin_end("y", 0, 3, 0), tracker_line(0xB3), "x"))
+
+    def test_a_write_that_was_lost_during_a_capture_spoils_the_next_proof(self):
+        self.base(epoch=0xA0)
+        self.dirty(4)
+        self.tracker.before[change_tracker.COMMIT] = lambda: setattr(self.tracker, "gap", 1)
+        self.thin(thin_end("x", 1, 2, 1))
+        self.tracker.before.clear()
+        self.check(self.capture("--thin", image="y", base="x"), 0,
+                   self.out(unproved(GAP, True), thin_end("y", 0, 3, 3), tracker_line(0xB1, True), "x"))
+
+    def test_the_first_reason_against_the_proof_is_given(self):
+        gap = tracker_line(0xB0, True)
+        for baseEpoch, previousEpoch, reason in ((0, None, NO_EPOCH), (0xA1, None, NO_PREVIOUS),
+                                                 (0xA1, 0xA0, NOT_LATEST), (0xA0, 0xA0, GAP)):
+            with self.subTest(reason):
+                self.base(epoch=baseEpoch)
+                self.tracker.remember(previousEpoch, 0xB0, gap=1)
+                self.unproved_thin(reason, gap)
 
     def test_a_secondary_gap_spoils_the_proof_in_silence(self):
         self.base(epoch=0xA0)
@@ -362,11 +419,10 @@ class WithTracker(BaseTest):
 
     def test_an_epoch_of_more_than_56_bits_never_proves_anything(self):
         self.base(epoch=5)
-        self.tracker.previousEpoch = 2**56 + 5
-        self.tracker.currentEpoch = 2**56 + 6
+        self.tracker.remember(2**56 + 5, 2**56 + 6)
         self.unproved_thin(NOT_LATEST)
         self.base(epoch=5)
-        self.tracker.previousEpoch, self.tracker.currentEpoch = 5, 6
+        self.tracker.remember(5, 6)
         self.dirty(4)
         self.thin(thin_end("x", 1, 2, 1), decision=proved(5))
 
@@ -377,5 +433,5 @@ class WithTracker(BaseTest):
         self.disk(1, self.new)
         self.tracker.commitError = 0
         self.check(self.capture("--thin"), 0, self.out(unproved(NOT_LATEST, True), thin_end("x", 1, 2, 3),
-                                                       tracker_line(0xB0)))
-        self.check_thin("x", self.new, [1], "base", epoch=0xB0, iterations=200000)
+                                                       tracker_line(0xB1)))
+        self.check_thin("x", self.new, [1], "base", epoch=0xB1, iterations=200000)

@@ -61,11 +61,19 @@ class Tracker(MachineTest):
         for epoch, kept in ((2**56 + 5, 5), (2**64 - 1, 2**56 - 1), (2**56 - 1, 2**56 - 1), (2**63, 0),
                             (0x0102030405060708, 0x02030405060708)):
             with self.subTest(epoch):
-                self.tracker.currentEpoch = epoch
-                # The stand-in counts on after a commit, which the largest epoch leaves no room for.
-                self.tracker.commitError = 5 if epoch == 2**64 - 1 else 0
-                self.tracked(epoch, kept=kept, warning=WARNING if epoch == 2**64 - 1 else "")
+                self.tracker.remember(None, epoch)
+                self.tracked(epoch, kept=kept)
                 self.assertEqual(self.tracker.log[-1], (COMMIT, commit_request(1, epoch), 0))
+
+    def test_a_second_capture_meanwhile_is_one_without_a_tracker(self):
+        runs = []
+        self.tracker.before[QUERY] = lambda: runs.append(self.kestrix("capture", "--disk", "1", "--out", "y"))
+        self.tracked()
+        for run in runs:
+            self.check(run, 0, capture_text(1, 5000, "y", tracker=NO_TRACKER))
+        self.check_image("y", self.content, epoch=0)
+        self.assertEqual((self.tracker.connections, self.tracker.refused), (1, 2))
+        self.assertEqual(self.tracker.codes(), [ATTACH, QUERY, QUERY, COMMIT])
 
     def test_the_epoch_of_the_second_reply_counts(self):
         def move_on():

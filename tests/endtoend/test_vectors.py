@@ -159,12 +159,8 @@ class Vectors(VectorTest):
 
     def test_a_capture_that_copies_from_each_image_of_its_chunk_size_says_and_writes_what_is_stated(self):
         tracker = change_tracker.attach_to(self)
-        tracker.bitmap = bytes(2)
-
-        def remember():
-            tracker.previousEpoch, tracker.currentEpoch = PREVIOUS_EPOCH, CURRENT_EPOCH
-
-        self.check_command("capture-proved", before_each=remember)
+        self.check_command("capture-proved",
+                           before_each=lambda: tracker.remember(PREVIOUS_EPOCH, CURRENT_EPOCH, bytes(2)))
 
 
 class ClaimedTables(VectorTest):
@@ -187,7 +183,7 @@ class ClaimedTables(VectorTest):
                                       rb"\(GetLastError=\d+\)\n$")
         else:
             self.check_abnormal(run)
-        return self.peak_memory(*arguments)
+        return self.peak_memory(*arguments, status=run.status)
 
     def test_a_claim_that_the_file_does_not_hold_costs_no_memory(self):
         # The address sanitizer keeps a byte of its own for every eight that are asked for, and fills it in.

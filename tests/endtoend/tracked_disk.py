@@ -1,15 +1,13 @@
 """A disk that really changes, a driver that watches it, and what a capture must make of the two.
 
-The driver is the stand-in with a memory: an epoch belongs to one capture alone, a commit keeps the marks of what was
-written after the query of its epoch, a lost write is admitted until an image is committed that was begun after it, and
-a restart forgets everything but which epochs were given out.
+The driver is the stand-in as it watches one disk: a lost write is admitted until an image is committed that was begun
+after it, and a restart forgets everything but which epochs were given out.
 
 What a capture is expected to say and to store is worked out from the history of the machine, which knows nothing of
 epochs being compared or of bitmaps: who was captured when, what was written since, when the driver was started.
 """
 import hashlib
 import os
-import struct
 from dataclasses import dataclass
 
 import change_tracker
@@ -22,7 +20,6 @@ from test_thin import (GAP, NO_DRIVER, NO_EPOCH, NO_PREVIOUS, NOT_LATEST, increm
 from test_tracker import WARNING
 
 CHUNK = 4 * MIB
-ERROR_INVALID_PARAMETER = 87
 SECRET = b"secret"
 
 
@@ -46,52 +43,18 @@ class Driver(change_tracker.ChangeTracker):
         blocks = -(-diskSize >> blockShift)
         super().__init__(path)
         self.blockShift = blockShift
-        self.bitmap = bytes(-(-blocks // 8) if bitmapBytes is None else bitmapBytes)
-        self.currentEpoch = firstEpoch - 1
-        self.forget()
-
-    def next_epoch(self):
-        """Never one whose low 56 bits, which are all that an image keeps, would read as no epoch."""
-        epoch = self.currentEpoch + 1
-        return epoch if epoch % 2**56 else epoch + 1
+        self.remember(None, firstEpoch, bytes(-(-blocks // 8) if bitmapBytes is None else bitmapBytes))
 
     def forget(self):
         """What a restart does; an epoch that was given out before is not given out again."""
-        self.previousEpoch = None
-        self.bitmap = self.later = bytes(len(self.bitmap))
-        self.gap = self.secondaryGap = self.laterGap = self.laterSecondaryGap = 0
-
-    def mark(self, offset, length):
-        marks = []
-        for bitmap in (self.bitmap, self.later):
-            bitmap = bytearray(bitmap)
-            for block in range(offset >> self.blockShift, (offset + length - 1 >> self.blockShift) + 1):
-                if block // 8 < len(bitmap):
-                    bitmap[block // 8] |= 1 << block % 8
-            marks.append(bytes(bitmap))
-        self.bitmap, self.later = marks
+        self.remember(None, self.next_epoch(), bytes(len(self.bitmap)))
 
     def lose(self, secondary):
         """A write that could not be recorded."""
         if secondary:
-            self.secondaryGap = self.laterSecondaryGap = 1
+            self.secondaryGap = 1
         else:
-            self.gap = self.laterGap = 1
-
-    def answer(self, code, request, outputLength):
-        if code == ATTACH and not self.attachError:
-            self.currentEpoch = self.next_epoch()
-        if code == QUERY:
-            self.later = bytes(len(self.bitmap))
-            self.laterGap = self.laterSecondaryGap = 0
-        if code == COMMIT and not self.commitError:
-            epoch, = struct.unpack_from("<Q", request, 8)
-            if epoch != self.currentEpoch:
-                return ERROR_INVALID_PARAMETER, b""
-            self.previousEpoch, self.bitmap = epoch, self.later
-            self.gap, self.secondaryGap = self.laterGap, self.laterSecondaryGap
-            return 0, b""
-        return super().answer(code, request, outputLength)
+            self.gap = 1
 
 
 @dataclass

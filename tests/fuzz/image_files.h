@@ -1,8 +1,8 @@
 // An input taken as a chain of image files.
 //
-// Byte 0 holds the flags and byte 1 the number of files less one, in its low two bits; each file but the last begins
-// with its length in two bytes, the last is the rest. They are named a.kstx, b.kstx, c.kstx and d.kstx in the current
-// folder, and a.kstx is the image that is opened. Two flags make digests fit that no mutation would ever hit.
+// Byte 0 holds the flags and byte 1 the number of files less one, modulo five; each file but the last begins with its
+// length in two bytes, the last is the rest. They are named a.kstx to e.kstx in the current folder, and a.kstx is the
+// image that is opened. Two flags make digests fit that no mutation would ever hit.
 //
 // Iteration counts are cut to 15, so that no input costs more time than its size.
 #pragma once
@@ -19,7 +19,7 @@ constexpr uint8_t withoutPassword = 4;   // no password file is named
 
 struct ImageFiles {
     uint8_t flags = 0;
-    std::vector<Bytes> files; // one to four
+    std::vector<Bytes> files; // one to five
 };
 ImageFiles TakeImageFiles(Input &input);
 

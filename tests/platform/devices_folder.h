@@ -8,7 +8,9 @@
 
 #include <winioctl.h>
 
+#include <chrono>
 #include <cstdlib>
+#include <thread>
 
 struct DevicesTest : testing::Test {
     DevicesTest() : folder(ProgramFolder() + "/devices")
@@ -87,3 +89,26 @@ struct AlignedBytes {
 
     char *bytes;
 };
+
+constexpr size_t mebibyte = 1024 * 1024;
+constexpr DWORD blockBytes = 4 * mebibyte;
+
+// A buffer as the program has one for each chunk.
+struct Block {
+    Block() : bytes(static_cast<char *>(_aligned_malloc(blockBytes, 512))) {}
+
+    Block(const Block &) = delete;
+    Block &operator=(const Block &) = delete;
+
+    ~Block()
+    {
+        _aligned_free(bytes);
+    }
+
+    char *bytes;
+};
+
+inline void Pause()
+{
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+}

@@ -8,12 +8,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <functional>
 #include <memory>
 #include <sys/file.h>
 #include <thread>
 #include <unistd.h>
-
-static constexpr size_t mebibyte = 1024 * 1024;
 
 static BOOL ReadInto(HANDLE disk, char *buffer, size_t byteCount, DWORD *moved)
 {
@@ -260,6 +259,20 @@ TEST_F(DevicesTest, AFileSystemThatWantsLargerSectorsIsReadAllTheSame)
     EXPECT_TRUE(ReadSome(disk.handle, 2 * mebibyte) == content.substr(0, 512) + std::string(512, 'x') +
                                                            content.substr(1024, mebibyte - 1024) +
                                                            std::string(512, 'y'));
+}
+
+TEST_F(DevicesTest, AnOpenThatSucceedsLeavesNoError)
+{
+    WriteBytes(Device("PhysicalDrive0"), std::string(4096, 'x'));
+    std::filesystem::create_symlink("PhysicalDrive0", Device("C:"));
+    for (const auto &open : {std::function<HANDLE()>([] { return OpenDiskToRead("PhysicalDrive0"); }),
+                             std::function<HANDLE()>([] { return OpenDiskToList("PhysicalDrive0"); }),
+                             std::function<HANDLE()>([] { return OpenDiskToRestore("PhysicalDrive0"); }),
+                             std::function<HANDLE()>([] { return OpenVolume("C:"); })}) {
+        const OwnedHandle handle(open());
+        EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+        EXPECT_NE(handle.handle, INVALID_HANDLE_VALUE);
+    }
 }
 
 TEST_F(DevicesTest, ADiskIsOpenedInTheProgramsOwnWaysAlone)
@@ -544,6 +557,80 @@ TEST_F(BlockDeviceTest, ThatFailsToWriteIsADeviceFault)
 }
 
 // ---- Names ----
+
+// The kernel says of a device that is gone that it has no bytes, to handles that were opened before too.
+TEST_F(BlockDeviceTest, ThatGoesAwayIsADeviceFaultInEachCall)
+{
+    MakeBacking(mebibyte);
+    const LoopDevice loop(scratch.File("backing"));
+    MakeDisk(loop);
+    const HANDLE reader = OpenDiskToRead("PhysicalDrive0");
+    const AlignedBytes buffer(4096);
+    GET_LENGTH_INFORMATION length = {};
+    DWORD moved = 0;
+    ASSERT_TRUE(ReadFile(reader, buffer.bytes, 4096, &moved, nullptr));
+    loop.Resize(0);
+    SetPortError(poison);
+    EXPECT_FALSE(ReadFile(reader, buffer.bytes, 4096, &moved, nullptr));
+    EXPECT_EQ(GetLastError(), ERROR_IO_DEVICE);
+    EXPECT_EQ(moved, 0U);
+    SetPortError(poison);
+    EXPECT_FALSE(
+        DeviceIoControl(reader, IOCTL_DISK_GET_LENGTH_INFO, nullptr, 0, &length, sizeof(length), &moved, nullptr));
+    EXPECT_EQ(GetLastError(), ERROR_IO_DEVICE);
+    CloseHandle(reader);
+}
+
+TEST_F(BlockDeviceTest, ThatNeverHadALengthHasNotGoneAway)
+{
+    MakeBacking(mebibyte);
+    const LoopDevice loop(scratch.File("backing"));
+    MakeDisk(loop);
+    loop.Resize(0);
+    const OwnedHandle reader(OpenDiskToRead("PhysicalDrive0"));
+    GET_LENGTH_INFORMATION length = {};
+    DWORD moved = 0;
+    length.Length.QuadPart = 1;
+    EXPECT_TRUE(DeviceIoControl(reader.handle, IOCTL_DISK_GET_LENGTH_INFO, nullptr, 0, &length, sizeof(length), &moved,
+                                nullptr));
+    EXPECT_EQ(length.Length.QuadPart, 0);
+}
+
+TEST_F(BlockDeviceTest, ThatGoesAwayWhileItIsRestoredOverIsADeviceFault)
+{
+    MakeBacking(mebibyte);
+    const LoopDevice loop(scratch.File("backing"));
+    MakeDisk(loop);
+    const HANDLE writer = OpenDiskToRestore("PhysicalDrive0");
+    const AlignedBytes buffer(4096);
+    DWORD moved = 0;
+    ASSERT_TRUE(WriteFile(writer, buffer.bytes, 4096, &moved, nullptr));
+    loop.Resize(0);
+    SetPortError(poison);
+    EXPECT_FALSE(WriteFile(writer, buffer.bytes, 4096, &moved, nullptr));
+    EXPECT_EQ(GetLastError(), ERROR_IO_DEVICE);
+    EXPECT_EQ(moved, 0U);
+    CloseHandle(writer);
+}
+
+// The sixteenth figure counts how often a drive's cache was emptied.
+TEST_F(BlockDeviceTest, ThatWasWrittenHasItsOwnCacheEmptiedByTheClose)
+{
+    MakeBacking(mebibyte);
+    const LoopDevice loop(scratch.File("backing"));
+    MakeDisk(loop);
+    const AlignedBytes buffer(4096);
+    DWORD moved = 0;
+    const uint64_t before = loop.Statistic(16);
+    CloseHandle(OpenDiskToRead("PhysicalDrive0"));
+    CloseHandle(OpenDiskToRestore("PhysicalDrive0"));
+    EXPECT_EQ(loop.Statistic(16), before);
+    const HANDLE writer = OpenDiskToRestore("PhysicalDrive0");
+    ASSERT_TRUE(WriteFile(writer, buffer.bytes, 4096, &moved, nullptr));
+    EXPECT_EQ(loop.Statistic(16), before);
+    EXPECT_TRUE(CloseHandle(writer));
+    EXPECT_GT(loop.Statistic(16), before);
+}
 
 TEST_F(DevicesTest, OnlyAPlainNumberNamesADisk)
 {

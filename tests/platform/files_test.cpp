@@ -40,7 +40,9 @@ static LONGLONG LengthOf(HANDLE file)
 TEST_F(FilesTest, AnExistingFileIsReadFromItsStart)
 {
     WriteBytes(Path(), "content");
+    PoisonLastError();
     const OwnedHandle file(OpenToRead(Path()));
+    EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
     EXPECT_EQ(ReadSome(file.handle, 7), "content");
 }
 
@@ -49,6 +51,7 @@ TEST_F(FilesTest, CreateNewMakesAFileThatWasNotThere)
     PoisonLastError();
     {
         const OwnedHandle file(OpenToWrite(Path(), CREATE_NEW));
+        EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
         EXPECT_EQ(WriteSome(file.handle, "content"), 7U);
     }
     EXPECT_EQ(BytesOf(Path()), "content");

@@ -2,6 +2,11 @@
 // lengths that another may overlook, and the number for what is unknown. The statuses are those of Windows.
 #include "crypto_calls.h"
 
+#include <cstdlib>
+#include <openssl/provider.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
 TEST(Sha256OfThePort, RefusesAnObjectThatIsTooSmall)
 {
     const Provider provider(BCRYPT_SHA256_ALGORITHM);
@@ -67,4 +72,64 @@ TEST(ProvidersOfThePort, TellApartWhatTheyRefuse)
     EXPECT_EQ(Number(BCryptGetProperty(provider.handle, L"NoSuchProperty", value, sizeof(value), &resultLength, 0)),
               notSupported);
     EXPECT_EQ(Number(BCryptSetProperty(provider.handle, L"NoSuchProperty", value, sizeof(value), 0)), notSupported);
+}
+
+static bool IsNotSupported(NTSTATUS status)
+{
+    return Number(status) == notSupported;
+}
+
+// How many of the calls that need an algorithm say that it is not supported, where libcrypto has a provider without
+// any.
+static int CallsThatAreNotSupported()
+{
+    OSSL_PROVIDER *const empty = OSSL_PROVIDER_load(nullptr, "null");
+    const Provider digest(BCRYPT_SHA256_ALGORITHM);
+    const Provider hmac(BCRYPT_SHA256_ALGORITHM, BCRYPT_ALG_HANDLE_HMAC_FLAG);
+    const Provider cipher(BCRYPT_AES_ALGORITHM);
+    const Provider random(BCRYPT_RNG_ALGORITHM);
+    cipher.SetMode(BCRYPT_CHAIN_MODE_GCM, sizeof(BCRYPT_CHAIN_MODE_GCM));
+    Bytes object = digest.MakeObject();
+    Bytes keyObject = cipher.MakeObject();
+    Bytes bytes(32);
+    UCHAR *const some = bytes.data();
+    BCRYPT_HASH_HANDLE hash = nullptr;
+    BCRYPT_KEY_HANDLE key = nullptr;
+    return empty == nullptr
+               ? -1
+               : IsNotSupported(BCryptCreateHash(digest.handle, &hash, object.data(), Length(object), nullptr, 0, 0)) +
+                     IsNotSupported(BCryptDeriveKeyPBKDF2(hmac.handle, some, 8, some, 16, 1, some, 32, 0)) +
+                     IsNotSupported(BCryptGenerateSymmetricKey(cipher.handle, &key, keyObject.data(), Length(keyObject),
+                                                               some, 32, 0)) +
+                     IsNotSupported(BCryptGenRandom(random.handle, some, 32, 0));
+}
+
+// In a process of its own, since an algorithm that was found once stays.
+TEST(AlgorithmsOfThePortDeathTest, ThatAreNotThereAreNotSupported)
+{
+    testing::FLAGS_gtest_death_test_style = "threadsafe";
+    EXPECT_EXIT(_exit(CallsThatAreNotSupported()), testing::ExitedWithCode(4), "");
+}
+
+// All memory that a process may have is taken before libcrypto is asked for the first time.
+static int StatusWithoutMemory()
+{
+    const Provider digest(BCRYPT_SHA256_ALGORITHM);
+    Bytes object = digest.MakeObject();
+    BCRYPT_HASH_HANDLE hash = nullptr;
+    const rlimit none = {0, 0};
+    setrlimit(RLIMIT_AS, &none);
+    for (size_t size = size_t{1} << 20; size != 0; size /= 2) {
+        while (malloc(size) != nullptr) {
+        }
+    }
+    return Number(BCryptCreateHash(digest.handle, &hash, object.data(), Length(object), nullptr, 0, 0)) == 0xC0000017
+               ? 1
+               : 2;
+}
+
+TEST(AlgorithmsOfThePortDeathTest, ThatFindNoMemoryAreNotToldAsMissing)
+{
+    testing::FLAGS_gtest_death_test_style = "threadsafe";
+    EXPECT_EXIT(_exit(StatusWithoutMemory()), testing::ExitedWithCode(1), "");
 }

@@ -214,8 +214,14 @@ TEST_F(LinuxFilesTest, AFileIsMadeWhereADanglingLinkPoints)
     EXPECT_EQ(ErrorOfReading(Path()), ERROR_FILE_NOT_FOUND);
     EXPECT_EQ(ErrorOfWriting(Path(), CREATE_NEW), ERROR_FILE_EXISTS);
     EXPECT_FALSE(std::filesystem::exists(Path("target")));
-    EXPECT_EQ(ErrorOfWriting(Path()), ERROR_SUCCESS);
+    SetPortError(poison);
+    {
+        const OwnedHandle made(OpenToWrite(Path(), CREATE_ALWAYS));
+        EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+    }
     EXPECT_TRUE(std::filesystem::is_regular_file(Path("target")));
+    EXPECT_EQ(std::filesystem::status(Path("target")).permissions(),
+              std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
 }
 
 TEST_F(LinuxFilesTest, LinksInACircleLeadNowhere)

@@ -6,15 +6,21 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstddef>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
+#include <fstream>
+#include <linux/audit.h>
 #include <linux/blkpg.h>
+#include <linux/filter.h>
 #include <linux/fs.h>
 #include <linux/loop.h>
+#include <linux/seccomp.h>
 #include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
+#include <sys/prctl.h>
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <thread>
@@ -113,17 +119,17 @@ static int AttachToFreeLoopDevice(const loop_config &config, std::string *path)
     return device;
 }
 
-LoopDevice::LoopDevice(const std::string &file, uint32_t sectorBytes, bool isReadOnly)
+LoopDevice::LoopDevice(const std::string &file, uint32_t sectorBytes, bool isReadOnly) : backing(file)
 {
     EXPECT_EQ(geteuid(), 0U) << "loop devices need root";
     loop_config config = {};
-    const int backing = open(file.c_str(), (isReadOnly ? O_RDONLY : O_RDWR) | O_CLOEXEC);
-    config.fd = static_cast<uint32_t>(backing);
+    const int opened = open(file.c_str(), (isReadOnly ? O_RDONLY : O_RDWR) | O_CLOEXEC);
+    config.fd = static_cast<uint32_t>(opened);
     config.block_size = sectorBytes;
     config.info.lo_flags = LO_FLAGS_AUTOCLEAR | LO_FLAGS_PARTSCAN | (isReadOnly ? LO_FLAGS_READ_ONLY : 0);
     descriptor = AttachToFreeLoopDevice(config, &path);
     EXPECT_GE(descriptor, 0) << path << ": " << strerror(errno);
-    close(backing);
+    close(opened);
 }
 
 LoopDevice::~LoopDevice()
@@ -139,6 +145,30 @@ bool ComesToBe(const std::string &path, bool isThere)
     return std::filesystem::exists(path) == isThere;
 }
 
+uint64_t LoopDevice::Statistic(int field) const
+{
+    std::ifstream file("/sys/class/block/" + path.substr(5) + "/stat");
+    uint64_t value = 0;
+    for (int i = 0; i < field; ++i) {
+        file >> value;
+    }
+    EXPECT_TRUE(file) << path;
+    return value;
+}
+
+uint64_t LoopDevice::Sequence() const
+{
+    uint64_t sequence = 0;
+    EXPECT_EQ(ioctl(descriptor, BLKGETDISKSEQ, &sequence), 0) << strerror(errno);
+    return sequence;
+}
+
+void LoopDevice::Resize(uint64_t lengthBytes) const
+{
+    std::filesystem::resize_file(backing, lengthBytes);
+    EXPECT_EQ(ioctl(descriptor, LOOP_SET_CAPACITY), 0) << strerror(errno);
+}
+
 std::string LoopDevice::AddPartition(long long beginBytes, long long lengthBytes) const
 {
     blkpg_partition partition = {};
@@ -152,6 +182,38 @@ std::string LoopDevice::AddPartition(long long beginBytes, long long lengthBytes
     EXPECT_EQ(ioctl(descriptor, BLKPG, &request), 0) << strerror(errno);
     EXPECT_TRUE(ComesToBe(path + "p1", true));
     return path + "p1";
+}
+
+// ---- A kernel that refuses ----
+
+static bool Install(const sock_fprog &filter)
+{
+    return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0;
+}
+
+bool RefuseSystemCall(long number, int error)
+{
+    sock_filter filter[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<uint32_t>(number), 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | static_cast<uint32_t>(error)),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    return Install({4, filter});
+}
+
+bool RefuseArgument(long number, size_t index, uint32_t value, int error)
+{
+    sock_filter filter[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<uint32_t>(number), 0, 3),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS,
+                 static_cast<uint32_t>(offsetof(seccomp_data, args) + index * sizeof(uint64_t))),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, value, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | static_cast<uint32_t>(error)),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    return Install({6, filter});
 }
 
 // ---- Signals ----

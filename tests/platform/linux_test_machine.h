@@ -44,9 +44,26 @@ struct LoopDevice {
     // Tells the kernel of a first partition, which no table holds, and gives its node.
     std::string AddPartition(long long beginBytes, long long lengthBytes) const;
 
+    // A figure of the kernel's statistics of the device, counted from 1: the third is sectors of 512 bytes read, the
+    // seventh such sectors written, the sixteenth how often its cache was emptied.
+    uint64_t Statistic(int field) const;
+
+    // The number that the kernel gave to the device when it came.
+    uint64_t Sequence() const;
+
+    // Makes the file, and the device with it, so many bytes long.
+    void Resize(uint64_t lengthBytes) const;
+
     std::string path;
+    std::string backing;
     int descriptor = -1;
 };
+
+// From here on this process gets error from the system call, and from no other; false where that can't be had.
+bool RefuseSystemCall(long number, int error);
+
+// The same where the system call's argument of that index, from 0, is value.
+bool RefuseArgument(long number, size_t index, uint32_t value, int error);
 
 // Signals this thread every few milliseconds, without restarting what they interrupt, until the record goes.
 struct Interruptions {

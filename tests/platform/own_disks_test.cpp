@@ -4,8 +4,12 @@
 #include "port.h"
 #include "test_files.h"
 
+#include <fcntl.h>
 #include <memory>
+#include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
 #include <vector>
 
 using Names = std::vector<std::string>;
@@ -62,12 +66,16 @@ struct OwnDisksTest : testing::Test {
 
     Names List() const
     {
-        return ListOwnDisks(scratch.path.string());
+        Names names;
+        for (const OwnDisk &disk : ListOwnDisks(scratch.path.string())) {
+            names.push_back(disk.name);
+        }
+        return names;
     }
 
     uint32_t DiskHolding(unsigned int majorNumber, unsigned int minorNumber) const
     {
-        return OwnDiskHolding(scratch.path.string(), majorNumber, minorNumber);
+        return OwnDiskHolding(scratch.path.string(), ListOwnDisks(scratch.path.string()), majorNumber, minorNumber);
     }
 
     ScratchFolder scratch;
@@ -140,7 +148,7 @@ TEST_F(OwnDisksTest, LeaveOutHiddenPathsOfADiskAndWhatHasNoNode)
 TEST_F(OwnDisksTest, MayBeNone)
 {
     EXPECT_EQ(List(), Names());
-    EXPECT_EQ(ListOwnDisks(scratch.File("missing")), Names());
+    EXPECT_TRUE(ListOwnDisks(scratch.File("missing")).empty());
     EXPECT_EQ(DiskHolding(8, 0), noDisk);
 }
 
@@ -205,6 +213,143 @@ TEST_F(OwnDisksTest, EndTheSearchInATreeThatRunsInACircle)
     Stack("dm-0", "dm-1");
     Stack("dm-1", "dm-0");
     EXPECT_EQ(DiskHolding(253, 0), noDisk);
+}
+
+TEST_F(OwnDisksTest, KeepTheirOrderWhenOneOfThemIsJustGoingAway)
+{
+    AddDisk("sda", "8:0", "9");
+    AddDisk("sdb", "8:16", "");
+    AddDisk("sdc", "8:32", "4");
+    EXPECT_EQ(List(), (Names{"sdc", "sda"}));
+}
+
+TEST_F(OwnDisksTest, AreToldFromOthersThatComeUnderTheirNames)
+{
+    WriteBytes(scratch.File("backing"), std::string(4096, 'x'));
+    const LoopDevice loop(scratch.File("backing"));
+    struct stat node = {};
+    OwnDisk disk = {"none0", 0, 0};
+    ASSERT_EQ(fstat(loop.descriptor, &node), 0);
+    EXPECT_TRUE(IsDiskOfList(loop.descriptor, disk)) << "what no list holds";
+    disk.number = node.st_rdev;
+    EXPECT_TRUE(IsDiskOfList(loop.descriptor, disk)) << "a kernel without sequences";
+    disk.sequence = loop.Sequence();
+    EXPECT_TRUE(IsDiskOfList(loop.descriptor, disk));
+    ++disk.sequence;
+    EXPECT_FALSE(IsDiskOfList(loop.descriptor, disk));
+    disk = {"none0", 0, node.st_rdev + 1};
+    EXPECT_FALSE(IsDiskOfList(loop.descriptor, disk));
+    const int file = open(scratch.File("backing").c_str(), O_RDONLY | O_CLOEXEC);
+    EXPECT_FALSE(IsDiskOfList(file, disk));
+    close(file);
+}
+
+// ---- The machine that the program sees ----
+
+// Each of these runs in a process of its own, since what the machine is, is settled once. A tree stands in for the
+// machine's own disks: in it are none that exist, or one on a loop device of the test's own.
+struct MachineDeathTest : OwnDisksTest {
+    MachineDeathTest() : folder(ProgramFolder() + "/devices")
+    {
+        testing::FLAGS_gtest_death_test_style = "threadsafe";
+        std::filesystem::remove_all(folder);
+    }
+
+    ~MachineDeathTest() override
+    {
+        std::filesystem::remove_all(folder);
+    }
+
+    // Which of the two machines disk 0 belongs to; 0 for none.
+    static int SeesDisk(const std::string &path)
+    {
+        return FindDevice("PhysicalDrive0").path == path ? 1 : FindDevice("PhysicalDrive0").path.empty() ? 0 : 2;
+    }
+
+    void StandIn()
+    {
+        tree = std::make_unique<Mount>(scratch.path.string(), "/sys", "", "", MS_BIND);
+    }
+
+    std::string folder;
+    std::unique_ptr<Mount> tree;
+};
+
+TEST_F(MachineDeathTest, NumbersItsDisksOnce)
+{
+    AddDisk("none0", "8:0", "5");
+    StandIn();
+    const auto numbers = [&] {
+        const int before = SeesDisk("/dev/none0");
+        AddDisk("none1", "8:16", "4");
+        return 10 * before + SeesDisk("/dev/none0") + (List() == Names{"none1", "none0"} ? 100 : 0);
+    };
+    EXPECT_EXIT(_exit(numbers()), testing::ExitedWithCode(111), "");
+}
+
+TEST_F(MachineDeathTest, StaysAFolderThatIsTakenAwayMeanwhile)
+{
+    AddDisk("none0", "8:0", "5");
+    StandIn();
+    std::filesystem::create_directory(folder);
+    const auto answers = [&] {
+        const int before = SeesDisk(folder + "/PhysicalDrive0");
+        std::filesystem::remove_all(folder);
+        return 10 * before + SeesDisk(folder + "/PhysicalDrive0");
+    };
+    EXPECT_EXIT(_exit(answers()), testing::ExitedWithCode(11), "");
+}
+
+TEST_F(MachineDeathTest, StaysTheRealOneThoughAFolderComesMeanwhile)
+{
+    AddDisk("none0", "8:0", "5");
+    StandIn();
+    const auto answers = [&] {
+        const int before = SeesDisk("/dev/none0");
+        std::filesystem::create_directory(folder);
+        return 10 * before + SeesDisk("/dev/none0");
+    };
+    EXPECT_EXIT(_exit(answers()), testing::ExitedWithCode(11), "");
+}
+
+TEST_F(MachineDeathTest, IsNoneWhereTheFolderIsALinkThatLeadsNowhere)
+{
+    AddDisk("none0", "8:0", "5");
+    StandIn();
+    std::filesystem::create_symlink("nowhere", folder);
+    EXPECT_EXIT(_exit(SeesDisk("/dev/none0")), testing::ExitedWithCode(0), "");
+}
+
+TEST_F(MachineDeathTest, IsTheRealOneBesideAFileOfThatName)
+{
+    AddDisk("none0", "8:0", "5");
+    StandIn();
+    WriteBytes(folder, "no folder");
+    EXPECT_EXIT(_exit(SeesDisk("/dev/none0")), testing::ExitedWithCode(1), "");
+}
+
+// What opening disk 0 gives where the list says that sequence of the loop device behind its node.
+static int ErrorOfOpening(OwnDisksTest &test, const LoopDevice &loop, uint64_t sequence)
+{
+    struct stat node = {};
+    EXPECT_EQ(fstat(loop.descriptor, &node), 0);
+    test.AddDisk("none0", std::to_string(major(node.st_rdev)) + ":" + std::to_string(minor(node.st_rdev)),
+                 std::to_string(sequence));
+    const Mount tree(test.scratch.path.string(), "/sys", "", "", MS_BIND);
+    const Mount nodes("none", "/dev", "tmpfs");
+    EXPECT_EQ(mknod("/dev/none0", S_IFBLK | 0600, node.st_rdev), 0);
+    const HANDLE disk = CreateFileW(Widen(R"(\\.\PhysicalDrive0)").c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr,
+                                    OPEN_EXISTING, FILE_FLAG_NO_BUFFERING, nullptr);
+    return static_cast<int>(disk != INVALID_HANDLE_VALUE ? 100 : GetLastError());
+}
+
+TEST_F(MachineDeathTest, OpensNoDiskThatHasComeUnderTheNameOfAnother)
+{
+    WriteBytes(scratch.File("backing"), std::string(4096, 'x'));
+    const LoopDevice loop(scratch.File("backing"));
+    const uint64_t sequence = loop.Sequence();
+    EXPECT_EXIT(_exit(ErrorOfOpening(*this, loop, sequence)), testing::ExitedWithCode(100), "");
+    EXPECT_EXIT(_exit(ErrorOfOpening(*this, loop, sequence + 1000)), testing::ExitedWithCode(2), "");
 }
 
 // ---- The root folder's file system ----

@@ -232,37 +232,88 @@ Outcome ControlVolume(const Volume &volume, DWORD code, uint8_t *output, uint64_
     return reply.size() > outputLength ? Failure(errorMoreData) : outcome;
 }
 
+bool WasGiven(const Tracker &tracker, uint64_t epoch)
+{
+    return std::find(tracker.epochsGiven.begin(), tracker.epochsGiven.end(), epoch) != tracker.epochsGiven.end();
+}
+
+// Moves on from an epoch that was given out, past one that comes out as none in the 56 bits that an image keeps.
+void MoveOn(Tracker &tracker)
+{
+    uint64_t &epoch = tracker.reply.currentEpoch;
+    while (WasGiven(tracker, epoch)) {
+        epoch += (epoch + 1) << 8 == 0 ? 2 : 1;
+    }
+}
+
+// All that no commit has covered.
+TrackerReply StateOf(const Tracker &tracker)
+{
+    TrackerReply state = tracker.reply;
+    for (size_t i = 0; i < std::min(state.bitmap.size(), tracker.olderBitmap.size()); ++i) {
+        state.bitmap[i] = static_cast<uint8_t>(state.bitmap[i] | tracker.olderBitmap[i]);
+    }
+    state.gap |= tracker.olderGap;
+    state.secondaryGap |= tracker.olderSecondaryGap;
+    return state;
+}
+
+Outcome Attach(Tracker &tracker)
+{
+    MoveOn(tracker);
+    const TrackerReply state = StateOf(tracker);
+    tracker.olderBitmap = state.bitmap;
+    tracker.olderGap = state.gap;
+    tracker.olderSecondaryGap = state.secondaryGap;
+    std::fill(tracker.reply.bitmap.begin(), tracker.reply.bitmap.end(), static_cast<uint8_t>(0));
+    tracker.reply.gap = 0;
+    tracker.reply.secondaryGap = 0;
+    return Outcome();
+}
+
+Outcome AnswerQuery(Tracker &tracker, uint8_t *output, uint64_t outputLength, uint64_t limit, DWORD *moved)
+{
+    const bool isScripted = running->queries++ != 0 && tracker.laterReply.has_value();
+    const TrackerReply state = isScripted ? *tracker.laterReply : StateOf(tracker);
+    tracker.epochsGiven.push_back(state.currentEpoch);
+    const std::vector<uint8_t> reply = QueryReply(state);
+    if (outputLength < reply.size()) {
+        Reply(reply, output, trackerHeaderBytes, limit, moved);
+        return Failure(errorMoreData);
+    }
+    return Reply(reply, output, outputLength, limit, moved);
+}
+
+Outcome AcceptCommit(Tracker &tracker, uint64_t epoch)
+{
+    const bool isLast = !tracker.epochsGiven.empty() && tracker.epochsGiven.back() == epoch;
+    const bool isSecond = !tracker.commits.empty() && tracker.commits.back() == epoch;
+    if (!isLast || isSecond) {
+        return Failure(errorInvalidParameter);
+    }
+    tracker.commits.push_back(epoch);
+    tracker.reply.hasPreviousEpoch = 1;
+    tracker.reply.previousEpoch = epoch;
+    tracker.reply.currentEpoch = epoch;
+    MoveOn(tracker);
+    tracker.olderBitmap.clear();
+    tracker.olderGap = 0;
+    tracker.olderSecondaryGap = 0;
+    return Outcome();
+}
+
 Outcome ControlTracker(Tracker &tracker, DWORD code, const std::vector<uint8_t> &input, uint8_t *output,
                        uint64_t outputLength, uint64_t limit, DWORD *moved)
 {
     if (code == trackerAttach && input.size() == 8) {
-        return tracker.attachError != 0 ? Failure(tracker.attachError) : Outcome();
+        return tracker.attachError != 0 ? Failure(tracker.attachError) : Attach(tracker);
     }
     if (code == trackerQuery && input.size() == 8 && outputLength >= trackerHeaderBytes) {
-        if (tracker.queryError != 0) {
-            return Failure(tracker.queryError);
-        }
-        const bool isLater = running->queries++ != 0 && tracker.laterReply.has_value();
-        const std::vector<uint8_t> reply = QueryReply(isLater ? *tracker.laterReply : tracker.reply);
-        if (outputLength >= reply.size()) {
-            return Reply(reply, output, outputLength, limit, moved);
-        }
-        Reply(reply, output, trackerHeaderBytes, limit, moved);
-        return Failure(errorMoreData);
+        return tracker.queryError != 0 ? Failure(tracker.queryError)
+                                       : AnswerQuery(tracker, output, outputLength, limit, moved);
     }
     if (code == trackerCommit && input.size() == 16) {
-        if (tracker.commitError != 0) {
-            return Failure(tracker.commitError);
-        }
-        const uint64_t epoch = Load(input, 8, 8);
-        tracker.commits.push_back(epoch);
-        tracker.reply.hasPreviousEpoch = 1;
-        tracker.reply.previousEpoch = epoch;
-        tracker.reply.currentEpoch = epoch + 1;
-        tracker.reply.gap = 0;
-        tracker.reply.secondaryGap = 0;
-        std::fill(tracker.reply.bitmap.begin(), tracker.reply.bitmap.end(), static_cast<uint8_t>(0));
-        return Outcome();
+        return tracker.commitError != 0 ? Failure(tracker.commitError) : AcceptCommit(tracker, Load(input, 8, 8));
     }
     return Failure(errorInvalidParameter);
 }

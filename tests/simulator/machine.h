@@ -93,20 +93,27 @@ struct TrackerReply {
 };
 
 // The change-tracking driver. As one should, it fills the header of a query whose output has no room for the bitmap,
-// and then fails with ERROR_MORE_DATA. A commit makes its epoch the previous one, counts currentEpoch up and clears
-// bitmap and gaps in reply.
+// and then fails with ERROR_MORE_DATA; it keeps marks and gaps until a commit whose capture attached the disk behind
+// them, and has those that came later in the next answer; an epoch that was given out once is passed over when a disk
+// is attached, and none but the one given out last is committed, once. A commit makes its epoch the previous one and
+// counts currentEpoch up.
 struct Tracker {
     DWORD openError = 0;
     DWORD attachError = 0;
     DWORD queryError = 0; // every query fails with it and writes nothing
     DWORD commitError = 0;
-    TrackerReply reply;
-    std::optional<TrackerReply> laterReply; // answers every query of a run but the first
+    TrackerReply reply;                     // bitmap and gaps: those since the last attach
+    std::optional<TrackerReply> laterReply; // is the whole answer to every query of a run but the first
     std::vector<uint64_t> commits;          // epochs that were accepted, oldest first
+
+    std::vector<uint64_t> epochsGiven; // in answers, oldest first
+    std::vector<uint8_t> olderBitmap;  // from before the last attach: what its commit covers
+    uint32_t olderGap = 0;
+    uint32_t olderSecondaryGap = 0;
 };
 
 // One line of the log: a replaced call that the program made, or text that it printed since the call before (name
-// "stdout" or "stderr", the text in result).
+// "stdout" or "stderr", the text in result, its field "flushed" the bytes of it that had left the program's buffer).
 struct Call {
     std::string name;   // "ReadFile"
     std::string object; // what it was made on: "disk1#1", "file:image.kstx#1", "key#2"; for an open "disk1",

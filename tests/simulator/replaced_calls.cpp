@@ -46,6 +46,13 @@ NTSTATUS StatusOf(const Outcome &outcome)
     return outcome.succeeded ? 0 : static_cast<NTSTATUS>(outcome.error);
 }
 
+// Whether the caller gets the handle that the call made: as on the real platform, any status from 0 up says that it
+// does.
+bool GivesHandle(const Outcome &outcome)
+{
+    return BCRYPT_SUCCESS(StatusOf(outcome));
+}
+
 Outcome BadHandle(const Call &call)
 {
     AddMisuse(call, "no open handle");
@@ -432,7 +439,7 @@ NTSTATUS REPLACEMENT(BCryptOpenAlgorithmProvider)(BCRYPT_ALG_HANDLE *algorithm, 
         }
         return real;
     });
-    if (outcome.succeeded) {
+    if (GivesHandle(outcome)) {
         *algorithm = token;
     } else {
         ReleaseObject(token);
@@ -519,7 +526,7 @@ NTSTATUS REPLACEMENT(BCryptCreateHash)(BCRYPT_ALG_HANDLE algorithm, BCRYPT_HASH_
         }
         return real;
     });
-    if (outcome.succeeded) {
+    if (GivesHandle(outcome)) {
         *hash = token;
     } else {
         ReleaseObject(token);
@@ -633,7 +640,7 @@ NTSTATUS REPLACEMENT(BCryptGenerateSymmetricKey)(BCRYPT_ALG_HANDLE algorithm, BC
         }
         return real;
     });
-    if (outcome.succeeded) {
+    if (GivesHandle(outcome)) {
         *key = token;
     } else {
         ReleaseObject(token);
@@ -673,8 +680,10 @@ NTSTATUS Cipher(const char *callName, CipherCall *real, BCRYPT_KEY_HANDLE key, P
         call.fields["infoSize"] = info->cbSize;
         call.fields["infoVersion"] = info->dwInfoVersion;
         call.fields["nonceLength"] = info->cbNonce;
+        call.fields["authData"] = info->pbAuthData != nullptr;
         call.fields["authDataLength"] = info->cbAuthData;
         call.fields["tagLength"] = info->cbTag;
+        call.fields["macContext"] = info->pbMacContext != nullptr;
         call.fields["macContextLength"] = info->cbMacContext;
         call.fields["aadLength"] = info->cbAAD;
         call.fields["dataLength"] = info->cbData;

@@ -141,8 +141,10 @@ void BeginStreams()
 void LogOutput()
 {
     for (CaughtStream &caught : caughtStreams) {
+        const auto arrived = static_cast<size_t>(lseek(caught.memory, 0, SEEK_END));
         fflush(caught.stream);
         Call output;
+        output.fields["flushed"] = arrived - caught.seen;
         output.result = TextFrom(caught, caught.seen);
         if (output.result.empty()) {
             continue;

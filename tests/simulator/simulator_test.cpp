@@ -74,6 +74,32 @@ HANDLE OpenTracker()
     return OpenDisk(L"\\\\.\\Tallier", GENERIC_READ | GENERIC_WRITE, 0);
 }
 
+HANDLE AttachedTracker()
+{
+    const HANDLE tracker = OpenTracker();
+    Bytes nothing;
+    EXPECT_TRUE(AskTracker(tracker, 0x8C7D2004, Bytes(8), &nothing));
+    return tracker;
+}
+
+// The bitmap of a whole answer, of the length that the header claims.
+Bytes MarksOf(HANDLE tracker)
+{
+    Bytes output(48);
+    AskTracker(tracker, 0x8C7D2008, Bytes(8), &output);
+    output.resize(48U + output[44]);
+    EXPECT_TRUE(AskTracker(tracker, 0x8C7D2008, Bytes(8), &output));
+    return Bytes(output.begin() + 48, output.end());
+}
+
+BOOL CommitEpoch(HANDLE tracker, uint64_t epoch)
+{
+    Bytes nothing;
+    Bytes request(16);
+    StoreInteger(request, 8, epoch, 8);
+    return AskTracker(tracker, 0x8C7D200C, request, &nothing);
+}
+
 std::string hooksRun;
 
 void FirstHook()
@@ -796,16 +822,86 @@ TEST(SimulatedTracker, BeginsANewEpochAtACommit)
     MarkChanged(machine.tracker->reply, 8 * MiB, 4 * MiB);
     EXPECT_EQ(machine.tracker->reply.bitmap, (std::vector<uint8_t>{0, 0x0F}));
     RunCode(machine, [] {
-        Bytes nothing;
-        Bytes request(16);
-        StoreInteger(request, 8, 0xF000000000000005, 8);
-        EXPECT_TRUE(AskTracker(OpenTracker(), 0x8C7D200C, request, &nothing));
+        const HANDLE tracker = AttachedTracker();
+        EXPECT_EQ(MarksOf(tracker), (Bytes{0, 0x0F}));
+        EXPECT_TRUE(CommitEpoch(tracker, 0xF000000000000005));
+        EXPECT_EQ(MarksOf(tracker), (Bytes{0, 0}));
     });
     EXPECT_EQ(machine.tracker->commits, std::vector<uint64_t>{0xF000000000000005});
     EXPECT_EQ(machine.tracker->reply.hasPreviousEpoch, 1U);
     EXPECT_EQ(machine.tracker->reply.previousEpoch, 0xF000000000000005);
     EXPECT_EQ(machine.tracker->reply.currentEpoch, 0xF000000000000006);
-    EXPECT_EQ(machine.tracker->reply.bitmap, (std::vector<uint8_t>{0, 0}));
+}
+
+TEST(SimulatedTracker, KeepsMarksAndGapsUntilACommitThatWasAttachedBehindThem)
+{
+    Machine machine;
+    machine.tracker = Tracker();
+    TrackerReply &reply = machine.tracker->reply;
+    MarkChanged(reply, 0, 1);
+    reply.secondaryGap = 2;
+    RunCode(machine, [] { EXPECT_EQ(MarksOf(AttachedTracker()), Bytes{1}); });
+    MarkChanged(reply, MiB, 1);
+    RunCode(machine, [&reply] {
+        const HANDLE tracker = AttachedTracker();
+        MarkChanged(reply, 2 * MiB, 1);
+        EXPECT_EQ(MarksOf(tracker), Bytes{7});
+        MarkChanged(reply, 0, 1);
+        reply.gap = 4;
+        EXPECT_TRUE(CommitEpoch(tracker, 2));
+        EXPECT_EQ(MarksOf(tracker), Bytes{5});
+        Bytes output(48 + 1);
+        EXPECT_TRUE(AskTracker(tracker, 0x8C7D2008, Bytes(8), &output));
+        EXPECT_EQ(output[24], 0); // secondaryGap
+        EXPECT_EQ(output[28], 4); // gap
+    });
+}
+
+TEST(SimulatedTracker, GivesNoEpochOutTwice)
+{
+    Machine machine;
+    machine.tracker = Tracker();
+    machine.tracker->reply.currentEpoch = 0x00FFFFFFFFFFFFFE;
+    Bytes firstBytes;
+    for (int i = 0; i < 3; ++i) {
+        RunCode(machine, [&firstBytes] {
+            Bytes output(48);
+            AskTracker(AttachedTracker(), 0x8C7D2008, Bytes(8), &output);
+            firstBytes.push_back(output[16]);
+        });
+    }
+    // What follows on 56 ones would be no epoch in an image.
+    EXPECT_EQ(firstBytes, (Bytes{0xFE, 0xFF, 0x01}));
+    EXPECT_EQ(machine.tracker->epochsGiven,
+              (std::vector<uint64_t>{0x00FFFFFFFFFFFFFE, 0x00FFFFFFFFFFFFFF, 0x0100000000000001}));
+}
+
+TEST(SimulatedTracker, CommitsNoEpochButTheOneThatItGaveOutLastAndThatOnce)
+{
+    Machine machine;
+    machine.tracker = Tracker();
+    RunCode(machine, [] {
+        const HANDLE tracker = OpenTracker();
+        EXPECT_FALSE(CommitEpoch(tracker, 1));
+        EXPECT_EQ(GetLastError(), 87U);
+        MarksOf(tracker);
+        EXPECT_FALSE(CommitEpoch(tracker, 2));
+        EXPECT_TRUE(CommitEpoch(tracker, 1));
+        EXPECT_FALSE(CommitEpoch(tracker, 1));
+    });
+}
+
+TEST(SimulatedTracker, AdmitsOneHandleAtATime)
+{
+    Machine machine;
+    machine.tracker = Tracker();
+    RunCode(machine, [] {
+        const HANDLE first = OpenTracker();
+        EXPECT_EQ(OpenTracker(), INVALID_HANDLE_VALUE);
+        EXPECT_EQ(GetLastError(), 32U);
+        CloseHandle(first);
+        EXPECT_NE(OpenTracker(), INVALID_HANDLE_VALUE);
+    });
 }
 
 TEST(HandMadeImages, HaveTheSizesOfTheFormat)

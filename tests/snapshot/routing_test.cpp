@@ -123,6 +123,27 @@ TEST_F(SnapshotRouting, SealsFrozenBytesLikeLiveOnes)
     EXPECT_EQ(EntriesOf(image)[1].hash, Sha256Of(Frozen(ChunkOf(disk, 1))));
 }
 
+// The query comes behind the snapshots: what was written between them is in the bitmap that this capture gets, and yet
+// not in its image.
+TEST_F(SnapshotRouting, LeavesToTheNextCaptureWhatWasWrittenBehindTheSnapshot)
+{
+    UseDisk(ThreeChunkDisk());
+    UseTracker();
+    AddPlace(ThreeChunkDisk(), C, 2 * C);
+    machine.onCall = [this](Machine &, const Call &call) {
+        if (call.name == "DeviceIoControl" && Field(call, "code") == 0x8C7D2008) {
+            MarkChanged(machine.tracker->reply, C, 1);
+        }
+    };
+    CaptureWithSnapshots();
+    EXPECT_TRUE(ReadBytes("image.kstx") == BuildImage(PlanOf(Mixed(ThreeChunkDisk(), {1}), 6)));
+    machine.onCall = nullptr;
+    Capture({"--base", "image.kstx", "--thin"}, "next.kstx");
+    EXPECT_EQ(result.exitStatus, 0);
+    EXPECT_EQ(Reads(), "SetFilePointerEx disk1#1 4194304\nReadFile disk1#1 4194304 at 4194304 -> 4194304\n");
+    EXPECT_EQ(EntriesOf(ReadBytes("next.kstx"))[1].hash, Sha256Of(ChunkOf(ThreeChunkDisk(), 1)));
+}
+
 TEST_F(SnapshotRouting, WithoutTheOptionReadsTheDiskAlone)
 {
     UseDisk(ThreeChunkDisk());

@@ -250,7 +250,7 @@ void FaultSweep::TearDownTestSuite()
         return;
     }
     std::ofstream file(std::string(folder) + "/faults.tsv");
-    file << "kind of run\tcalls swept\tallocations swept\truns\tstated failure line\tstated notice\tno image, "
+    file << "kind of run\tcalls swept\tallocations swept\truns\tthe call's failure line\tthe call's notice\tno image, "
             "unnoticed\tno effect\t"
             "abnormal end\n";
     for (const RunKind &kind : RunKinds()) {

@@ -11,7 +11,7 @@ import test_command_line
 from harness import MIB, ROOT, TIME_LIMIT, not_exclusive, verify_text
 from kestrix_image import seeded_disk
 from test_command_line import NO_SOURCE, NOT_CONFIRMED, USAGE
-from wine import ABNORMAL, SYSTEM_DISK, WINE, WindowsTest
+from wine import ABNORMAL, PREFIX, SYSTEM_DISK, WINE, WindowsTest
 
 NO_LENGTH = "IOCTL_DISK_GET_LENGTH_INFO failed"
 NOT_SUPPORTED = 50
@@ -216,7 +216,8 @@ class Disks(WindowsTest):
 
 class SnapshotLibrary(WindowsTest):
     """VSSAPI.DLL is bound by the first call of a capture with --vss. No disk of Wine lets a capture come so far, so
-    late_binding.exe makes the call: the program's snapshot side, linked as the program is."""
+    late_binding.exe makes the call: the program's snapshot side, linked as the program is. Wine takes a library of its
+    own for any file of that name unless it is told to prefer the file."""
 
     def environment(self, name, value):
         patch = mock.patch.dict(os.environ, {name: value})
@@ -254,6 +255,36 @@ class SnapshotLibrary(WindowsTest):
     def test_the_first_call_reads_live_where_the_snapshot_library_is_missing(self):
         self.environment("WINEDLLOVERRIDES", "vssapi=")
         self.check_first_call(MODULE_NOT_FOUND)
+
+    def plant(self, path):
+        """Puts a library there that has no entries and says when it runs; what was there is back at the end."""
+        if os.path.exists(path):
+            os.rename(path, path + ".kept")
+            self.addCleanup(os.rename, path + ".kept", path)
+        shutil.copy(self.program_of_tests("libplanted_library.dll"), path)
+
+    def test_a_snapshot_library_beside_the_program_or_in_the_working_folder_is_not_run(self):
+        self.environment("WINEDLLOVERRIDES", "vssapi=n,b")
+        program = shutil.copy(self.program_of_tests("late_binding.exe"), self.folder)
+        self.plant(os.path.join(self.folder, "vssapi.dll"))
+        self.plant(self.path("vssapi.dll"))
+        self.check(self.start_under_wine(program).finish(), 0, NO_SNAPSHOTS % NOT_IMPLEMENTED + "ranges: 0\n")
+
+    def check_guard(self, code, first=""):
+        """Whatever the registers hold, what is raised ends at the guard, and the caller's own are as they were."""
+        run = self.start_under_wine(self.program_of_tests("unlucky_registers.exe")).finish()
+        calls = 468
+        self.check(run, 0, first + f"calls: {calls}, caught: {calls}, registers kept: {calls}\n"
+                   f"raised 0x{code:08X}: {calls}\n")
+
+    def test_a_missing_snapshot_library_is_caught_whatever_the_registers_hold(self):
+        self.environment("WINEDLLOVERRIDES", "vssapi=")
+        self.check_guard(0xC06D007E)
+
+    def test_a_snapshot_library_without_the_entry_is_caught_whatever_the_registers_hold(self):
+        self.environment("WINEDLLOVERRIDES", "vssapi=n")
+        self.plant(os.path.join(PREFIX, "drive_c", "windows", "system32", "vssapi.dll"))
+        self.check_guard(0xC06D007F, "planted library\n")
 
     def test_the_program_starts_and_verifies_where_the_snapshot_library_is_missing(self):
         self.environment("WINEDLLOVERRIDES", "vssapi=")

@@ -6,16 +6,19 @@ that wrote them.
 import os
 import re
 import shutil
+import struct
 import subprocess
+import tempfile
 import unittest
 from xml.etree import ElementTree
 
 from harness import ROOT
-from wine import PROGRAM
+from wine import PROGRAM, StartedWindowsProgram
 
 SYSTEM_LIBRARIES = {"KERNEL32.DLL", "MSVCRT.DLL", "BCRYPT.DLL", "OLE32.DLL", "OLEAUT32.DLL"}
 LATE_LIBRARY = "VSSAPI.DLL"
-LATE_CALLS = ["CreateVssBackupComponentsInternal", "VssFreeSnapshotPropertiesInternal"]
+LOAD_CONFIGURATION = 10  # the place of the load configuration in the table of data directories
+SYSTEM_FOLDER_ALONE = 0x800  # LOAD_LIBRARY_SEARCH_SYSTEM32
 
 
 def readobj(*options):
@@ -52,8 +55,34 @@ class WindowsProgram(unittest.TestCase):
         self.assertIn("CreateFileW", imports["KERNEL32.DLL"])
         self.assertIn("BCryptEncrypt", imports["BCRYPT.DLL"])
 
-    def test_it_binds_the_snapshot_library_late(self):
-        self.assertEqual(self.imports()["DelayImport"], {LATE_LIBRARY: LATE_CALLS})
+    def test_it_finds_the_snapshot_library_itself(self):
+        self.assertEqual(self.imports()["DelayImport"], {})
+        self.assertIn(f"{LATE_LIBRARY}\0".encode("utf-16-le"), self.bytes)
+
+    def number(self, layout, at):
+        return struct.unpack_from(f"<{layout}", self.bytes, at)[0]
+
+    def file_offset(self, address):
+        """Where in the file the byte lies that is loaded at this address of the image."""
+        signature = self.number("I", 0x3C)
+        sections = signature + 24 + self.number("H", signature + 20)
+        for section in range(sections, sections + 40 * self.number("H", signature + 6), 40):
+            size, start, stored, offset = struct.unpack_from("<4I", self.bytes, section + 8)
+            if start <= address < start + min(size, stored):
+                return offset + address - start
+        self.fail(f"no section holds {address:#x}")
+
+    def test_the_libraries_of_its_import_list_come_from_the_system_folder_alone(self):
+        optional = self.number("I", 0x3C) + 24
+        self.assertEqual(self.number("H", optional), 0x20B)
+        address, size = struct.unpack_from("<2I", self.bytes, optional + 112 + 8 * LOAD_CONFIGURATION)
+        self.assertGreater(address, 0)
+        at = self.file_offset(address)
+        # Its length stands in the table and in its first field; a loader takes from it what lies within.
+        self.assertEqual((size, self.number("I", at)), (0x140, 0x140))
+        known = dict.fromkeys(range(0, size, 2), 0)
+        known.update({0: size, 78: SYSTEM_FOLDER_ALONE})
+        self.assertEqual({place: self.number("H", at + place) for place in known}, known)
 
     def header(self, name):
         return re.search(rf"^ +{name}: (.*)$", self.headers, re.MULTILINE).group(1)
@@ -105,3 +134,27 @@ class WindowsProgram(unittest.TestCase):
         fixed = self.bytes.find(b"\xbd\x04\xef\xfe")
         words = [int.from_bytes(self.bytes[fixed + 8 + 2 * i:][:2], "little") for i in range(4)]
         self.assertEqual(words, [numbers[1], numbers[0], 0, numbers[2]])
+
+
+class SilentEnd(unittest.TestCase):
+    """Commands of the shell in place of Wine."""
+
+    def setUp(self):
+        self.folder = tempfile.mkdtemp(prefix="kestrix-silent-")
+        self.addCleanup(shutil.rmtree, self.folder)
+        self.addCleanup(setattr, StartedWindowsProgram, "repeats", StartedWindowsProgram.repeats)
+        StartedWindowsProgram.repeats = 0
+
+    def run_script(self, script):
+        return StartedWindowsProgram(["/bin/sh", "-c", script], self.folder).finish()
+
+    def test_a_run_that_ends_without_a_word_is_made_once_more_and_counted(self):
+        run = self.run_script("if test -e met; then printf 'said\\r\\n'; else touch met; exit 1; fi")
+        self.assertEqual((run.status, run.out, StartedWindowsProgram.repeats), (0, b"said\n", 1))
+
+    def test_a_second_silent_end_stays(self):
+        self.assertEqual((self.run_script("exit 1").status, StartedWindowsProgram.repeats), (1, 1))
+
+    def test_a_run_that_says_why_it_ends_is_made_once(self):
+        self.assertEqual((self.run_script("printf 'why\\r\\n' >&2; exit 1").err, StartedWindowsProgram.repeats),
+                         (b"why\n", 0))
