@@ -2,8 +2,9 @@
 """Runs the end-to-end tests: all of them, or those whose name contains one of the words given.
 
 Each file of tests gets a line with a mark per test (. passed, F failed, s skipped); failures follow in full, then the
-reason of every skip, and one line with the three counts. The exit status is 0 when a test ran and none failed. What the
-tests make lies in one temporary folder, which must be free of mounts and loop devices at the end.
+reason of every skip, for the Windows program the number of runs that were made twice, and one line with the three
+counts. The exit status is 0 when a test ran and none failed. What the tests make lies in one temporary folder, which
+must be free of mounts and loop devices at the end.
 """
 import argparse
 import atexit
@@ -99,10 +100,11 @@ def main():
     parser.add_argument("names", nargs="*", help="run only tests whose id contains one of these")
     parser.add_argument("--list", action="store_true", help="print the ids of the tests and run none")
     parser.add_argument("--windows", action="store_true", help="the tests of the Windows program, which run under Wine")
+    parser.add_argument("--browse", action="store_true", help="the tests that start small virtual machines")
     options = parser.parse_args()
     sys.path.insert(0, HERE)
     sys.dont_write_bytecode = True
-    folder = os.path.join(HERE, "windows") if options.windows else HERE
+    folder = os.path.join(HERE, "windows" if options.windows else "browse" if options.browse else "")
     suite = unittest.TestLoader().discover(folder, pattern="test_*.py", top_level_dir=folder)
     tests = [test for test in tests_of(suite)
              if not options.names or any(name in test.id() for name in options.names)]
@@ -131,6 +133,9 @@ def main():
         print(f"SKIPPED {name}: {reason}")
     for command in left:
         print(f"LEFT BEHIND, to be ended by: {' '.join(command)}")
+    if options.windows:
+        from wine import StartedWindowsProgram
+        print(f"run again after a silent end under Wine: {StartedWindowsProgram.repeats}")
     if not tests:
         print("no test was found")
     print(f"endtoend: {report.passed} passed, {len(report.failed)} failed, {len(report.skips)} skipped")

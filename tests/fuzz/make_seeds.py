@@ -5,6 +5,7 @@ Images come from the tests' own writer, which shares nothing with the program. H
 the head of its source; the functions here are the other side of that. A first argument names another folder for them,
 and with --vectors before it that folder gets the images of tests/vectors instead, each with its bases as one input.
 """
+import hashlib
 import json
 import os
 import random
@@ -18,7 +19,7 @@ sys.path.insert(0, os.path.join(HERE, "..", "endtoend"))
 import kestrix_image as ki  # noqa: E402
 
 FITTING_PINS, FITTING_HASHES, WITHOUT_PASSWORD = 1, 2, 4
-NAMES = ("a.kstx", "b.kstx", "c.kstx", "d.kstx")
+NAMES = ("a.kstx", "b.kstx", "c.kstx", "d.kstx", "e.kstx")
 ITERATIONS = 3
 CHANCE = random.Random(1)  # for the salts and nonces of the writer, which have to be the same each time
 
@@ -28,7 +29,7 @@ def image_input(files, flags=0):
     return head + b"".join(struct.pack("<H", len(file)) + file for file in files[:-1]) + files[-1]
 
 
-def chain(levels, passwords=(None,) * 4, chunks=3, chunkSize=1024, diskSize=None, edit=None):
+def chain(levels, passwords=(None,) * 5, chunks=3, chunkSize=1024, diskSize=None, edit=None):
     """The files of a chain, the topmost first; each level above the lowest changes one chunk."""
     disk = bytearray(ki.seeded_disk(diskSize or chunks * chunkSize, 7))
     with tempfile.TemporaryDirectory() as folder:
@@ -75,12 +76,17 @@ def set_tail(record):
     record.tail = b"tail"
 
 
+def set_zeros(record):
+    record.data[1] = bytes(len(record.data[1]))
+    record.table[1].hash = hashlib.sha256(record.data[1]).digest()
+
+
 def set_gap(record):
     record.gap = b"a gap"
 
 
 def image_seeds():
-    sealed = (b"password",) * 4
+    sealed = (b"password",) * 5
     plain, thin = chain(1), chain(2)
     return {
         "plain": image_input(plain),
@@ -123,6 +129,28 @@ def image_seeds():
         "truncated_table": image_input([plain[0][:100]]),
         "truncated_data": image_input([plain[0][:-1]]),
         "truncated_trailer": image_input([thin[0][:-1], thin[1]]),
+    }
+
+
+def check_seeds():
+    """What only kestrix-image tells apart."""
+    def lose_data(record):
+        record.data[1] = bytes(len(record.data[1]))
+
+    def move_and_lengthen(record):
+        set_tail(record)
+        set_entry(1, diskOffset=7)(record)
+
+    return {
+        "thin_of_five": image_input(chain(5)),
+        "thin_of_five_partly_sealed": image_input(chain(5, (b"password", None) * 3)),
+        "zeros": image_input(changed(set_zeros)),
+        "tail_and_wrong_place": image_input(changed(move_and_lengthen)),
+        "digest_and_place_wrong": image_input(changed(set_entry(1, diskOffset=0, hash=bytes(32)))),
+        "digest_of_sealed_wrong": image_input(chain(2, (b"password",) * 2, edit=set_entry(1, hash=bytes(32)))),
+        "chunks_behind_the_disk": image_input(changed(set_header(diskSize=1500)), FITTING_HASHES),
+        "twin_beside": image_input([*changed(lose_data), *chain(1)]),
+        "twin_sealed_beside": image_input([*changed(lose_data), *chain(1, (b"password",))]),
     }
 
 
@@ -287,12 +315,12 @@ def write_seeds(folder, seeds):
 def main():
     if sys.argv[1:2] == ["--vectors"]:
         vectors = vector_seeds()
-        write_seeds(sys.argv[2], {"images": vectors, "verify": vectors})
+        write_seeds(sys.argv[2], {"images": vectors, "verify": vectors, "image_check": vectors})
         return
     images = image_seeds()
     write_seeds(sys.argv[1] if len(sys.argv) > 1 else os.path.join(HERE, "seeds"),
-                {"images": images, "verify": images, "tracker": tracker_seeds(), "command_line": command_seeds(),
-                 "device_socket": socket_seeds()})
+                {"images": images, "verify": images, "image_check": {**images, **check_seeds()},
+                 "tracker": tracker_seeds(), "command_line": command_seeds(), "device_socket": socket_seeds()})
 
 
 if __name__ == "__main__":

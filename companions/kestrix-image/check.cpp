@@ -1,0 +1,158 @@
+// check: whether an image gives back its disk.
+//
+// Every stored chunk that the image depends on is read once, where it lies; references are settled by the tables. What
+// kestrix verify does not look at is a finding here too, and named as such: an entry that names another place on the
+// disk, and bytes that belong to nothing.
+#include "kestrix-image/audit.h"
+
+#include <algorithm>
+
+using reader::Chain;
+using reader::ChunkCause;
+
+static Json ChainJson(const Chain &chain)
+{
+    Json list = Json::array();
+    for (const reader::ImageFile &image : chain.images) {
+        list.push_back({{"file", image.facts.path}, {"identity", IdText(image.facts.id)}});
+    }
+    return list;
+}
+
+// Whether kestrix verify would accept what was found.
+static bool VerifyAccepts(const Chain &chain, const Verdicts &verdicts)
+{
+    for (uint64_t i = 0; i < chain.ChunkCount(); ++i) {
+        const reader::ChunkFault *fault = verdicts.FaultOf(i);
+        if (fault != nullptr && fault->cause != ChunkCause::WrongPlace) {
+            return false;
+        }
+    }
+    return true;
+}
+
+static bool HasBytesTooMany(const Chain &chain)
+{
+    return std::any_of(chain.images.begin(), chain.images.end(),
+                       [](const reader::ImageFile &image) { return image.facts.bytesTooMany != 0; });
+}
+
+static bool LooksLikeAnotherPassword(const Chain &chain, const Verdicts &verdicts)
+{
+    std::optional<uint8_t> level;
+    uint64_t opened = 0;
+    for (uint64_t i = 0; i < chain.ChunkCount(); ++i) {
+        const reader::ChunkFault *fault = verdicts.FaultOf(i);
+        const bool isSealed = chain.storedIn[i] != reader::storedNowhere &&
+                              reader::IsSealed(chain.images[chain.storedIn[i]].facts.header);
+        if (fault != nullptr && fault->cause == ChunkCause::Seal) {
+            level = fault->level;
+        } else if (isSealed && fault == nullptr) {
+            ++opened;
+        }
+    }
+    return level && opened == 0;
+}
+
+static void ReportBytesTooMany(JsonOutput &output, const Chain &chain)
+{
+    for (const reader::ImageFile &image : chain.images) {
+        if (image.facts.bytesTooMany != 0 && output.wanted) {
+            output.Item({{"file", image.facts.path}, {"bytes", image.facts.bytesTooMany}});
+        } else if (image.facts.bytesTooMany != 0) {
+            PrintLine("  " + image.facts.path + ": " + Counted(image.facts.bytesTooMany, "byte") + " too many");
+        }
+    }
+}
+
+static void ReportSums(JsonOutput &output, const std::string &path, const Chain &chain, const Verdicts &verdicts,
+                       const Progress &progress, bool ownOnly)
+{
+    const uint64_t bad = verdicts.CountBad();
+    const bool isSound = bad == 0 && !HasBytesTooMany(chain);
+    if (output.wanted) {
+        output.Member("verdict", isSound ? "sound" : "damaged");
+        output.Member("verify", ownOnly ? Json(nullptr) : Json(VerifyAccepts(chain, verdicts) ? "accepts" : "refuses"));
+        output.Member("fault", nullptr);
+        output.Member("chain", ChainJson(chain));
+        output.Member("chunks", chain.ChunkCount());
+        output.Member("checkedBytes", progress.doneBytes.load());
+        return;
+    }
+    std::string line = path + (isSound ? ": sound: " : ": DAMAGED: ");
+    line += bad == 0 ? "" : Counted(bad, "bad chunk") + " of " + std::to_string(chain.ChunkCount()) + "; ";
+    line += SizeText(progress.doneBytes) + " checked";
+    line += ownOnly ? ", only what it stores itself" : " in " + Counted(chain.images.size(), "file");
+    PrintLine(line);
+}
+
+static void Advise(const Chain &chain, const Verdicts &verdicts, bool ownOnly)
+{
+    const bool isSound = verdicts.CountBad() == 0 && !HasBytesTooMany(chain);
+    if (!isSound && !ownOnly && VerifyAccepts(chain, verdicts)) {
+        PrintLine("  kestrix verify accepts it: it looks neither at the place in an entry nor at bytes too many");
+    } else if (LooksLikeAnotherPassword(chain, verdicts)) {
+        PrintLine("  no sealed chunk opens: perhaps the password is another");
+    }
+}
+
+static int ReportNotChecked(JsonOutput &output, const std::string &path, const reader::Fault &fault, bool ownOnly)
+{
+    const bool isDamaged = fault.kind == reader::FaultKind::Damaged;
+    output.Member("verdict", isDamaged ? "damaged" : "impossible");
+    output.Member("verify", isDamaged && !ownOnly ? Json("refuses") : Json(nullptr));
+    output.Member("fault", fault.text);
+    if (!output.wanted && isDamaged) {
+        PrintLine(path + ": DAMAGED: it can't be opened with what it stands on");
+        PrintLine("  " + fault.text);
+    } else if (!output.wanted) {
+        PrintFault(fault.text);
+    }
+    return StatusOf(fault);
+}
+
+static int CheckImage(const CommonOptions &common, JsonOutput &output, const std::string &path, bool ownOnly)
+{
+    reader::Result<Chain> opened =
+        reader::OpenChain(path, {common.passwordFile, common.caching, common.threads, ownOnly});
+    if (!opened) {
+        return ReportNotChecked(output, path, opened.fault, ownOnly);
+    }
+    const Chain &chain = *opened;
+    const std::optional<uint8_t> onlyLevel = ownOnly ? std::optional<uint8_t>(0) : std::nullopt;
+    Verdicts verdicts(chain.ChunkCount());
+    ChunkFeeder feeder(chain, onlyLevel);
+    const auto checkOne = [](reader::ChunkReader &reader, uint64_t chunk) { return reader.Read(chunk); };
+    Progress progress(common, path, BytesToRead(chain, onlyLevel));
+    const std::optional<reader::Fault> fault = ReadChunks(common, feeder, progress, verdicts, checkOne);
+    progress.Hide();
+    if (fault) {
+        return ReportNotChecked(output, path, {fault->kind, path + ": " + fault->text}, ownOnly);
+    }
+    ReportSums(output, path, chain, verdicts, progress, ownOnly);
+    output.BeginList("badChunks");
+    ReportBadChunks(output, chain, verdicts);
+    output.End();
+    output.BeginList("bytesTooMany");
+    ReportBytesTooMany(output, chain);
+    output.End();
+    if (!output.wanted) {
+        Advise(chain, verdicts, ownOnly);
+    }
+    return verdicts.CountBad() == 0 && !HasBytesTooMany(chain) ? exitGood : exitFound;
+}
+
+int Check(const CommonOptions &common, const CheckOptions &options)
+{
+    JsonOutput output(common.json);
+    int status = exitGood;
+    output.BeginList("images");
+    for (const std::string &path : options.images) {
+        output.BeginItem();
+        output.Member("image", path);
+        output.Member("scope", options.ownOnly ? "own" : "chain");
+        status = Worse(status, CheckImage(common, output, path, options.ownOnly));
+        output.End();
+    }
+    return status;
+}

@@ -1,0 +1,92 @@
+// diff: where the disks of two images differ, from their tables alone, and how large a thin image of the one on the
+// other would be.
+#include "kestrix-image/ranges.h"
+#include "kestrix-image/report.h"
+#include "reader/reader.h"
+
+#include <algorithm>
+#include <cstring>
+
+using reader::ImageFile;
+
+static bool IsSameChunk(const ImageFile &a, const ImageFile &b, uint64_t i)
+{
+    return i < a.table.size() && i < b.table.size() &&
+           reader::LengthOfChunk(a.facts.header, i) == reader::LengthOfChunk(b.facts.header, i) &&
+           memcmp(a.table[i].hash, b.table[i].hash, digestBytes) == 0;
+}
+
+static uint64_t LengthInEither(const ImageFile &a, const ImageFile &b, uint64_t i)
+{
+    const uint64_t lengthInA = i < a.table.size() ? reader::LengthOfChunk(a.facts.header, i) : 0;
+    const uint64_t lengthInB = i < b.table.size() ? reader::LengthOfChunk(b.facts.header, i) : 0;
+    return std::max(lengthInA, lengthInB);
+}
+
+static int ReportFault(JsonOutput &output, const reader::Fault &fault)
+{
+    output.Member("result", "impossible");
+    output.Member("fault", fault.text);
+    if (!output.wanted) {
+        PrintFault(fault.text);
+    }
+    return StatusOf(fault);
+}
+
+static int ReportDifference(JsonOutput &output, const ImageFile &a, const ImageFile &b)
+{
+    const ImageHeader &header = b.facts.header;
+    const uint64_t chunkCount = std::max(a.table.size(), b.table.size());
+    const bool canStand = a.facts.header.diskSize == header.diskSize && a.table.size() == b.table.size();
+    uint64_t chunks = 0;
+    uint64_t bytes = 0;
+    for (uint64_t i = 0; i < chunkCount; ++i) {
+        if (!IsSameChunk(a, b, i)) {
+            ++chunks;
+            bytes += LengthInEither(a, b, i);
+        }
+    }
+    const uint64_t thinBytes =
+        reader::StartOfData(b.table.size()) + bytes + trailerOverhead + host::NameOf(a.facts.path).size();
+    const bool isEqual = chunks == 0 && canStand;
+    output.Member("result", isEqual ? "equal" : "different");
+    output.Member("differentChunks", chunks);
+    output.Member("differentBytes", bytes);
+    output.Member("thinBytes", canStand ? Json(thinBytes) : Json(nullptr));
+    if (!output.wanted) {
+        PrintLine(isEqual ? "The two disks are equal"
+                          : "The two disks are DIFFERENT in " + Counted(chunks, "chunk") + ", " + SizeText(bytes));
+        PrintLine(canStand ? "  a thin image of " + b.facts.path + " on " + a.facts.path + " would have " +
+                                 SizeText(thinBytes)
+                           : "  neither can stand on the other: their disks are not of one size");
+    }
+    output.BeginList("ranges");
+    RangeReport ranges(output, false);
+    for (uint64_t i = 0; i < chunkCount; ++i) {
+        ranges.Add(i * header.chunkSize, LengthInEither(a, b, i), IsSameChunk(a, b, i) ? nullptr : "differs");
+    }
+    ranges.Finish();
+    output.End();
+    return isEqual ? exitGood : exitFound;
+}
+
+int Diff(const CommonOptions &common, const std::string &imageA, const std::string &imageB)
+{
+    JsonOutput output(common.json);
+    output.Member("a", imageA);
+    output.Member("b", imageB);
+    reader::Result<ImageFile> a = reader::OpenImageFile(imageA, host::Caching::Cached, true);
+    if (!a) {
+        return ReportFault(output, a.fault);
+    }
+    reader::Result<ImageFile> b = reader::OpenImageFile(imageB, host::Caching::Cached, true);
+    if (!b) {
+        return ReportFault(output, b.fault);
+    }
+    if (a->facts.header.chunkSize != b->facts.header.chunkSize) {
+        return ReportFault(output, {reader::FaultKind::Unavailable,
+                                    imageA + " and " + imageB +
+                                        " are cut into chunks of different sizes: their tables " + "don't compare"});
+    }
+    return ReportDifference(output, *a, *b);
+}

@@ -1,0 +1,281 @@
+// tree: the images of a folder, each on the one that it stands on.
+//
+// Headers, tables and trailers are read, on all cores, and nothing else; no table is kept. What is broken comes first
+// in the verdict, and what can be done about it stands with the image.
+#include "kestrix-image/forest.h"
+#include "kestrix-image/report.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+
+using reader::FileKind;
+using reader::ImageFacts;
+
+static std::vector<ImageFacts> ReadFolder(const CommonOptions &common, const std::string &folder,
+                                          const std::vector<std::string> &names, std::optional<reader::Fault> *fault)
+{
+    std::vector<ImageFacts> facts(names.size());
+    std::atomic<size_t> next = 0;
+    Progress progress(common, folder, names.size());
+    *fault = reader::OnThreads(common.threads, [&] {
+        for (size_t i = next++; i < names.size(); i = next++) {
+            facts[i] = reader::ReadImageFacts(folder + names[i], false);
+            progress.Add(1);
+        }
+    });
+    return facts;
+}
+
+static std::optional<host::FileIdentity> IdentityOfBase(const ImageFacts &facts)
+{
+    const host::BasePlace place = host::FindBase(facts.path, facts.trailer->baseName);
+    host::FileIdentity identity;
+    if (!place.exists) {
+        return {};
+    }
+    // What lies there and can't be looked at is none of the images that can.
+    return host::IdentityOf(place.path, &identity) ? host::FileIdentity() : identity;
+}
+
+static const char *StateName(BaseState state)
+{
+    switch (state) {
+    case BaseState::None:
+        return "none";
+    case BaseState::Present:
+        return "present";
+    case BaseState::Missing:
+        return "missing";
+    case BaseState::Replaced:
+        return "replaced";
+    case BaseState::Damaged:
+        return "damaged";
+    case BaseState::Unreadable:
+        return "unreadable";
+    case BaseState::OtherGeometry:
+        return "otherGeometry";
+    }
+    return "";
+}
+
+static bool IsTooLong(const Node &node)
+{
+    return node.length && *node.length > reader::mostImages;
+}
+
+static bool IsBroken(const Node &node)
+{
+    return !node.length || IsTooLong(node);
+}
+
+// A file that another program of ours or of kestrix has begun and not ended.
+static bool IsUnfinished(const ImageFacts &facts)
+{
+    const size_t length = strlen(host::unfinishedEnding);
+    return facts.kind == FileKind::Unfinished ||
+           (facts.path.size() > length &&
+            facts.path.compare(facts.path.size() - length, length, host::unfinishedEnding) == 0);
+}
+
+// ---- As JSON ----
+
+static Json NameOrNull(const std::vector<Node> &nodes, size_t index)
+{
+    return index == noNode ? Json(nullptr) : Json(host::NameOf(nodes[index].facts.path));
+}
+
+static Json NodeJson(const std::vector<Node> &nodes, const Node &node)
+{
+    const ImageHeader &header = node.facts.header;
+    Json children = Json::array();
+    for (const size_t child : node.children) {
+        children.push_back(host::NameOf(nodes[child].facts.path));
+    }
+    Json base = nullptr;
+    if (node.facts.trailer) {
+        base = {{"name", node.facts.trailer->baseName},
+                {"pin", IdText(node.facts.trailer->basePin)},
+                {"state", StateName(node.base)},
+                {"sameUnderAnotherName", NameOrNull(nodes, node.sameAsBase)}};
+    }
+    return {{"file", host::NameOf(node.facts.path)},
+            {"identity", IdText(node.facts.id)},
+            {"kind", reader::IsThin(header) ? "thin" : "full"},
+            {"sealed", reader::IsSealed(header)},
+            {"diskBytes", uint64_t{header.diskSize}},
+            {"fileBytes", node.facts.fileBytes},
+            {"chunks", uint64_t{header.chunkCount}},
+            {"storedChunks", node.facts.storedChunks},
+            {"bytesTooMany", node.facts.bytesTooMany},
+            {"bytesMissing", node.facts.bytesMissing},
+            {"base", base},
+            {"standsOn", NameOrNull(nodes, node.standsOn)},
+            {"stoodOnBy", children},
+            {"chainLength", node.length ? Json(*node.length) : Json(nullptr)},
+            {"takesMore", node.length ? Json(RoomLeft(node)) : Json(nullptr)},
+            {"consolidatedBytes", node.children.empty() ? Json(ConsolidatedBytes(node)) : Json(nullptr)}};
+}
+
+// ---- As lines ----
+
+static std::string BaseText(const std::vector<Node> &nodes, const Node &node)
+{
+    std::string text;
+    if (node.base == BaseState::Missing) {
+        text = "; its base " + node.facts.trailer->baseName + " is MISSING";
+    } else if (node.base == BaseState::Replaced) {
+        text = "; its base " + node.facts.trailer->baseName + " was REPLACED by another file";
+    } else if (node.base == BaseState::Damaged) {
+        text = "; its base " + node.facts.trailer->baseName + " is DAMAGED";
+    } else if (node.base == BaseState::Unreadable) {
+        text = "; its base " + node.facts.trailer->baseName + " can't be looked at";
+    } else if (node.base == BaseState::OtherGeometry) {
+        text = "; its base " + node.facts.trailer->baseName + " is of ANOTHER DISK";
+    }
+    if (node.sameAsBase != noNode) {
+        text += ", but lies here as " + host::NameOf(nodes[node.sameAsBase].facts.path);
+    }
+    return text;
+}
+
+static std::string NodeText(const std::vector<Node> &nodes, const Node &node)
+{
+    const ImageHeader &header = node.facts.header;
+    std::string text = host::NameOf(node.facts.path) + ": " + (reader::IsThin(header) ? "thin" : "full") +
+                       (reader::IsSealed(header) ? ", sealed" : "") + ", disk of " + SizeText(header.diskSize) +
+                       ", stores " + Counted(node.facts.storedChunks, "chunk") + ", file of " +
+                       SizeText(node.facts.fileBytes);
+    if (node.facts.bytesMissing != 0) {
+        text += ", " + Counted(node.facts.bytesMissing, "byte") + " MISSING";
+    }
+    if (IsTooLong(node)) {
+        text += "; its chain is TOO LONG: " + Counted(*node.length, "image");
+    } else if (node.length) {
+        text += "; chain of " + std::to_string(*node.length) + ", takes " + std::to_string(RoomLeft(node)) + " more";
+    }
+    text += BaseText(nodes, node);
+    if (node.children.empty()) {
+        text += "; nothing stands on it";
+        text += node.facts.trailer && node.length ? "; consolidated: " + SizeText(ConsolidatedBytes(node)) : "";
+    }
+    return text;
+}
+
+static void PrintForest(const std::vector<Node> &nodes)
+{
+    std::vector<std::pair<size_t, size_t>> toDo; // index and depth, the next one last
+    for (size_t i = nodes.size(); i > 0; --i) {
+        if (nodes[i - 1].standsOn == noNode) {
+            toDo.emplace_back(i - 1, 1);
+        }
+    }
+    while (!toDo.empty()) {
+        const auto [index, depth] = toDo.back();
+        toDo.pop_back();
+        PrintLine(std::string(2 * depth, ' ') + NodeText(nodes, nodes[index]));
+        const std::vector<size_t> &children = nodes[index].children;
+        for (auto child = children.rbegin(); child != children.rend(); ++child) {
+            toDo.emplace_back(*child, depth + 1);
+        }
+    }
+}
+
+// ---- The report ----
+
+struct FolderContent {
+    std::vector<Node> nodes;
+    std::vector<ImageFacts> unfinished;
+    std::vector<ImageFacts> damaged;
+    std::vector<ImageFacts> unreadable;
+    std::vector<ImageFacts> others;
+};
+
+static FolderContent SortFiles(std::vector<ImageFacts> files)
+{
+    FolderContent content;
+    std::vector<ImageFacts> images;
+    for (ImageFacts &facts : files) {
+        std::vector<ImageFacts> *place = &content.others;
+        if (IsUnfinished(facts)) {
+            place = &content.unfinished;
+        } else if (facts.kind == FileKind::Image) {
+            place = &images;
+        } else if (facts.kind == FileKind::Damaged) {
+            place = &content.damaged;
+        } else if (facts.kind == FileKind::Unreadable) {
+            place = &content.unreadable;
+        }
+        place->push_back(std::move(facts));
+    }
+    std::vector<ImageFacts> none;
+    for (const auto *place : {&content.unfinished, &content.damaged, &content.unreadable, &content.others}) {
+        none.insert(none.end(), place->begin(), place->end());
+    }
+    content.nodes = MakeForest(std::move(images), none, IdentityOfBase);
+    return content;
+}
+
+static void ReportFiles(JsonOutput &output, const char *name, const std::vector<ImageFacts> &files)
+{
+    output.BeginList(name);
+    for (const ImageFacts &facts : files) {
+        const std::string file = host::NameOf(facts.path);
+        output.Item({{"file", file}, {"says", facts.fault ? Json(facts.fault->text) : Json(nullptr)}});
+        if (!output.wanted) {
+            PrintLine(std::string(name) + ": " +
+                      (facts.fault && facts.kind != FileKind::Other ? facts.fault->text : file));
+        }
+    }
+    output.End();
+}
+
+static int ReportFolder(JsonOutput &output, const std::string &folder, const FolderContent &content)
+{
+    const auto broken = static_cast<uint64_t>(std::count_if(content.nodes.begin(), content.nodes.end(), IsBroken));
+    const auto cut = static_cast<uint64_t>(std::count_if(
+        content.nodes.begin(), content.nodes.end(), [](const Node &node) { return node.facts.bytesMissing != 0; }));
+    const bool isGood = broken == 0 && cut == 0 && content.damaged.empty();
+    output.Member("result", isGood ? "whole" : "broken");
+    output.BeginList("images");
+    for (const Node &node : content.nodes) {
+        output.Item(output.wanted ? NodeJson(content.nodes, node) : Json());
+    }
+    output.End();
+    if (!output.wanted) {
+        PrintLine(folder + ": " + Counted(content.nodes.size(), "image") + ", " +
+                  (isGood ? content.unreadable.empty() ? "every chain is there"
+                                                       : Counted(content.unreadable.size(), "file") + " UNREADABLE"
+                          : std::to_string(broken) + " with a BROKEN chain, " +
+                                std::to_string(cut + content.damaged.size()) + " DAMAGED"));
+        PrintForest(content.nodes);
+    }
+    ReportFiles(output, "damaged", content.damaged);
+    ReportFiles(output, "unreadable", content.unreadable);
+    ReportFiles(output, "unfinished", content.unfinished);
+    ReportFiles(output, "other", content.others);
+    return !content.unreadable.empty() ? exitImpossible : isGood ? exitGood : exitFound;
+}
+
+static int ReportFault(JsonOutput &output, const std::string &text)
+{
+    output.Member("result", "impossible");
+    output.Member("fault", text);
+    if (!output.wanted) {
+        PrintFault(text);
+    }
+    return exitImpossible;
+}
+
+int Tree(const CommonOptions &common, const std::string &folder)
+{
+    JsonOutput output(common.json);
+    output.Member("folder", folder);
+    std::vector<std::string> names;
+    if (const host::Trouble trouble = host::ListFiles(folder, &names)) {
+        return ReportFault(output, folder + ": the folder can't be read: " + *trouble);
+    }
+    std::optional<reader::Fault> fault;
+    std::vector<ImageFacts> files = ReadFolder(common, folder + "/", names, &fault);
+    return fault ? ReportFault(output, fault->text) : ReportFolder(output, folder, SortFiles(std::move(files)));
+}

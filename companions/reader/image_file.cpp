@@ -1,0 +1,297 @@
+// One image file by itself: header, table, trailer, in the order in which they make sense of the rest.
+//
+// The table is read in pieces, which are digested on their way: whoever only wants to know what a file is keeps none of
+// them. How long the table is, is believed only as far as the file is long enough for it.
+#include "reader/reader.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace reader
+{
+
+static constexpr uint64_t entriesPerPiece = 8192;
+static constexpr uint64_t chunksPerPlace = 16;
+static constexpr uint64_t longestTable =
+    UINT32_MAX; // bytes: their count is held in 32 bits wherever a table is written
+static constexpr uint64_t shortestTrailer = trailerOverhead + 1; // with a name of one byte
+
+bool IsThin(const ImageHeader &header)
+{
+    return header.version == thinImageVersion;
+}
+
+bool IsSealed(const ImageHeader &header)
+{
+    return header.encrypted != 0;
+}
+
+uint32_t LengthOfChunk(const ImageHeader &header, uint64_t i)
+{
+    const uint64_t behind = header.diskSize - i * header.chunkSize; // wraps behind the disk's end, and is then no limit
+    return static_cast<uint32_t>(std::min<uint64_t>(behind, header.chunkSize));
+}
+
+uint64_t CoveredBytes(const ImageHeader &header)
+{
+    const uint64_t diskBytes = header.diskSize;                       // no reference into the packed record
+    return std::min(diskBytes, header.chunkCount * header.chunkSize); // the table bounds the product
+}
+
+uint64_t StartOfData(uint64_t chunkCount)
+{
+    return sizeof(ImageHeader) + sizeof(ChunkEntry) * chunkCount;
+}
+
+uint64_t TrackerEpoch(const ImageHeader &header)
+{
+    uint64_t epoch = 0;
+    memcpy(&epoch, header.epoch, sizeof(header.epoch));
+    return epoch;
+}
+
+// ---- Chunks of zeros ----
+
+static host::Digest DigestOfZeros(uint64_t length)
+{
+    static const std::vector<uint8_t> zeros(size_t{64} << 10);
+    host::Digesting digesting;
+    while (length != 0) {
+        const auto piece = static_cast<size_t>(std::min<uint64_t>(length, zeros.size()));
+        digesting.Add(zeros.data(), piece);
+        length -= piece;
+    }
+    return digesting.Finish();
+}
+
+bool ZeroChunks::Has(const ImageHeader &header, const ChunkEntry &entry, uint64_t i)
+{
+    const uint32_t length = LengthOfChunk(header, i);
+    auto known =
+        std::find_if(digests.begin(), digests.end(), [length](const auto &pair) { return pair.first == length; });
+    if (known == digests.end()) {
+        digests.emplace_back(length, DigestOfZeros(length));
+        known = digests.end() - 1;
+    }
+    return memcmp(entry.hash, known->second.data(), digestBytes) == 0;
+}
+
+// ---- Reading the regions ----
+
+static void Refuse(ImageFacts *facts, FileKind kind, const std::string &what)
+{
+    facts->kind = kind;
+    const FaultKind faultKind = kind == FileKind::Unreadable ? FaultKind::Unavailable : FaultKind::Damaged;
+    facts->fault = Fault{faultKind, facts->path + ": " + what};
+}
+
+static bool IsZeros(const void *data, size_t byteCount)
+{
+    const auto *bytes = static_cast<const uint8_t *>(data);
+    return std::all_of(bytes, bytes + byteCount, [](uint8_t byte) { return byte == 0; });
+}
+
+static bool ReadHeader(const host::Source &source, ImageFacts *facts)
+{
+    const auto bytes = static_cast<size_t>(std::min<uint64_t>(source.sizeBytes, sizeof(facts->header)));
+    if (const host::Trouble trouble = host::ReadAt(source, 0, &facts->header, bytes)) {
+        Refuse(facts, FileKind::Unreadable, "its header can't be read: " + *trouble);
+        return false;
+    }
+    if (IsZeros(&facts->header, bytes)) {
+        Refuse(facts, FileKind::Unfinished, bytes == 0 ? "it is empty" : "it has no header, as a capture leaves it");
+        return false;
+    }
+    const bool hasMagic = bytes >= magicBytes && memcmp(facts->header.magic, imageMagic, magicBytes) == 0;
+    if (hasMagic && bytes < sizeof(facts->header)) {
+        Refuse(facts, FileKind::Damaged, "its header is cut off");
+        return false;
+    }
+    if (!hasMagic || (facts->header.version != fullImageVersion && facts->header.version != thinImageVersion)) {
+        Refuse(facts, FileKind::Other, "it is no image of Kestrix, or of a kind that is not known here");
+        return false;
+    }
+    const uint64_t mostEntries = std::min(longestTable, source.sizeBytes - sizeof(ImageHeader)) / sizeof(ChunkEntry);
+    if (facts->header.chunkCount > mostEntries) {
+        Refuse(facts, FileKind::Damaged, "its chunk table is cut off");
+        return false;
+    }
+    return true;
+}
+
+using TakeEntries = std::function<void(const ChunkEntry *entries, uint64_t first, uint64_t count)>;
+
+static bool ReadTable(const host::Source &source, ImageFacts *facts, const TakeEntries &take)
+{
+    const uint64_t chunkCount = facts->header.chunkCount;
+    std::vector<ChunkEntry> piece(static_cast<size_t>(std::min(chunkCount, entriesPerPiece)));
+    host::Digesting digesting;
+    digesting.Add(&facts->header, sizeof(facts->header));
+    facts->dataEnd = StartOfData(chunkCount);
+    bool isZero = chunkCount != 0;
+    for (uint64_t first = 0; first < chunkCount; first += piece.size()) {
+        const uint64_t count = std::min<uint64_t>(piece.size(), chunkCount - first);
+        const auto bytes = static_cast<size_t>(count * sizeof(ChunkEntry));
+        if (const host::Trouble trouble = host::ReadAt(source, StartOfData(first), piece.data(), bytes)) {
+            Refuse(facts, FileKind::Unreadable, "its chunk table can't be read: " + *trouble);
+            return false;
+        }
+        digesting.Add(piece.data(), bytes);
+        isZero = isZero && IsZeros(piece.data(), bytes);
+        for (uint64_t i = 0; i < count; ++i) {
+            facts->dataEnd += piece[i].storedLength;
+            ++(piece[i].storedLength == 0 ? facts->referredChunks : facts->storedChunks);
+        }
+        take(piece.data(), first, count);
+    }
+    facts->id = digesting.Finish();
+    facts->hasTable = true;
+    // The header is written just before the table: a file between the two has every digest zero, which no chunk has.
+    facts->kind = isZero ? FileKind::Unfinished : FileKind::Image;
+    if (isZero) {
+        facts->fault = Fault{FaultKind::Damaged, facts->path + ": its chunk table is empty, as a capture leaves it"};
+    }
+    return true;
+}
+
+std::vector<uint8_t> EncodeTrailer(const Trailer &trailer)
+{
+    const auto nameLength = static_cast<uint32_t>(trailer.baseName.size());
+    const uint32_t totalLength = nameLength + trailerOverhead;
+    std::vector<uint8_t> bytes(totalLength);
+    uint8_t *end = bytes.data();
+    const auto append = [&end](const void *data, size_t byteCount) {
+        memcpy(end, data, byteCount);
+        end += byteCount;
+    };
+    append(trailerMagic, magicBytes);
+    append(&nameLength, sizeof(nameLength));
+    append(trailer.baseName.data(), nameLength);
+    append(trailer.basePin.data(), trailer.basePin.size());
+    append(&totalLength, sizeof(totalLength));
+    return bytes;
+}
+
+static void ReadTrailer(const host::Source &source, ImageFacts *facts)
+{
+    const uint64_t behindData = facts->fileBytes - facts->dataEnd; // the caller has compared the two
+    uint32_t length = 0;
+    host::Trouble trouble = host::ReadAt(source, facts->fileBytes - sizeof(length), &length, sizeof(length));
+    if (!trouble && (length < shortestTrailer || length > longestTrailer || length > behindData)) {
+        Refuse(facts, FileKind::Damaged, "its trailer, which names the base, is cut off or damaged");
+        return;
+    }
+    std::vector<char> bytes(length);
+    if (!trouble) {
+        trouble = host::ReadAt(source, facts->fileBytes - length, bytes.data(), bytes.size());
+    }
+    if (trouble) {
+        Refuse(facts, FileKind::Unreadable, "its trailer can't be read: " + *trouble);
+        return;
+    }
+    uint32_t nameLength = 0;
+    memcpy(&nameLength, bytes.data() + magicBytes, sizeof(nameLength));
+    if (memcmp(bytes.data(), trailerMagic, magicBytes) != 0 || nameLength != length - trailerOverhead) {
+        Refuse(facts, FileKind::Damaged, "its trailer, which names the base, is damaged");
+        return;
+    }
+    constexpr size_t nameOffset = magicBytes + sizeof(nameLength);
+    Trailer trailer;
+    trailer.baseName.assign(bytes.data() + nameOffset, nameLength);
+    memcpy(trailer.basePin.data(), bytes.data() + nameOffset + nameLength, trailer.basePin.size());
+    facts->trailer = trailer;
+    facts->bytesTooMany = behindData - length;
+    if (trailer.baseName.find_first_of("\\/:") != std::string::npos) {
+        Refuse(facts, FileKind::Damaged, "its trailer names a base outside of its folder: " + trailer.baseName);
+    }
+}
+
+static void CompareWithSize(const host::Source &source, ImageFacts *facts)
+{
+    const bool isThin = IsThin(facts->header);
+    facts->bytesMissing = facts->dataEnd - std::min(facts->dataEnd, facts->fileBytes);
+    if (isThin && (facts->bytesMissing != 0 || facts->fileBytes - facts->dataEnd < shortestTrailer)) {
+        Refuse(facts, FileKind::Damaged, "its trailer, which names the base, is missing: the file is cut off");
+    } else if (isThin) {
+        ReadTrailer(source, facts);
+    } else {
+        facts->bytesTooMany = facts->fileBytes - std::min(facts->dataEnd, facts->fileBytes);
+    }
+}
+
+// Fills facts, whose path is set, from the open file; take gets the table.
+static void ReadRegions(const host::Source &source, ImageFacts *facts, const TakeEntries &take)
+{
+    facts->fileBytes = source.sizeBytes;
+    facts->identity = source.identity;
+    if (ReadHeader(source, facts) && ReadTable(source, facts, take) && facts->kind == FileKind::Image) {
+        CompareWithSize(source, facts);
+    }
+}
+
+ImageFacts ReadImageFacts(const std::string &path, bool countsZeros)
+{
+    ImageFacts facts;
+    host::Source source;
+    ZeroChunks zeroChunks;
+    facts.path = path;
+    if (const host::Trouble trouble = host::OpenFileToRead(path, host::Caching::Cached, &source)) {
+        Refuse(&facts, FileKind::Unreadable, "it can't be opened: " + *trouble);
+        return facts;
+    }
+    ReadRegions(source, &facts, [&](const ChunkEntry *entries, uint64_t first, uint64_t count) {
+        for (uint64_t i = 0; countsZeros && i < count; ++i) {
+            facts.zeroChunks += zeroChunks.Has(facts.header, entries[i], first + i) ? 1 : 0;
+        }
+    });
+    return facts;
+}
+
+// ---- Opening ----
+
+uint64_t ImageFile::OffsetOf(uint64_t i) const
+{
+    uint64_t offset = placesOfData[i / chunksPerPlace];
+    for (uint64_t before = i - i % chunksPerPlace; before < i; ++before) {
+        offset += table[before].storedLength;
+    }
+    return offset;
+}
+
+static void KeepEntries(ImageFile *image, uint64_t *offset, const ChunkEntry *entries, uint64_t first, uint64_t count)
+{
+    const uint64_t chunkCount = image->facts.header.chunkCount;
+    if (first == 0) {
+        image->table.resize(static_cast<size_t>(chunkCount));
+        image->placesOfData.reserve(static_cast<size_t>((chunkCount + chunksPerPlace - 1) / chunksPerPlace));
+        *offset = StartOfData(chunkCount);
+    }
+    memcpy(&image->table[first], entries, static_cast<size_t>(count * sizeof(ChunkEntry)));
+    for (uint64_t i = 0; i < count; ++i) {
+        if ((first + i) % chunksPerPlace == 0) {
+            image->placesOfData.push_back(*offset);
+        }
+        *offset += entries[i].storedLength;
+    }
+}
+
+Result<ImageFile> OpenImageFile(const std::string &path, host::Caching caching, bool toleratesTrailer)
+{
+    ImageFile image;
+    uint64_t offset = 0;
+    image.facts.path = path;
+    if (const host::Trouble trouble = host::OpenFileToRead(path, caching, &image.source)) {
+        return Fault{FaultKind::Unavailable, path + ": it can't be opened: " + *trouble};
+    }
+    ReadRegions(image.source, &image.facts, [&](const ChunkEntry *entries, uint64_t first, uint64_t count) {
+        KeepEntries(&image, &offset, entries, first, count);
+    });
+    const bool isWhole = image.facts.kind == FileKind::Image;
+    const bool isTolerated = toleratesTrailer && image.facts.kind == FileKind::Damaged && image.facts.hasTable;
+    if (!isWhole && !isTolerated) {
+        return *image.facts.fault;
+    }
+    return image;
+}
+
+} // namespace reader

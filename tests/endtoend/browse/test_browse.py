@@ -1,0 +1,280 @@
+"""kestrix-browse: the files in an image, whatever file systems and partition tables it holds, and a clean end.
+
+The virtual machine that mounts them runs without the processor's help, as it must wherever there is none, so that each
+of them takes some ten seconds to start; few tests start one.
+"""
+import errno
+import glob
+import hashlib
+import os
+import re
+import signal
+import subprocess
+import tempfile
+import time
+
+import harness
+import kestrix_image
+from file_systems import HELLO, MIB, Maker
+
+BROWSE = os.path.join(os.path.dirname(harness.PROGRAM), "kestrix-browse")
+SURROUNDINGS = {**os.environ, "LIBGUESTFS_BACKEND_SETTINGS": "force_tcg"}
+TIME_LIMIT = 300  # seconds; several times what a start takes
+
+
+class BrowseTest(harness.MachineTest):
+    def setUp(self):
+        super().setUp()
+        os.chmod(self.folder, 0o755)
+        self.browsed = os.path.join(self.folder, "a folder")
+        self.maker = Maker(self.path("."), self.loop_device)
+        self.addCleanup(self.stop_if_browsed)
+        self.runFolder = None
+        self.socketsBefore = set(glob.glob("/tmp/libguestfs*"))
+
+    def digest(self, name):
+        return hashlib.sha256(self.file_bytes(name)).hexdigest()
+
+    def image_of(self, disk, sectorSize=512, **options):
+        """An image called `image` of the disk in a file."""
+        with open(disk, "rb") as file:
+            return self.image("image", file.read(), chunkSize=MIB, sectorSize=sectorSize, **options)
+
+    def command(self, *arguments, user=None):
+        as_user = ["setpriv", f"--reuid={user}", f"--regid={user}", "--clear-groups"] if user else []
+        return [*as_user, BROWSE, *arguments]
+
+    def browse(self, *arguments, user=None):
+        # Through pipes: whatever stays in the background must not keep them open.
+        done = subprocess.run(self.command(*arguments, user=user), cwd=self.images, stdin=subprocess.DEVNULL,
+                              stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=SURROUNDINGS, timeout=TIME_LIMIT)
+        return harness.Run(done.returncode, done.stdout, done.stderr)
+
+    def show(self, *arguments, user=None):
+        """Browses the image; gives the list as {number: (size, kind, the rest)}."""
+        run = self.browse(*arguments, "image", self.browsed, user=user)
+        self.assertEqual((run.status, run.err.decode()), (0, ""))
+        self.runFolder = self.run_folder()
+        self.listed = run.out
+        lines = [re.fullmatch(r"(\d+) +(\S+) +(\S+) +(.*)", line).groups() for line in run.out.decode().splitlines()]
+        return {int(number): (size, kind, rest) for number, size, kind, rest in lines}
+
+    def run_folder(self):
+        """The private folder of what is browsed here, told from the command lines of its processes."""
+        for pid, line in self.processes("/kestrix-browse."):
+            if line.startswith("nbdkit "):
+                return re.search(r"\S*/kestrix-browse\.\w+", line).group()
+        return None
+
+    @staticmethod
+    def processes(text):
+        found = []
+        for pid in filter(str.isdigit, os.listdir("/proc")):
+            try:
+                with open(f"/proc/{pid}/cmdline", "rb") as file:
+                    line = file.read().replace(b"\0", b" ").decode(errors="replace")
+            except OSError:
+                continue
+            if text in line and int(pid) != os.getpid():
+                found.append((int(pid), line))
+        return found
+
+    def kill(self, program):
+        pids = [pid for pid, line in self.processes(self.runFolder) if line.startswith(program)]
+        self.assertNotEqual(pids, [], f"there is no {program}")
+        for pid in pids:
+            os.kill(pid, signal.SIGKILL)
+
+    def stop(self, user=None):
+        if os.path.isdir(self.folder):
+            run = self.browse("--stop", self.browsed, user=user)
+            self.assertEqual((run.status, run.err.decode(), run.out), (0, "", b""))
+
+    def stop_if_browsed(self):
+        if os.path.islink(os.path.join(self.browsed, ".browse")) or os.path.ismount(self.browsed):
+            self.stop()
+
+    def check_nothing_is_left(self):
+        self.assertEqual(os.listdir(self.browsed), [])
+        with open("/proc/self/mounts", encoding="utf-8") as file:
+            self.assertNotIn(self.browsed.replace(" ", "\\040"), file.read())
+        self.assertEqual(self.processes(self.runFolder), [])
+        self.assertFalse(os.path.exists(self.runFolder))
+        self.assertEqual(set(glob.glob("/tmp/libguestfs*")) - self.socketsBefore, set())
+
+    def read(self, number, name="hello.txt"):
+        with open(os.path.join(self.browsed, str(number), name), "rb") as file:
+            return file.read()
+
+    def check_read_only(self, number):
+        with self.assertRaises(OSError) as caught:
+            with open(os.path.join(self.browsed, str(number), "new"), "wb"):
+                pass
+        self.assertEqual(caught.exception.errno, errno.EROFS)
+
+
+class FileSystems(BrowseTest):
+    def go_on(self, partition):
+        return f"guestfish --ro --format=raw -a 'nbd://?socket={self.runFolder}/socket' run : {partition}"
+
+    def test_every_file_system_of_a_gpt_disk_shows_its_files_and_the_image_stays_as_it_is(self):
+        make = self.maker
+        replayed = b"what the journal holds\n"
+        partitions = [make.ext4_after_a_crash("p1", "after a crash", replayed), make.xfs("p2", "second"),
+                      make.btrfs("p3", "third"), make.ntfs("p4", "fourth"), make.vfat("p5", "FIFTH"),
+                      make.exfat("p6", "sixth"), make.swap("p7"), make.luks("p8"), make.lvm("p9"),
+                      make.bitlocker("p10"), make.sized("p11", 1), make.ext4_that_is_cut_off("p12", "cut off")]
+        self.file("password", b"secret\n")
+        self.image_of(make.disk("disk", "gpt", partitions), password=b"secret")
+        before = self.digest("image")
+        listed = self.show("--password-file", "password")
+        cannot = listed[12][2].partition("can't be mounted: ")[2]
+        self.assertIn("/dev/sda12", cannot)
+        unlock = "cryptsetup-open /dev/sda%d open : mount-ro /dev/mapper/open / : ll /"
+        self.assertEqual(listed, {
+            1: ("16.0MiB", "ext4", "after a crash"), 2: ("32.0MiB", "xfs", "second"), 3: ("40.0MiB", "btrfs", "third"),
+            4: ("8.0MiB", "ntfs", "fourth"), 5: ("8.0MiB", "vfat", "FIFTH"), 6: ("8.0MiB", "exfat", "sixth"),
+            7: ("1.0MiB", "swap", "no files"),
+            8: ("1.0MiB", "crypto_LUKS", "locked; to open it: " + self.go_on(unlock % 8)),
+            9: ("2.0MiB", "LVM2_member", "logical volumes; to see them: " + self.go_on("lvs")),
+            10: ("1.0MiB", "BitLocker", "locked; to open it: " + self.go_on(unlock % 10)),
+            11: ("1.0MiB", "unknown", "nothing that is known here"),
+            12: ("16.0MiB", "ext4", "cut off: can't be mounted: " + cannot)})
+        self.assertEqual(sorted(os.listdir(self.browsed)), ["1", "2", "3", "4", "5", "6", "list.txt"])
+        with open(os.path.join(self.browsed, "list.txt"), "rb") as file:
+            self.assertEqual(file.read(), self.listed)
+        self.assertEqual(self.read(1)[:len(replayed)], replayed[:len(HELLO)])
+        for number in range(2, 7):
+            self.assertEqual(self.read(number), HELLO)
+        for number in range(1, 7):
+            self.check_read_only(number)
+        self.stop()
+        self.check_nothing_is_left()
+        self.assertEqual(self.digest("image"), before)
+
+    def test_an_mbr_disk_shows_its_logical_partitions_and_ends_well_when_its_server_was_killed(self):
+        make = self.maker
+        partitions = [make.ext4("p1", "first"), make.vfat("p2", "SECOND"), make.swap("p3"), make.ntfs("p5", "fifth"),
+                      make.vfat("p6", "SIXTH")]
+        base = self.image_of(make.disk("disk", "dos", partitions))
+        os.rename(self.path("image"), self.path("base"))
+        changed = bytearray(base.disk)
+        changed[-MIB:] = bytes(MIB)
+        self.image("image", bytes(changed), base=base, chunkSize=MIB, baseName=b"base")
+        before = self.digest("image"), self.digest("base")
+        listed = self.show("--untrusted")
+        self.assertEqual({number: kind for number, (_, kind, _) in listed.items()},
+                         {1: "ext4", 2: "vfat", 3: "swap", 5: "ntfs", 6: "vfat"})
+        for number in (1, 2, 5, 6):
+            self.assertEqual(self.read(number), HELLO)
+        self.kill("nbdkit")
+        self.stop()
+        self.check_nothing_is_left()
+        self.assertEqual((self.digest("image"), self.digest("base")), before)
+
+    def test_a_disk_without_partitions_is_shown_as_the_first_and_ends_well_when_its_machine_was_killed(self):
+        self.image_of(self.maker.ext4("disk", "whole"))
+        self.assertEqual(self.show(), {1: ("16.0MiB", "ext4", "whole")})
+        self.assertEqual(self.read(1), HELLO)
+        self.kill("guestfish")
+        self.stop()
+        self.check_nothing_is_left()
+
+    def test_a_user_without_rights_browses_a_disk_of_4096_byte_sectors(self):
+        user = 65534
+        disk = self.maker.disk("disk", "gpt", [self.maker.ext4("p1", "first", "-b", "4096")], 4096)
+        self.image_of(disk, sectorSize=4096)
+        if tempfile.tempdir:
+            os.chmod(tempfile.tempdir, 0o711)
+        os.mkdir(self.browsed)
+        os.chown(self.browsed, user, user)
+        self.assertEqual(self.show(user=user), {1: ("16.0MiB", "ext4", "first")})
+        shown = subprocess.run(["setpriv", f"--reuid={user}", f"--regid={user}", "--clear-groups", "cat",
+                                f"{self.browsed}/1/hello.txt"], stdout=subprocess.PIPE, check=False).stdout
+        self.assertEqual(shown, HELLO)
+        self.stop(user)
+        self.check_nothing_is_left()
+
+
+class HalfStarted(BrowseTest):
+    def setUp(self):
+        super().setUp()
+        self.image_of(self.maker.ext4("disk", "whole"))
+
+    def begin(self):
+        """kestrix-browse, as far as its virtual machine has begun to start."""
+        with open(self.path("begun"), "wb") as err:
+            process = subprocess.Popen(self.command("image", self.browsed), cwd=self.images, stdin=subprocess.DEVNULL,
+                                       stdout=err, stderr=err, env=SURROUNDINGS)
+        self.addCleanup(process.wait)
+        limit = time.monotonic() + TIME_LIMIT
+        while time.monotonic() < limit:
+            self.runFolder = self.run_folder()
+            if self.runFolder and any("qemu-system" in line.split()[0] for _, line in self.processes(self.runFolder)):
+                return process
+            self.assertIsNone(process.poll(), self.file_bytes("begun"))
+            time.sleep(0.05)
+        return self.fail("the virtual machine does not start")
+
+    def test_it_is_stopped_from_elsewhere(self):
+        process = self.begin()
+        self.stop()
+        self.assertEqual(process.wait(TIME_LIMIT), 1)
+        self.check_nothing_is_left()
+
+    def test_it_is_ended_by_a_signal(self):
+        process = self.begin()
+        process.send_signal(signal.SIGTERM)
+        self.assertEqual(process.wait(TIME_LIMIT), 1)
+        self.check_nothing_is_left()
+
+    def test_it_is_stopped_when_it_was_killed(self):
+        process = self.begin()
+        process.kill()
+        process.wait()
+        self.stop()
+        self.check_nothing_is_left()
+
+
+class Refused(BrowseTest):
+    def check_refused(self, err, *arguments):
+        run = self.browse(*arguments)
+        self.assertEqual((run.status, run.err.decode(), run.out), (1, err, b""))
+        self.assertEqual(self.processes("/kestrix-browse."), [])
+
+    def test_an_image_that_does_not_open_is_told_by_the_server_and_nothing_is_left(self):
+        self.file("image", b"no image" * 100)
+        self.check_refused(f"nbdkit: error: {self.path('image')}: it is no image of Kestrix, or of a kind that is not "
+                           "known here\n", "image", self.browsed)
+        self.assertEqual(os.listdir(self.browsed), [])
+
+    def test_a_folder_that_holds_something_is_left_alone(self):
+        self.image("image", kestrix_image.seeded_disk(MIB, 1), chunkSize=MIB)
+        os.mkdir(self.browsed)
+        self.file("../a folder/mine", b"mine")
+        self.check_refused(f"kestrix-browse: {self.browsed} is not empty\n", "image", self.browsed)
+        self.check_refused(f"kestrix-browse: nothing is browsed in {self.browsed}\n", "--stop", self.browsed)
+        self.assertEqual(os.listdir(self.browsed), ["mine"])
+
+    def test_a_link_that_is_not_its_own_is_left_alone(self):
+        os.mkdir(self.browsed)
+        os.symlink("/tmp", os.path.join(self.browsed, ".browse"))
+        self.check_refused(f"kestrix-browse: {self.browsed}/.browse was not made by kestrix-browse, or by another "
+                           "user\n", "--stop", self.browsed)
+        os.unlink(os.path.join(self.browsed, ".browse"))
+
+    def test_a_folder_whose_machine_was_switched_off_is_cleaned(self):
+        os.mkdir(self.browsed)
+        os.mkdir(os.path.join(self.browsed, "1"))
+        os.symlink("/tmp/kestrix-browse.0123456789", os.path.join(self.browsed, ".browse"))
+        self.stop()
+        self.assertEqual(os.listdir(self.browsed), [])
+
+    def test_a_command_line_that_is_not_understood_is_refused(self):
+        self.check_refused("kestrix-browse: there is no option --stopp; --help tells which there are\n", "--stopp", "x")
+        self.check_refused("kestrix-browse: --stop wants the folder and nothing else\n", "--stop")
+        self.check_refused("kestrix-browse: --stop wants the folder and nothing else\n", "--stop", "--untrusted", "x")
+        self.check_refused("kestrix-browse: --password-file wants a path\n", "--password-file")
+        usage = self.browse("--help").out.decode()
+        self.assertIn("kestrix-browse --stop FOLDER\n", usage)
+        self.check_refused(usage, "image")

@@ -1,0 +1,114 @@
+"""kestrix-browse through the kernel's own NBD client, which few machines that run these tests have: inside the virtual
+machine of libguestfs, in a small root folder with the programs of this machine that it takes."""
+import hashlib
+import os
+import re
+import shutil
+import subprocess
+
+import harness
+from file_systems import HELLO, MIB, Maker
+from nbdkit_server import PLUGIN
+from test_browse import BROWSE, SURROUNDINGS, TIME_LIMIT
+
+PROGRAMS = """awk basename bash blkid blockdev cat cmp cp cut dirname env grep head id insmod kill ln ls lsblk
+    mkdir mktemp mount nbd-client nbdkit numfmt od partx pgrep readlink realpath rm rmdir sed setsid
+    sh sha256sum sleep stat tail timeout touch tr umount uname""".split()
+SCRIPT = """
+set -eu
+export PATH=/usr/sbin:/usr/bin
+mount -t tmpfs tmpfs /tmp
+mkdir -p /tmp/guest && cd /tmp/guest
+kestrix-browse --password-file /password /image look >/dev/null
+cat look/list.txt
+cat look/1/hello.txt look/2/hello.txt look/5/hello.txt
+grep ' /tmp/guest/look/' /proc/mounts
+cat /sys/block/nbd0/ro
+if echo x 2>/dev/null >look/1/new; then echo written; fi
+kestrix-browse --stop look
+ls -A look
+grep -c look /proc/mounts || true
+ls /tmp
+cat /sys/block/nbd0/pid 2>/dev/null || echo free
+# Its server killed under it.
+kestrix-browse --password-file /password /image look >/dev/null
+kill -9 "$(pgrep nbdkit)"
+kestrix-browse --stop look
+ls -A look
+cat /sys/block/nbd0/pid 2>/dev/null || echo free
+sha256sum </image
+"""
+
+
+def needed_by(program):
+    """The libraries that a program is linked with, and its loader."""
+    listed = subprocess.run(["ldd", program], stdout=subprocess.PIPE, text=True, check=False).stdout
+    return re.findall(r"(/\S+) \(0x", listed)
+
+
+class Kernel(harness.MachineTest):
+    def put(self, source, target=None):
+        target = self.path("root" + (target or source))
+        os.makedirs(os.path.dirname(target), exist_ok=True)
+        if not os.path.exists(target):
+            shutil.copy2(source, target)
+
+    def make_root(self):
+        os.makedirs(self.path("root/usr"))
+        for name in ("bin", "sbin", "lib", "lib64"):
+            os.makedirs(self.path(f"root/usr/{name}"))
+            os.symlink(f"usr/{name}", self.path(f"root/{name}"))
+        for name in ("dev", "proc", "sys", "tmp"):
+            os.mkdir(self.path(f"root/{name}"))
+        for program in PROGRAMS:
+            found = shutil.which(program, path="/usr/sbin:/usr/bin")
+            self.assertIsNotNone(found, f"{program} is missing")
+            self.put(found, f"/usr/bin/{program}")
+            for library in needed_by(found):
+                self.put(library)
+        for library in needed_by(PLUGIN):
+            self.put(library)
+        self.put(PLUGIN, "/usr/bin/nbdkit-kestrix-plugin.so")
+        self.put(BROWSE, "/usr/bin/kestrix-browse")
+        self.file("root/script", SCRIPT.encode())
+        self.file("root/password", b"secret\n")
+
+    def make_image(self):
+        make = Maker(self.path("."), self.loop_device)
+        partitions = [make.ext4_after_a_crash("p1", "after a crash", b"what the journal holds"),
+                      make.xfs("p2", "second"), make.swap("p3"), make.vfat("p5", "FIFTH")]
+        with open(make.disk("disk", "dos", partitions), "rb") as file:
+            self.image("root/image", file.read(), b"secret", chunkSize=MIB)
+
+    def in_machine(self):
+        disk = self.file("root.ext4", b"")
+        os.truncate(self.path(disk), 256 * MIB)
+        self.must("mke2fs", "-q", "-t", "ext4", "-d", self.path("root"), self.path(disk))
+        kernel = sorted(os.listdir("/lib/modules"))[-1]
+        # Outside of the root folder lie the machine's own modules, nbd's perhaps not among them.
+        module = f"/lib/modules/{kernel}/kernel/drivers/block/nbd.ko"
+        commands = (f"run\nmount /dev/sda /\nupload {module} /nbd.ko\ndebug sh 'insmod /sysroot/nbd.ko'\n"
+                    "sh 'bash /script 2>&1; echo ended with $?'\n")
+        done = subprocess.run(["guestfish", "--format=raw", "-a", self.path(disk)], input=commands, cwd=self.images,
+                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, timeout=TIME_LIMIT,
+                              env={**SURROUNDINGS, "LIBGUESTFS_BACKEND": "direct"}, check=False)
+        return done.stdout
+
+    def test_the_kernel_mounts_each_file_system_read_only_and_without_its_journal(self):
+        self.make_root()
+        self.make_image()
+        said = self.in_machine()
+        mounts = {line.split()[1]: line.split()[2:4] for line in said.splitlines() if line.startswith("/dev/nbd0p")}
+        self.assertEqual({folder: kind for folder, (kind, _) in mounts.items()},
+                         {"/tmp/guest/look/1": "ext4", "/tmp/guest/look/2": "xfs", "/tmp/guest/look/5": "vfat"})
+        for folder, (kind, options) in mounts.items():
+            self.assertLessEqual({"ro", "nosuid", "nodev"} | ({"norecovery"} if kind != "vfat" else set()),
+                                 set(options.split(",")), folder)
+        told = [line for line in said.splitlines() if line and not line.startswith("/dev/")]
+        self.assertEqual(told, ["1      16.0MiB  ext4          after a crash", "2      32.0MiB  xfs           second",
+                                "3       1.0MiB  swap          no files", "5       8.0MiB  vfat          FIFTH",
+                                *[HELLO.decode().strip()] * 3,
+                                "1",  # the device is read-only
+                                "0",  # mounts that are left, then what is left in /tmp
+                                "guest", "free", "free",
+                                hashlib.sha256(self.file_bytes("root/image")).hexdigest() + "  -", "ended with 0"])
