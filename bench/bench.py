@@ -15,14 +15,17 @@ import subprocess
 import sys
 import time
 
+import closing
 import commands
 import growth
+import images
 import page
 import peers
+import serving
 from machine import GIB, MIB, PASSWORD, TIB, Machine
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-PARTS = ("commands", "peers", "growth")
+PARTS = ("commands", "closing", "images", "serving", "peers", "growth")
 PLAN = {"sizes": [GIB, 4 * GIB, 16 * GIB], "chainSize": GIB, "chains": [1, 8, 64],
         "tables": [2 * TIB, 4 * TIB, 16 * TIB, 64 * TIB], "tableChainSize": TIB}
 QUICK_PLAN = {"sizes": [8 * MIB, 24 * MIB], "chainSize": 16 * MIB, "chains": [1, 3], "tables": [2 * TIB],
@@ -46,7 +49,8 @@ def parse(arguments):
     if not set(options.parts) <= set(PARTS) or min(options.runs, options.growth_runs, options.size) < 1:
         parser.error("a part is one of " + ", ".join(PARTS) + "; a number is at least 1")
     if options.quick:
-        options.size, options.runs, options.growth_runs, options.parts = 64, 0, 0, ["commands", "growth"]
+        options.size, options.runs, options.growth_runs = 64, 0, 0
+        options.parts = [part for part in PARTS if part != "peers"]
     return options
 
 
@@ -104,9 +108,15 @@ def measure(options, part, folder):
     with Machine(os.path.join(ROOT, "build", "linux"), folder, MIB if options.quick else 6 * GIB) as machine:
         if part == "growth":
             return growth.measure(machine, options.growth_runs, QUICK_PLAN if options.quick else PLAN)
+        if part == "serving":
+            return serving.measure(machine, options.size * MIB, options.runs, 1 if options.quick else 10)
         commands.prepare(machine, options.size * MIB)
         if part == "peers":
             return peers.measure(machine, options.runs)
+        if part == "images":
+            return images.measure(machine, options.runs, options.quick)
+        if part == "closing":
+            return closing.measure(machine, options.runs)
         return commands.measure(machine, options.runs, options.quick)
 
 

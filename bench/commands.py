@@ -1,4 +1,4 @@
-"""Each command of the program beside the bare loop that does the same to the same bytes, and what is asked of it."""
+"""Each command of the program beside the bare loop that does the same to the same bytes, and its goals."""
 import hashlib
 from dataclasses import dataclass
 
@@ -15,13 +15,17 @@ class Row:
     name: str
     kestrix: str
     bareLoop: str
-    cpuLimit: float  # at most so much of the bare loop
-    wallLimit: float
+    cpuGoal: float  # at most so much of the bare loop
+    wallGoal: float
+    settledGoal: float = None  # of the wall until all is on the disk
     reads: str = None  # the image that is brought into the cache for a warm run
     prints: str = ""  # what the program must have said
 
     def uses_disk(self):
         return "{source}" in self.kestrix or "{target}" in self.kestrix
+
+    def writes(self):
+        return "--out" in self.kestrix or "{target}" in self.kestrix
 
 
 SEALED = " --password-file password"
@@ -36,9 +40,14 @@ ROWS = [
     Row("restore", "restore --in full --disk {target} --confirm YES", "restore full {targetPath}", 1.03, 1.03,
         reads="full"),
     Row("restore sealed", "restore --in sealed --disk {target} --confirm YES" + SEALED,
-        "restore sealed {targetPath} {key}", 1.03, 1.03, reads="sealed"),
-    Row("consolidate", "consolidate --in full --out out", "consolidate full out", 1.03, 1.05, reads="full"),
+        "restore sealed {targetPath} {key}", 1.03, 1.03, 1.03, reads="sealed"),
+    Row("consolidate", "consolidate --in full --out out", "consolidate full out", 1.03, 1.05, 1.00, reads="full"),
 ]
+
+
+def size_of(path):
+    with open(path, "rb") as file:
+        return file.seek(0, 2)
 
 
 def image_key(path):
@@ -70,8 +79,7 @@ def contenders(machine, row, disk, names):
         machine.must_be_equal("source.disk", "target.disk")
         fill_with(machine.path("target.disk"), size_of_target, b"\xEE")
 
-    with open(machine.path("target.disk"), "rb") as file:
-        size_of_target = file.seek(0, 2)
+    size_of_target = size_of(machine.path("target.disk"))
     restores = check_target if "{target}" in row.kestrix else None
     return {"kestrix": Contender(words(machine.kestrix, row.kestrix), ("out",),
                                  check=restores or machine.log_holds(row.prints)),

@@ -13,7 +13,7 @@ import sys
 from machine import CHUNK, MIB, Contender, fill_disk, fill_with
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests", "endtoend"))
-from change_tracker import COMMIT, ChangeTracker  # noqa: E402
+from change_tracker import ATTACH, ChangeTracker  # noqa: E402
 
 SOURCE, TARGET, HUGE, SMALL = 5, 6, 7, 8  # disks
 HEADER, ENTRY = struct.Struct("<8sIQIIQB7s16sI"), struct.Struct("<QI32s12s16s")
@@ -32,7 +32,9 @@ class Driver(ChangeTracker):
         self.stand(FIRST_EPOCH)
 
     def answer(self, code, request, outputLength):
-        return (0, b"") if code == COMMIT else super().answer(code, request, outputLength)
+        if code == ATTACH:
+            self.remember(*self.stance)
+        return super().answer(code, request, outputLength)
 
     def stand(self, current, changed=()):
         """The image before the current epoch was the last one, and these chunks changed since."""
@@ -40,7 +42,7 @@ class Driver(ChangeTracker):
         for chunk in changed:
             block = chunk * CHUNK // BLOCK
             bitmap[block // 8] |= 1 << block % 8
-        self.previousEpoch, self.currentEpoch, self.bitmap = current - 1, current, bytes(bitmap)
+        self.stance = current - 1, current, bytes(bitmap)
 
 
 @contextlib.contextmanager
