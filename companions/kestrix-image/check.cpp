@@ -2,7 +2,7 @@
 //
 // Every stored chunk that the image depends on is read once, where it lies; references are settled by the tables. What
 // kestrix verify does not look at is a finding here too, and named as such: an entry that names another place on the
-// disk, and bytes that belong to nothing.
+// disk, bytes that belong to nothing, and a disk that is larger than the chunks of its image.
 #include "kestrix-image/audit.h"
 
 #include <algorithm>
@@ -31,10 +31,12 @@ static bool VerifyAccepts(const Chain &chain, const Verdicts &verdicts)
     return true;
 }
 
-static bool HasBytesTooMany(const Chain &chain)
+static bool IsSound(const Chain &chain, const Verdicts &verdicts)
 {
-    return std::any_of(chain.images.begin(), chain.images.end(),
-                       [](const reader::ImageFile &image) { return image.facts.bytesTooMany != 0; });
+    const bool hasBytesTooMany =
+        std::any_of(chain.images.begin(), chain.images.end(),
+                    [](const reader::ImageFile &image) { return image.facts.bytesTooMany != 0; });
+    return verdicts.CountBad() == 0 && !hasBytesTooMany && reader::UncoveredBytes(chain.Header()) == 0;
 }
 
 static bool LooksLikeAnotherPassword(const Chain &chain, const Verdicts &verdicts)
@@ -69,7 +71,7 @@ static void ReportSums(JsonOutput &output, const std::string &path, const Chain 
                        const Progress &progress, bool ownOnly)
 {
     const uint64_t bad = verdicts.CountBad();
-    const bool isSound = bad == 0 && !HasBytesTooMany(chain);
+    const bool isSound = IsSound(chain, verdicts);
     if (output.wanted) {
         output.Member("verdict", isSound ? "sound" : "damaged");
         output.Member("verify", ownOnly ? Json(nullptr) : Json(VerifyAccepts(chain, verdicts) ? "accepts" : "refuses"));
@@ -77,6 +79,7 @@ static void ReportSums(JsonOutput &output, const std::string &path, const Chain 
         output.Member("chain", ChainJson(chain));
         output.Member("chunks", chain.ChunkCount());
         output.Member("checkedBytes", progress.doneBytes.load());
+        output.Member("bytesWithoutChunks", reader::UncoveredBytes(chain.Header()));
         return;
     }
     std::string line = path + (isSound ? ": sound: " : ": DAMAGED: ");
@@ -88,9 +91,12 @@ static void ReportSums(JsonOutput &output, const std::string &path, const Chain 
 
 static void Advise(const Chain &chain, const Verdicts &verdicts, bool ownOnly)
 {
-    const bool isSound = verdicts.CountBad() == 0 && !HasBytesTooMany(chain);
-    if (!isSound && !ownOnly && VerifyAccepts(chain, verdicts)) {
-        PrintLine("  kestrix verify accepts it: it looks neither at the place in an entry nor at bytes too many");
+    if (const uint64_t unknown = reader::UncoveredBytes(chain.Header()); unknown != 0) {
+        PrintLine("  it has no chunks for the last " + Counted(unknown, "byte") + " of its disk");
+    }
+    if (!IsSound(chain, verdicts) && !ownOnly && VerifyAccepts(chain, verdicts)) {
+        PrintLine("  kestrix verify accepts it: it looks neither at the place in an entry nor at bytes too many or "
+                  "missing chunks at the disk's end");
     } else if (LooksLikeAnotherPassword(chain, verdicts)) {
         PrintLine("  no sealed chunk opens: perhaps the password is another");
     }
@@ -139,7 +145,7 @@ static int CheckImage(const CommonOptions &common, JsonOutput &output, const std
     if (!output.wanted) {
         Advise(chain, verdicts, ownOnly);
     }
-    return verdicts.CountBad() == 0 && !HasBytesTooMany(chain) ? exitGood : exitFound;
+    return IsSound(chain, verdicts) ? exitGood : exitFound;
 }
 
 int Check(const CommonOptions &common, const CheckOptions &options)

@@ -98,12 +98,6 @@ static uint64_t ComparedBytes(const CompareRun &run)
     return bytes;
 }
 
-// Bytes of the image's disk that the image has no chunks for.
-static uint64_t UnknownBytes(const CompareRun &run)
-{
-    return run.image.facts.header.diskSize - reader::CoveredBytes(run.image.facts.header);
-}
-
 static const char *StateName(uint8_t state)
 {
     static const char *const names[] = {nullptr, "differs", "unreadable", "missing"};
@@ -116,7 +110,7 @@ static void ReportSums(JsonOutput &output, const CompareRun &run)
     const uint64_t unreadable = CountStates(run, chunkUnreadable);
     const uint64_t diskBytes = run.image.facts.header.diskSize;
     const uint64_t behind = run.source.sizeBytes - std::min(run.source.sizeBytes, diskBytes);
-    const uint64_t unknown = UnknownBytes(run);
+    const uint64_t unknown = reader::UncoveredBytes(run.image.facts.header);
     const uint64_t compared = ComparedBytes(run);
     const bool isEqual = differing == 0 && unknown == 0;
     output.Member("result", unreadable != 0 ? "unreadable" : isEqual ? "equal" : "different");
@@ -151,15 +145,15 @@ static int ReportComparison(JsonOutput &output, const CompareRun &run)
     for (uint64_t i = 0; i < run.states.size(); ++i) {
         ranges.Add(i * header.chunkSize, reader::LengthOfChunk(header, i), StateName(run.states[i]));
     }
-    if (UnknownBytes(run) != 0) {
-        ranges.Add(reader::CoveredBytes(header), UnknownBytes(run), "notInImage");
+    if (reader::UncoveredBytes(run.image.facts.header) != 0) {
+        ranges.Add(reader::CoveredBytes(header), reader::UncoveredBytes(run.image.facts.header), "notInImage");
     }
     ranges.Finish();
     output.End();
     if (CountStates(run, chunkUnreadable) != 0) {
         return exitImpossible;
     }
-    return CountStates(run, chunkEqual) == run.states.size() && UnknownBytes(run) == 0 ? exitGood : exitFound;
+    return CountStates(run, chunkEqual) == run.states.size() && reader::UncoveredBytes(run.image.facts.header) == 0 ? exitGood : exitFound;
 }
 
 static int ReportFault(JsonOutput &output, const reader::Fault &fault)

@@ -8,6 +8,7 @@
 #include "kestrix-image/twins.h"
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cstring>
 #include <utility>
@@ -76,7 +77,7 @@ static bool WritePiece(ExtractRun &run, uint64_t offset, const uint8_t *piece, s
 // Takes back what was written of a chunk that is larger than a buffer, and was another when it was read again for that.
 static void Blank(ExtractRun &run, uint64_t offset, uint64_t byteCount)
 {
-    static const std::vector<uint8_t> zeros(size_t{1} << 20);
+    static constexpr std::array<uint8_t, size_t{1} << 16> zeros = {};
     while (byteCount != 0) {
         const size_t piece = std::min<uint64_t>(zeros.size(), byteCount);
         if (const host::Trouble trouble = host::WriteAt(run.out, offset, zeros.data(), piece)) {
@@ -101,12 +102,6 @@ static std::optional<reader::ChunkFault> ExtractChunk(ExtractRun &run, reader::C
         Blank(run, begin, offset - begin);
     }
     return fault;
-}
-
-// Bytes of the disk that the image has no chunks for.
-static uint64_t UnknownBytes(const ImageHeader &header)
-{
-    return header.diskSize - reader::CoveredBytes(header);
 }
 
 static bool HasTwinPlaces(const ExtractOptions &options)
@@ -264,7 +259,7 @@ static void ReportTwins(JsonOutput &output, const std::vector<LostChunk> &lost)
 static std::string MissingText(const ExtractRun &run)
 {
     const uint64_t bad = run.verdicts.CountBad();
-    const uint64_t unknown = UnknownBytes(run.chain.Header());
+    const uint64_t unknown = reader::UncoveredBytes(run.chain.Header());
     const std::string chunks = bad == 0 ? "" : Counted(bad, "chunk");
     const std::string rest = unknown == 0 ? "" : Counted(unknown, "byte") + " that the image has no chunks for";
     return chunks + (bad != 0 && unknown != 0 ? " and " : "") + rest;
@@ -274,11 +269,11 @@ static int Report(JsonOutput &output, const ExtractRun &run, const std::vector<L
                   const std::vector<std::string> &notes)
 {
     const ImageHeader &header = run.chain.Header();
-    const bool isWhole = run.verdicts.CountBad() == 0 && UnknownBytes(header) == 0;
+    const bool isWhole = run.verdicts.CountBad() == 0 && reader::UncoveredBytes(header) == 0;
     const bool isWritten = isWhole || run.options.keepGoing;
     output.Member("result", isWhole ? "whole" : isWritten ? "holes" : "nothing");
     output.Member("diskBytes", uint64_t{header.diskSize});
-    output.Member("bytesWithoutChunks", UnknownBytes(header));
+    output.Member("bytesWithoutChunks", reader::UncoveredBytes(header));
     if (!output.wanted) {
         PrintLine(run.options.image + (isWhole     ? ": the whole disk is in " + run.options.out
                                        : isWritten ? ": " + MissingText(run) + " MISSING from " + run.options.out +
@@ -320,7 +315,7 @@ int Extract(const CommonOptions &common, const ExtractOptions &options)
     if (!chain) {
         return ReportFault(output, chain.fault);
     }
-    if (const uint64_t unknown = UnknownBytes(chain->Header()); unknown != 0 && !options.keepGoing) {
+    if (const uint64_t unknown = reader::UncoveredBytes(chain->Header()); unknown != 0 && !options.keepGoing) {
         return ReportFault(output, {reader::FaultKind::Damaged, options.image + ": it has no chunks for the last " +
                                                                     Counted(unknown, "byte") + " of its disk"});
     }

@@ -38,6 +38,11 @@ uint64_t CoveredBytes(const ImageHeader &header)
     return std::min(diskBytes, header.chunkCount * header.chunkSize); // the table bounds the product
 }
 
+uint64_t UncoveredBytes(const ImageHeader &header)
+{
+    return header.diskSize - CoveredBytes(header);
+}
+
 uint64_t StartOfData(uint64_t chunkCount)
 {
     return sizeof(ImageHeader) + sizeof(ChunkEntry) * chunkCount;

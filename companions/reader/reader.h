@@ -100,6 +100,9 @@ uint32_t LengthOfChunk(const ImageHeader &header, uint64_t i);
 // Bytes from the disk's start on for which the image has chunks: less than the disk where the header has too few.
 uint64_t CoveredBytes(const ImageHeader &header);
 
+// Bytes at the disk's end that it has none for.
+uint64_t UncoveredBytes(const ImageHeader &header);
+
 // File offset of the data area.
 uint64_t StartOfData(uint64_t chunkCount);
 

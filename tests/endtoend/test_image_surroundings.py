@@ -109,6 +109,17 @@ class Headers(SurroundingsTest):
         self.file("raw", self.content + bytes(5000))
         self.assertEqual(self.ask("compare", "a", "--file", "raw")[1]["comparedBytes"], len(self.content))
 
+    def test_an_image_without_chunks_for_its_disks_end_is_damaged_though_verify_accepts_it(self):
+        self.make_short_table()
+        self.assertEqual(self.kestrix("verify", "--in", "a").status, 0)
+        status, said = self.ask("check", "a")
+        image, = said["images"]
+        self.assertEqual((status, image["verdict"], image["verify"]), (FOUND, "damaged", "accepts"))
+        self.assertEqual((image["bytesWithoutChunks"], image["badChunks"]), (5000, []))
+        printed = self.image_program("check", "a").out.decode()
+        self.assertIn("\n  it has no chunks for the last 5000 bytes of its disk\n", printed)
+        self.assertIn("\n  kestrix verify accepts it: ", printed)
+
     def test_what_an_image_has_no_chunks_for_is_not_extracted_as_whole(self):
         self.make_short_table()
         status, said = self.ask("extract", "a", "--out", "o")

@@ -1,6 +1,6 @@
 // The law: check says of a chain what verify says. It calls an image sound only where verify accepts it, and damaged
-// where verify accepts it only for entries that name another place than their chunk's own and for bytes that belong to
-// nothing, and each of those is there.
+// where verify accepts it only for entries that name another place than their chunk's own, for bytes that belong to
+// nothing and for a disk larger than the chunks, and each of those is there.
 //
 // extract gives the bytes that restore writes, or both fail. It gives no disk where restore gives none, but for a disk
 // that takes no such write; and it gives none where restore does only for chunks at another place and for sealed ones
@@ -114,6 +114,12 @@ static bool LiesOnDisk(const HeaderFields &header, uint64_t i)
     return begin <= header.diskSize && LengthOf(header, i) <= header.diskSize - begin;
 }
 
+static uint64_t BytesWithoutChunks(const Bytes &file)
+{
+    const HeaderFields header = HeaderOf(file);
+    return header.diskSize - std::min<uint64_t>(header.diskSize, EntriesOf(file).size() * header.chunkSize);
+}
+
 static uint64_t BytesTooMany(const Bytes &file)
 {
     uint64_t used = DataStartOf(file);
@@ -181,7 +187,9 @@ static void CheckStatedDifferences(const ImageFiles &images, const Json &image)
         Law(more["bytes"] == BytesTooMany(images.files[IndexOf(images, more["file"])]), "the bytes too many are there",
             image.dump());
     }
-    Law(!image["badChunks"].empty() || !image["bytesTooMany"].empty(), "what is damaged has a fault", image.dump());
+    Law(image["bytesWithoutChunks"] == BytesWithoutChunks(images.files[0]), "the bytes without chunks are there",
+        image.dump());
+    Law(!image["badChunks"].empty() || !image["bytesTooMany"].empty() || image["bytesWithoutChunks"] != 0, "what is damaged has a fault", image.dump());
 }
 
 // That a sound image has none of what verify leaves out.
@@ -193,6 +201,7 @@ static void CheckSound(const ImageFiles &images, const Json &image)
         Law(entries[i].diskOffset == i * HeaderOf(file).chunkSize && LiesOnDisk(HeaderOf(file), i),
             "a sound image has each chunk at its place", image.dump());
     }
+    Law(BytesWithoutChunks(file) == 0, "a sound image has chunks for its whole disk", image.dump());
     for (const Json &one : image["chain"]) {
         Law(BytesTooMany(images.files[IndexOf(images, one["file"])]) == 0, "a sound image has no bytes too many",
             image.dump());
