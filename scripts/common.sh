@@ -6,6 +6,10 @@ root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 # shellcheck disable=SC2034  # the scripts that source this use it
 python=/usr/bin/python3
 
+# What the programs around the program are built with.
+# shellcheck disable=SC2034
+companion_packages=(libcli11-dev nlohmann-json3-dev libtomlplusplus-dev libblkid-dev libudev-dev)
+
 # Installs those of the named Debian packages that are not there.
 install_missing() {
     local missing=() package

@@ -2,8 +2,9 @@
 //
 // If a folder named devices lies beside the executable, it is the whole machine. Otherwise the disks are the whole
 // disks of the kernel's block layer in the order of their arrival. Which of the two holds, and the list, is settled
-// once in a run. Where it can't be told, no disk exists: a wrong guess would be another machine's disk.
-#include "host/open_handle_linux.h"
+// once for all disks that a run opens. Where it can't be told, no disk exists: a wrong guess would be another machine's
+// disk.
+#include "host/disks_linux.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -26,7 +27,7 @@ namespace host
 
 static const char noSuchDisk[] = "this machine has no such disk";
 
-static std::string ReadLine(const std::string &path)
+std::string ReadLine(const std::string &path)
 {
     std::ifstream file(path);
     std::string line;
@@ -99,77 +100,72 @@ static bool IsWholeDisk(const std::string &folder, const std::string &name)
     return name[0] != '.' && !ReadLine(folder + "/dev").empty() && ReadLine(folder + "/hidden") != "1";
 }
 
-struct OwnDisk {
-    std::string name;
-    uint64_t sequence = 0; // 0 where the kernel gives none
-    unsigned int majorNumber = 0;
-    unsigned int minorNumber = 0;
-};
-
 // None if the list can't be read to its end.
-static std::vector<OwnDisk> FindOwnDisks()
+static Trouble FindOwnDisks(std::vector<OwnDisk> *disks)
 {
     static const std::string blockDevices = "/sys/block";
-    std::vector<OwnDisk> disks;
     const std::unique_ptr<DIR, int (*)(DIR *)> listing(opendir(blockDevices.c_str()), closedir);
+    if (listing == nullptr) {
+        return blockDevices + ": " + SystemText(errno);
+    }
     errno = 0;
-    while (const dirent *entry = listing == nullptr ? nullptr : readdir(listing.get())) {
+    while (const dirent *entry = readdir(listing.get())) {
         const std::string folder = blockDevices + "/" + entry->d_name;
         if (IsWholeDisk(folder, entry->d_name)) {
             OwnDisk disk = {entry->d_name, std::strtoull(ReadLine(folder + "/diskseq").c_str(), nullptr, 10)};
             char colon = 0;
             std::istringstream(ReadLine(folder + "/dev")) >> disk.majorNumber >> colon >> disk.minorNumber;
-            disks.push_back(disk);
+            disks->push_back(disk);
         }
         errno = 0;
     }
-    return errno == 0 ? disks : std::vector<OwnDisk>();
+    if (errno != 0) {
+        disks->clear();
+        return blockDevices + ": " + SystemText(errno);
+    }
+    return {};
 }
 
 // In the order of their arrival. Where the kernel gives sequences, a disk without one is just going away, and must not
 // change the order of the others.
-static std::vector<OwnDisk> ListOwnDisks()
+static Machine ListOwnDisks()
 {
     const auto hasNone = [](const OwnDisk &disk) { return disk.sequence == 0; };
     const auto order = [](const OwnDisk &disk) {
         return std::make_tuple(disk.sequence, disk.majorNumber, disk.minorNumber);
     };
-    std::vector<OwnDisk> disks = FindOwnDisks();
+    Machine machine;
+    machine.trouble = FindOwnDisks(&machine.ownDisks);
+    std::vector<OwnDisk> &disks = machine.ownDisks;
     if (!std::all_of(disks.begin(), disks.end(), hasNone)) {
         disks.erase(std::remove_if(disks.begin(), disks.end(), hasNone), disks.end());
     }
     std::sort(disks.begin(), disks.end(),
               [&order](const OwnDisk &left, const OwnDisk &right) { return order(left) < order(right); });
-    return disks;
+    return machine;
 }
 
-struct Machine {
-    std::string folder; // of disks; empty where the disks are the machine's own, or none
-    std::vector<OwnDisk> ownDisks;
-};
-
-static Machine FindMachine()
+Machine FindMachine()
 {
     const std::string folder = DevicesFolder();
     struct stat name = {};
     struct stat found = {};
     if (folder.empty()) {
-        return {};
+        return {
+            {}, {}, "it can't be told which machine's disks to see, as the system doesn't say where this program lies"};
     }
     if (lstat(folder.c_str(), &name) != 0) {
-        return errno == ENOENT || errno == ENOTDIR ? Machine{{}, ListOwnDisks()} : Machine();
+        return errno == ENOENT || errno == ENOTDIR ? ListOwnDisks()
+                                                   : Machine{{}, {}, folder + ": " + SystemText(errno)};
     }
     if (stat(folder.c_str(), &found) != 0) { // a link that leads nowhere, as yet
-        return {};
+        return {{}, {}, folder + ": " + SystemText(errno)};
     }
-    return S_ISDIR(found.st_mode) ? Machine{folder, {}} : Machine{{}, ListOwnDisks()};
+    return S_ISDIR(found.st_mode) ? Machine{folder, {}, {}} : ListOwnDisks();
 }
 
-// Where the disk's node lies; empty if there is none. *ownDisk is what the list says of it, if it is one of the
-// machine's own.
-static std::string NodeOfDisk(uint32_t number, OwnDisk *ownDisk)
+std::string NodeOfDisk(const Machine &machine, uint32_t number, OwnDisk *ownDisk)
 {
-    static const Machine machine = FindMachine();
     if (!machine.folder.empty()) {
         return number > INT_MAX ? std::string() : machine.folder + "/PhysicalDrive" + std::to_string(number);
     }
@@ -177,13 +173,16 @@ static std::string NodeOfDisk(uint32_t number, OwnDisk *ownDisk)
         return {};
     }
     *ownDisk = machine.ownDisks[number];
-    std::string node = ownDisk->name;
-    std::replace(node.begin(), node.end(), '!', '/');
-    return "/dev/" + node;
+    return NodeOfName(ownDisk->name);
 }
 
-// False for another disk that has come under the name of the one in the list.
-static bool IsDiskOfList(int descriptor, const struct stat &node, const OwnDisk &ownDisk)
+std::string NodeOfName(std::string name)
+{
+    std::replace(name.begin(), name.end(), '!', '/');
+    return "/dev/" + name;
+}
+
+bool IsDiskOfList(int descriptor, const struct stat &node, const OwnDisk &ownDisk)
 {
     uint64_t sequence = 0;
     return ownDisk.name.empty() ||
@@ -221,8 +220,9 @@ static Trouble AskBlockDevice(Source *source)
 
 Trouble OpenDisk(uint32_t number, Caching caching, Source *source)
 {
+    static const Machine machine = FindMachine();
     OwnDisk ownDisk;
-    const std::string node = NodeOfDisk(number, &ownDisk);
+    const std::string node = NodeOfDisk(machine, number, &ownDisk);
     struct stat found = {};
     if (node.empty() || (stat(node.c_str(), &found) != 0 && errno == ENOENT)) {
         return noSuchDisk;

@@ -76,7 +76,7 @@ Trouble OpenFileToRead(const std::string &path, Caching caching, Source *source)
         return "it is no ordinary file";
     }
     if (flock(descriptor, LOCK_SH | LOCK_NB) != 0) {
-        return errno == EWOULDBLOCK ? "another program is writing it" : SystemText(errno);
+        return errno == EWOULDBLOCK ? beingWritten : SystemText(errno);
     }
     source->sizeBytes = static_cast<uint64_t>(found.st_size);
     source->identity = IdentityOfFile(found);

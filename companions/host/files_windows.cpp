@@ -81,7 +81,8 @@ Trouble OpenFileToRead(const std::string &path, Caching caching, Source *source)
     handle.file = CreateFileW(Widen(path).c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
                               handle.isUnbuffered ? FILE_FLAG_NO_BUFFERING : FILE_ATTRIBUTE_NORMAL, nullptr);
     if (handle.file == INVALID_HANDLE_VALUE || !GetFileInformationByHandle(handle.file, &facts)) {
-        return SystemText(GetLastError());
+        const DWORD error = GetLastError();
+        return error == ERROR_SHARING_VIOLATION ? beingWritten : SystemText(error);
     }
     if (GetFileType(handle.file) != FILE_TYPE_DISK || (facts.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
         return "it is no ordinary file";

@@ -70,10 +70,26 @@ NewFile::~NewFile()
     }
 }
 
-Trouble CreateNewFile(const std::string &path, NewFile *file)
+Trouble LengthOfFile(const std::string &path, uint64_t *lengthBytes)
 {
     struct stat found = {};
-    if (lstat(path.c_str(), &found) == 0) {
+    if (stat(path.c_str(), &found) != 0) {
+        return SystemText(errno);
+    }
+    *lengthBytes = static_cast<uint64_t>(found.st_size);
+    return {};
+}
+
+bool NameIsFree(const std::string &path)
+{
+    struct stat found = {};
+    return lstat(path.c_str(), &found) != 0 && errno == ENOENT;
+}
+
+Trouble CreateNewFile(const std::string &path, Existing existing, NewFile *file)
+{
+    struct stat found = {};
+    if (existing == Existing::IsTrouble && lstat(path.c_str(), &found) == 0) {
         return SystemText(EEXIST);
     }
     file->handle.reset(new OpenHandle);
@@ -150,29 +166,78 @@ static Trouble SyncFolderOf(const std::string &path)
     return {};
 }
 
-Trouble FinishNewFile(NewFile *file)
+// The content on the disk, the descriptor gone.
+static Trouble CloseOnDisk(NewFile &file)
 {
-    if (fsync(file->handle->descriptor) != 0) {
+    if (fsync(file.handle->descriptor) != 0) {
         return SystemText(errno);
     }
-    if (close(std::exchange(file->handle->descriptor, -1)) != 0 && errno != EINTR) {
+    if (close(std::exchange(file.handle->descriptor, -1)) != 0 && errno != EINTR) {
         return SystemText(errno);
     }
-    if (!GiveName(file->unfinishedPath, file->path)) {
+    return {};
+}
+
+static Trouble FinishNamed(NewFile *file, bool hasName)
+{
+    if (!hasName) {
         return SystemText(errno);
     }
     UnmarkForRemoval(file->unfinishedPath);
     file->unfinishedPath.clear();
-    Trouble trouble = SyncFolderOf(file->path);
+    return SyncFolderOf(file->path);
+}
+
+Trouble FinishNewFile(NewFile *file)
+{
+    Trouble trouble = CloseOnDisk(*file);
     if (trouble) {
+        return trouble;
+    }
+    const bool hasName = GiveName(file->unfinishedPath, file->path);
+    trouble = FinishNamed(file, hasName);
+    if (trouble && hasName) {
         RemoveFinishedFile(*file);
     }
     return trouble;
 }
 
+Trouble FinishInPlaceOf(NewFile *file)
+{
+    const Trouble trouble = CloseOnDisk(*file);
+    return trouble ? trouble : FinishNamed(file, rename(file->unfinishedPath.c_str(), file->path.c_str()) == 0);
+}
+
 void RemoveFinishedFile(const NewFile &file)
 {
     unlink(file.path.c_str());
+}
+
+Trouble GiveFinalName(const std::string &from, const std::string &to)
+{
+    if (!GiveName(from, to)) {
+        return SystemText(errno);
+    }
+    return SyncFolderOf(to);
+}
+
+Trouble RemoveName(const std::string &path)
+{
+    if (unlink(path.c_str()) != 0 && errno != ENOENT) {
+        return SystemText(errno);
+    }
+    return SyncFolderOf(path);
+}
+
+Trouble BringToDisk(const std::string &path)
+{
+    const int descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (descriptor < 0) {
+        return SystemText(errno);
+    }
+    Trouble trouble = fsync(descriptor) != 0 ? Trouble(SystemText(errno)) : Trouble();
+    close(descriptor);
+    return trouble;
 }
 
 } // namespace host

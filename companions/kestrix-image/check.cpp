@@ -3,12 +3,14 @@
 // Every stored chunk that the image depends on is read once, where it lies; references are settled by the tables. What
 // kestrix verify does not look at is a finding here too, and named as such: an entry that names another place on the
 // disk, bytes that belong to nothing, and a disk that is larger than the chunks of its image.
-#include "kestrix-image/audit.h"
+#include "kestrix-image/bad_chunks.h"
+#include "kestrix-image/status.h"
 
 #include <algorithm>
 
 using reader::Chain;
 using reader::ChunkCause;
+using reader::Verdicts;
 
 static Json ChainJson(const Chain &chain)
 {
@@ -127,10 +129,11 @@ static int CheckImage(const CommonOptions &common, JsonOutput &output, const std
     const Chain &chain = *opened;
     const std::optional<uint8_t> onlyLevel = ownOnly ? std::optional<uint8_t>(0) : std::nullopt;
     Verdicts verdicts(chain.ChunkCount());
-    ChunkFeeder feeder(chain, onlyLevel);
+    reader::ChunkFeeder feeder(chain, onlyLevel);
     const auto checkOne = [](reader::ChunkReader &reader, uint64_t chunk) { return reader.Read(chunk); };
-    Progress progress(common, path, BytesToRead(chain, onlyLevel));
-    const std::optional<reader::Fault> fault = ReadChunks(common, feeder, progress, verdicts, checkOne);
+    Progress progress(!common.quiet, path, BytesToRead(chain, onlyLevel));
+    const std::optional<reader::Fault> fault =
+        ReadChunks(common.threads, feeder, verdicts, checkOne, {[&progress](uint64_t bytes) { progress.Add(bytes); }});
     progress.Hide();
     if (fault) {
         return ReportNotChecked(output, path, {fault->kind, path + ": " + fault->text}, ownOnly);

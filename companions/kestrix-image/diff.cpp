@@ -1,8 +1,9 @@
 // diff: where the disks of two images differ, from their tables alone, and how large a thin image of the one on the
 // other would be.
 #include "kestrix-image/ranges.h"
-#include "kestrix-image/report.h"
+#include "kestrix-image/status.h"
 #include "reader/reader.h"
+#include "report/report.h"
 
 #include <algorithm>
 #include <cstring>

@@ -3,8 +3,9 @@
 // The steps: open the chain and all that the command line names, so that no work is done for nothing; read and check
 // every chunk and write what is not zero, look for twins of the bad ones, write the map, give the files their names.
 // Only checked bytes stay in the file. Without --keep-going a chunk that stays bad ends it, and nothing is left behind.
-#include "kestrix-image/audit.h"
+#include "kestrix-image/bad_chunks.h"
 #include "kestrix-image/map.h"
+#include "kestrix-image/status.h"
 #include "kestrix-image/twins.h"
 
 #include <algorithm>
@@ -52,7 +53,7 @@ struct ExtractRun {
     host::NewFile out;
     host::NewFile map;
     TwinPlaces twinPlaces;
-    Verdicts verdicts;
+    reader::Verdicts verdicts;
     std::mutex mutex;
     host::Trouble writeTrouble; // the first one
     std::atomic<bool> isOver = false;
@@ -111,19 +112,18 @@ static bool HasTwinPlaces(const ExtractOptions &options)
 
 static std::optional<reader::Fault> ExtractChunks(ExtractRun &run)
 {
-    ChunkFeeder feeder(run.chain);
-    Progress progress(run.common, run.options.image, BytesToRead(run.chain, std::nullopt));
+    reader::ChunkFeeder feeder(run.chain);
+    Progress progress(!run.common.quiet, run.options.image, BytesToRead(run.chain, std::nullopt));
     const bool goesOn = run.options.keepGoing || HasTwinPlaces(run.options);
-    return ReadChunks(
-        run.common, feeder, progress, run.verdicts,
-        [&](reader::ChunkReader &reader, uint64_t chunk) {
-            std::optional<reader::ChunkFault> fault = ExtractChunk(run, reader, chunk);
-            if (fault && !goesOn) {
-                run.isOver = true;
-            }
-            return fault;
-        },
-        [&run] { return !run.isOver; });
+    return ReadChunks(run.common.threads, feeder, run.verdicts,
+                      [&](reader::ChunkReader &reader, uint64_t chunk) {
+                          std::optional<reader::ChunkFault> fault = ExtractChunk(run, reader, chunk);
+                          if (fault && !goesOn) {
+                              run.isOver = true;
+                          }
+                          return fault;
+                      },
+                      {[&progress](uint64_t bytes) { progress.Add(bytes); }, [&run] { return !run.isOver; }});
 }
 
 static std::vector<LostChunk> LostChunks(const ExtractRun &run)
@@ -193,7 +193,7 @@ static reader::Fault MapFault(const ExtractRun &run, const host::Trouble &troubl
 // Begins all that the command line names.
 static std::optional<reader::Fault> BeginFiles(ExtractRun &run)
 {
-    host::Trouble trouble = host::CreateNewFile(run.options.out, &run.out);
+    host::Trouble trouble = host::CreateNewFile(run.options.out, host::Existing::IsTrouble, &run.out);
     if (!trouble) {
         trouble = host::SetLength(run.out, run.chain.Header().diskSize);
     }
@@ -201,7 +201,7 @@ static std::optional<reader::Fault> BeginFiles(ExtractRun &run)
         return OutFault(run, trouble);
     }
     if (!run.options.map.empty()) {
-        trouble = host::CreateNewFile(run.options.map, &run.map);
+        trouble = host::CreateNewFile(run.options.map, host::Existing::IsTrouble, &run.map);
     }
     return trouble ? std::optional<reader::Fault>(MapFault(run, trouble))
                    : OpenTwinPlaces(run.common, run.options.twins, run.options.twinDisk, &run.twinPlaces);

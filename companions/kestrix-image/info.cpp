@@ -1,5 +1,6 @@
 // info: what a file says of itself. Neither its base nor a password is asked for.
-#include "kestrix-image/report.h"
+#include "kestrix-image/status.h"
+#include "report/report.h"
 
 #include <cinttypes>
 #include <cstdio>

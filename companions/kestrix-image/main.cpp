@@ -3,16 +3,10 @@
 // A mistyped word is refused before anything is looked at. No exception passes out of here, and an exit status is one
 // of the four that commands.h has.
 #include "kestrix-image/commands.h"
-#include "kestrix-image/report.h"
+#include "reader/reader.h"
+#include "report/command_line.h"
 
-#include <CLI/CLI.hpp>
-
-#include <algorithm>
-#include <cstdio>
-#include <cstdlib>
-#include <exception>
 #include <functional>
-#include <new>
 
 struct CommandLine {
     CommonOptions common;
@@ -172,61 +166,6 @@ static void AddRepair(CLI::App &app, CommandLine &line)
     });
 }
 
-// The parser would take a word in brackets for a list. One that ends with a zero byte, as no argument does, it leaves
-// alone; the byte goes before the word is looked at.
-static void MarkBrackets(std::string *word)
-{
-    if (!word->empty() && word->front() == '[' && word->back() == ']') {
-        word->push_back('\0');
-    }
-}
-
-static std::string Unmarked(std::string word)
-{
-    if (!word.empty() && word.back() == '\0') {
-        word.pop_back();
-    }
-    return word;
-}
-
-// Of the app's options, its subcommands' and their groups'.
-static void UnmarkOptions(CLI::App *app)
-{
-    for (CLI::Option *option : app->get_options()) {
-        option->transform(Unmarked);
-    }
-    for (CLI::App *command : app->get_subcommands({})) {
-        UnmarkOptions(command);
-    }
-}
-
-static int Parse(CLI::App &app, CommandLine &line, int argc, char **argv)
-{
-    std::vector<std::string> arguments = host::Arguments(argc, argv);
-    std::for_each(arguments.begin(), arguments.end(), [](std::string &word) { MarkBrackets(&word); });
-    std::reverse(arguments.begin(), arguments.end()); // as the parser takes them
-    try {
-        app.parse(arguments);
-    } catch (const CLI::CallForHelp &) {
-        line.run = [&app] {
-            printf("%s", app.help().c_str());
-            return exitGood;
-        };
-    } catch (const CLI::CallForVersion &version) {
-        const std::string text = version.what();
-        line.run = [text] {
-            printf("%s\n", text.c_str());
-            return exitGood;
-        };
-    } catch (const CLI::ParseError &error) {
-        PrintFault(error.what());
-        PrintFault("kestrix-image --help tells what can be asked");
-        return exitCommandLine;
-    }
-    line.common.caching = line.cached ? host::Caching::Cached : host::Caching::Medium;
-    return exitGood;
-}
-
 static int RunProgram(int argc, char **argv)
 {
     CommandLine line;
@@ -245,33 +184,14 @@ static int RunProgram(int argc, char **argv)
     AddDiff(app, line);
     AddExtract(app, line);
     AddRepair(app, line);
-    UnmarkOptions(&app);
-    const int parsed = Parse(app, line, argc, argv);
-    return parsed == exitGood ? line.run() : parsed;
-}
-
-// Lists of JSON take memory when they go, and no exception can leave them there.
-static void EndWithoutMemory()
-{
-    fputs("kestrix-image: there is not enough memory\n", stderr);
-    std::_Exit(exitImpossible);
+    if (!ParseCommandLine(app, host::Arguments(argc, argv))) {
+        return exitCommandLine;
+    }
+    line.common.caching = line.cached ? host::Caching::Cached : host::Caching::Medium;
+    return line.run ? line.run() : exitGood;
 }
 
 int main(int argc, char **argv)
 {
-    int status = exitImpossible;
-    std::set_terminate(EndWithoutMemory);
-    host::PrepareProcess();
-    try {
-        status = RunProgram(argc, argv);
-    } catch (const std::bad_alloc &) {
-        fputs("kestrix-image: there is not enough memory\n", stderr);
-    } catch (const std::exception &error) {
-        fprintf(stderr, "kestrix-image: %s\n", error.what());
-    }
-    if (!FlushOutput()) {
-        fputs("kestrix-image: what was to be printed did not arrive\n", stderr);
-        status = exitImpossible;
-    }
-    return status;
+    return RunGuarded("kestrix-image", exitImpossible, [=] { return RunProgram(argc, argv); });
 }

@@ -1,7 +1,7 @@
 // Parts of a disk, neighbours of one kind put together.
 #pragma once
 
-#include "kestrix-image/report.h"
+#include "report/report.h"
 
 #include <cstdint>
 #include <string>

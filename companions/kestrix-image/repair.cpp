@@ -5,7 +5,8 @@
 // every chunk that the image stores comes from itself if it is sound there, else from a twin with the recorded digest;
 // a sealed one is sealed again under the recorded nonce, and only the recorded tag will do. What is still lacking is
 // named, and then no file comes into being.
-#include "kestrix-image/audit.h"
+#include "kestrix-image/bad_chunks.h"
+#include "kestrix-image/status.h"
 #include "kestrix-image/twins.h"
 
 #include <algorithm>
@@ -33,7 +34,7 @@ struct RepairRun {
     const Chain &chain; // the image alone
     host::NewFile out;
     TwinPlaces twinPlaces;
-    Verdicts verdicts;
+    reader::Verdicts verdicts;
     std::vector<std::string> lacks; // what stands in the way of a whole image
     std::vector<Dependent> stands;
     std::vector<std::string> notes;   // what could not be looked at or taken
@@ -282,12 +283,11 @@ static std::optional<reader::ChunkFault> CopyChunk(RepairRun &run, reader::Chunk
 
 static std::optional<reader::Fault> CopyChunks(RepairRun &run)
 {
-    ChunkFeeder feeder(run.chain, 0);
-    Progress progress(run.common, run.options.image, BytesToRead(run.chain, 0));
-    return ReadChunks(
-        run.common, feeder, progress, run.verdicts,
-        [&run](reader::ChunkReader &reader, uint64_t chunk) { return CopyChunk(run, reader, chunk); },
-        [&run] { return !run.isOver; });
+    reader::ChunkFeeder feeder(run.chain, 0);
+    Progress progress(!run.common.quiet, run.options.image, BytesToRead(run.chain, 0));
+    return ReadChunks(run.common.threads, feeder, run.verdicts,
+                      [&run](reader::ChunkReader &reader, uint64_t chunk) { return CopyChunk(run, reader, chunk); },
+                      {[&progress](uint64_t bytes) { progress.Add(bytes); }, [&run] { return !run.isOver; }});
 }
 
 static void TakeTwins(RepairRun &run)
@@ -358,7 +358,7 @@ static std::optional<reader::Fault> RunRepair(RepairRun &run)
     if (!run.lacks.empty()) {
         return {}; // no chunk can make good what the table does not tell
     }
-    if (const host::Trouble trouble = host::CreateNewFile(run.options.out, &run.out)) {
+    if (const host::Trouble trouble = host::CreateNewFile(run.options.out, host::Existing::IsTrouble, &run.out)) {
         return OutFault(run, trouble);
     }
     fault = CopyChunks(run);

@@ -2,8 +2,9 @@
 //
 // Headers, tables and trailers are read, on all cores, and nothing else; no table is kept. What is broken comes first
 // in the verdict, and what can be done about it stands with the image.
+#include "kestrix-image/commands.h"
 #include "kestrix-image/forest.h"
-#include "kestrix-image/report.h"
+#include "report/report.h"
 
 #include <algorithm>
 #include <atomic>
@@ -17,7 +18,7 @@ static std::vector<ImageFacts> ReadFolder(const CommonOptions &common, const std
 {
     std::vector<ImageFacts> facts(names.size());
     std::atomic<size_t> next = 0;
-    Progress progress(common, folder, names.size());
+    Progress progress(!common.quiet, folder, names.size());
     *fault = reader::OnThreads(common.threads, [&] {
         for (size_t i = next++; i < names.size(); i = next++) {
             facts[i] = reader::ReadImageFacts(folder + names[i], false);

@@ -1,8 +1,9 @@
 // Finding lost chunks by their digest in other images and on a disk.
 #pragma once
 
-#include "kestrix-image/report.h"
+#include "kestrix-image/commands.h"
 #include "reader/reader.h"
+#include "report/report.h"
 
 #include <functional>
 #include <optional>

@@ -1,7 +1,9 @@
 // What kestrix-image decides and words without a file: the forest, the map, the feeder, lines and JSON.
-#include "kestrix-image/audit.h"
 #include "kestrix-image/forest.h"
 #include "kestrix-image/map.h"
+#include "kestrix-image/status.h"
+#include "reader/audit.h"
+#include "report/report.h"
 
 #include <gtest/gtest.h>
 
@@ -100,7 +102,7 @@ TEST(Feeder, GivesEachChunkOnceTheDeepestImageFirstAndEachInFileOrder)
     reader::Chain chain;
     chain.images.resize(2);
     chain.storedIn = {1, 0, 1, reader::storedNowhere, 0};
-    ChunkFeeder feeder(chain);
+    reader::ChunkFeeder feeder(chain);
     std::vector<uint64_t> order;
     for (uint64_t chunk = 0; feeder.Next(&chunk);) {
         order.push_back(chunk);
@@ -110,7 +112,7 @@ TEST(Feeder, GivesEachChunkOnceTheDeepestImageFirstAndEachInFileOrder)
 
 TEST(Verdicts, KeepOneFaultForEachChunkAndForgetWhatWasMadeGood)
 {
-    Verdicts verdicts(3);
+    reader::Verdicts verdicts(3);
     verdicts.Record(2, {reader::ChunkCause::Digest, 1, ""});
     verdicts.Record(0, {reader::ChunkCause::Digest, 1, ""});
     EXPECT_EQ(verdicts.faults.size(), 1U);
@@ -123,7 +125,7 @@ TEST(Verdicts, KeepOneFaultForEachChunkAndForgetWhatWasMadeGood)
 
 TEST(Verdicts, OfMoreKindsThanAByteHoldsAreStillAllBad)
 {
-    Verdicts verdicts(300);
+    reader::Verdicts verdicts(300);
     for (uint64_t i = 0; i < 300; ++i) {
         verdicts.Record(i, {reader::ChunkCause::Unreadable, 0, std::to_string(i)});
     }
@@ -134,6 +136,15 @@ TEST(Verdicts, OfMoreKindsThanAByteHoldsAreStillAllBad)
 TEST(Words, ControlCharactersDoNotReachATerminal)
 {
     EXPECT_EQ(Printable("a\x1b[2J\n\x7f\xc3\xa4"), "a?[2J??\xc3\xa4");
+    EXPECT_EQ(Printable("\xc2\x9b[2J"), "??[2J");
+}
+
+TEST(Words, BytesThatAreNoTextDoNotReachATerminal)
+{
+    EXPECT_EQ(Printable("\x9b[2J"), "?[2J");
+    EXPECT_EQ(Printable("a\xff\xc3"), "a??");
+    EXPECT_EQ(Printable("\xc1\x9b\xe0\x82\x9b\xed\xa0\x80\xf4\x90\x80\x80"), "????????????");
+    EXPECT_EQ(Printable("\xe2\x82\xac\xf0\x9f\x92\xbe"), "\xe2\x82\xac\xf0\x9f\x92\xbe");
 }
 
 TEST(Words, SizesHaveTheirUnit)

@@ -1,11 +1,14 @@
 // What is only of Linux: seals over several pieces, as for a chunk that is larger than a buffer, which Wine doesn't
-// know, and standard streams that were closed.
+// know, standard streams that were closed, and links to devices.
 #include "host/host.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <filesystem>
+#include <fstream>
+#include <random>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -49,4 +52,78 @@ TEST(HostProcess, StreamsThatWereClosedAreOpenOnNothing)
     int status = -1;
     ASSERT_EQ(waitpid(child, &status, 0), child);
     EXPECT_EQ(status, 0);
+}
+
+namespace
+{
+
+// A link to a path, for the time of a test.
+struct Link {
+    explicit Link(const std::string &target)
+        : path(std::filesystem::temp_directory_path() / ("kestrix-link-" + std::to_string(std::random_device()())))
+    {
+        std::filesystem::create_symlink(target, path);
+    }
+    Link(const Link &) = delete;
+    Link &operator=(const Link &) = delete;
+    ~Link()
+    {
+        std::error_code ignored;
+        std::filesystem::remove(path, ignored);
+    }
+
+    std::filesystem::path path;
+};
+
+std::string FirstLine(const std::filesystem::path &path)
+{
+    std::ifstream file(path);
+    std::string line;
+    std::getline(file, line);
+    return line;
+}
+
+// Checks the links to a device of sysfs and to its partitions; gives how many nodes there were.
+int FollowLinksTo(const std::filesystem::path &folder, const std::string &diskNumber)
+{
+    const std::string node = "/dev/" + folder.filename().string();
+    int nodes = 0;
+    if (std::filesystem::is_block_file(node)) {
+        const Link link(node);
+        host::DeviceAt device;
+        EXPECT_EQ(host::FollowDeviceLink(link.path.string(), &device), std::nullopt) << node;
+        EXPECT_EQ(device.node, node);
+        EXPECT_EQ(device.deviceNumber, FirstLine(folder / "dev"));
+        EXPECT_EQ(device.diskNumber, diskNumber);
+        nodes = 1;
+    }
+    for (const std::filesystem::directory_entry &entry : std::filesystem::directory_iterator(folder)) {
+        if (std::filesystem::exists(entry.path() / "partition")) {
+            nodes += FollowLinksTo(entry.path(), diskNumber);
+        }
+    }
+    return nodes;
+}
+
+} // namespace
+
+TEST(HostDisks, LinksLeadToDevicesAndTheirDisks)
+{
+    int nodes = 0;
+    for (const std::filesystem::directory_entry &entry : std::filesystem::directory_iterator("/sys/block")) {
+        nodes += FollowLinksTo(entry.path(), FirstLine(entry.path() / "dev"));
+    }
+    if (nodes == 0) {
+        GTEST_SKIP() << "there is no block device";
+    }
+}
+
+TEST(HostDisks, LinksThatLeadToNoDeviceAreATrouble)
+{
+    host::DeviceAt device;
+    for (const char *target : {"/dev/null", "/", "/nowhere"}) {
+        const Link link(target);
+        EXPECT_TRUE(host::FollowDeviceLink(link.path.string(), &device)) << target;
+    }
+    EXPECT_TRUE(host::FollowDeviceLink("", &device));
 }

@@ -254,7 +254,7 @@ TEST_F(HostFiles, AppearUnderTheirNameOnlyWhenTheyAreFinished)
 {
     {
         host::NewFile file;
-        ASSERT_FALSE(host::CreateNewFile(Path("new"), &file));
+        ASSERT_FALSE(host::CreateNewFile(Path("new"), host::Existing::IsTrouble, &file));
         ASSERT_FALSE(host::SetLength(file, 10));
         ASSERT_FALSE(host::WriteAt(file, 3, "abc", 3));
         EXPECT_FALSE(std::filesystem::exists(Path("new")));
@@ -269,7 +269,7 @@ TEST_F(HostFiles, ThatAreNotFinishedLeaveNothing)
 {
     {
         host::NewFile file;
-        ASSERT_FALSE(host::CreateNewFile(Path("new"), &file));
+        ASSERT_FALSE(host::CreateNewFile(Path("new"), host::Existing::IsTrouble, &file));
         ASSERT_FALSE(host::WriteAt(file, 0, "abc", 3));
     }
     EXPECT_EQ(CountFiles(), 0U);
@@ -279,10 +279,10 @@ TEST_F(HostFiles, ReplaceNothingThatIsThereOrComesMeanwhile)
 {
     host::NewFile refused;
     Write("there", "mine");
-    EXPECT_TRUE(host::CreateNewFile(Path("there"), &refused));
+    EXPECT_TRUE(host::CreateNewFile(Path("there"), host::Existing::IsTrouble, &refused));
     {
         host::NewFile file;
-        ASSERT_FALSE(host::CreateNewFile(Path("new"), &file));
+        ASSERT_FALSE(host::CreateNewFile(Path("new"), host::Existing::IsTrouble, &file));
         Write("new", "faster");
         EXPECT_TRUE(host::FinishNewFile(&file));
     }
@@ -295,7 +295,7 @@ TEST_F(HostFiles, BeyondTwoGibibytesKeepTheirLengthAndTheirPlaces)
 {
     constexpr uint64_t far = (uint64_t{5} << 30) + 1;
     host::NewFile file;
-    ASSERT_FALSE(host::CreateNewFile(Path("far"), &file));
+    ASSERT_FALSE(host::CreateNewFile(Path("far"), host::Existing::IsTrouble, &file));
     ASSERT_FALSE(host::SetLength(file, far + 1));
     ASSERT_FALSE(host::WriteAt(file, far, "x", 1));
     ASSERT_FALSE(host::FinishNewFile(&file));

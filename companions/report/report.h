@@ -1,13 +1,13 @@
-// How the program speaks: lines for a person, JSON, faults, progress.
+// How the companions speak: lines for a person, JSON, faults, progress.
 #pragma once
 
-#include "kestrix-image/commands.h"
-#include "reader/reader.h"
+#include "image/image_format.h"
 
 #include <nlohmann/json.hpp>
 
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -28,18 +28,15 @@ std::string IdText(const ImageId &id);
 // "1 chunk", "2 chunks".
 std::string Counted(uint64_t count, const char *singular);
 
+// The program's name, as its lines on the error stream begin with it. Set first of all.
+extern const char *programName;
+
 // Prints a line, which is made printable, to standard output, or to the error stream with the program's name in front.
 void PrintLine(const std::string &line);
 void PrintFault(const std::string &text);
 
 // Adds a sentence to those that are told of a run, once. There are no more than a thousand: the last one then says so.
 void AddSentence(std::vector<std::string> &sentences, const std::string &sentence);
-
-// The exit status that a fault stands for.
-int StatusOf(const reader::Fault &fault);
-
-// Of two exit statuses the one that weighs more.
-int Worse(int left, int right);
 
 // False if not everything that was printed has arrived.
 bool FlushOutput();
@@ -70,9 +67,9 @@ struct JsonOutput {
 
 // ---- Progress ----
 
-// A bar on the error stream, where that is a terminal. Any thread may add to it.
+// A bar on the error stream, where that is a terminal and the bar is wanted. Any thread may add to it.
 struct Progress {
-    Progress(const CommonOptions &common, const std::string &titleToShow, uint64_t bytes);
+    Progress(bool isWanted, const std::string &titleToShow, uint64_t bytes);
     Progress(const Progress &) = delete;
     Progress &operator=(const Progress &) = delete;
     ~Progress();

@@ -1,26 +1,19 @@
 // Lines, JSON and the progress bar.
-#include "kestrix-image/report.h"
+#include "report/report.h"
+
+#include "host/host.h"
 
 #include <algorithm>
 #include <cinttypes>
 #include <cstdio>
 
+const char *programName = "";
+
 // ---- Words ----
 
 std::string Printable(const std::string &text)
 {
-    std::string printable = text;
-    for (size_t i = 0; i < printable.size(); ++i) {
-        const auto byte = static_cast<unsigned char>(printable[i]);
-        const bool endsC1 = i != 0 && text[i - 1] == '\xC2' && byte >= 0x80 && byte < 0xA0; // U+0080 to U+009F
-        if (byte < 0x20 || byte == 0x7F || endsC1) {
-            printable[i] = '?';
-        }
-        if (endsC1) {
-            printable[i - 1] = '?';
-        }
-    }
-    return printable;
+    return host::PrintableText(text);
 }
 
 std::string SizeText(uint64_t bytes)
@@ -69,7 +62,7 @@ void PrintLine(const std::string &line)
 
 void PrintFault(const std::string &text)
 {
-    const std::string line = "kestrix-image: " + Printable(text) + "\n";
+    const std::string line = std::string(programName) + ": " + Printable(text) + "\n";
     fwrite(line.data(), 1, line.size(), stderr);
 }
 
@@ -81,16 +74,6 @@ void AddSentence(std::vector<std::string> &sentences, const std::string &sentenc
         sentences.push_back(sentences.size() + 1 == mostSentences ? "and more, which is not told one by one"
                                                                   : sentence);
     }
-}
-
-int StatusOf(const reader::Fault &fault)
-{
-    return fault.kind == reader::FaultKind::Damaged ? exitFound : exitImpossible;
-}
-
-int Worse(int left, int right)
-{
-    return std::max(left, right);
 }
 
 bool FlushOutput()
@@ -207,8 +190,8 @@ std::string ProgressLine(const std::string &title, uint64_t doneBytes, uint64_t 
     return line.substr(0, columns);
 }
 
-Progress::Progress(const CommonOptions &common, const std::string &titleToShow, uint64_t bytes)
-    : columns(common.quiet ? 0 : host::ErrorTerminalColumns()), title(titleToShow), totalBytes(bytes),
+Progress::Progress(bool isWanted, const std::string &titleToShow, uint64_t bytes)
+    : columns(isWanted ? host::ErrorTerminalColumns() : 0), title(titleToShow), totalBytes(bytes),
       begin(std::chrono::steady_clock::now()), shown(begin)
 {
 }

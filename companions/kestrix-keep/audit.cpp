@@ -1,0 +1,84 @@
+// The reader's verdicts, as one sentence.
+#include "kestrix-keep/audit.h"
+
+#include "reader/audit.h"
+#include "report/report.h"
+
+#include <algorithm>
+
+static AuditFault FaultOf(const reader::Chain &chain, const reader::Verdicts &verdicts)
+{
+    const uint64_t bad = verdicts.CountBad();
+    for (uint64_t i = 0; i < chain.ChunkCount(); ++i) {
+        if (const reader::ChunkFault *fault = verdicts.FaultOf(i)) {
+            reader::Fault told = reader::DescribeChunkFault(chain, i, *fault);
+            told.text += bad == 1 ? "" : "; " + std::to_string(bad) + " chunks are bad";
+            told.kind = reader::FaultKind::Damaged;
+            return told;
+        }
+    }
+    for (const reader::ImageFile &image : chain.images) {
+        if (image.facts.bytesTooMany != 0) {
+            return reader::Fault{reader::FaultKind::Damaged,
+                                 image.facts.path + ": " + Counted(image.facts.bytesTooMany, "byte") + " too many"};
+        }
+    }
+    const uint64_t unknown = reader::UncoveredBytes(chain.Header());
+    return unknown == 0 ? AuditFault()
+                        : reader::Fault{reader::FaultKind::Damaged, chain.images[0].facts.path +
+                                                                        ": it has no chunks for the last " +
+                                                                        Counted(unknown, "byte") + " of its disk"};
+}
+
+static AuditFault Audit(const std::string &path, const AuditOptions &options, bool isAlone)
+{
+    reader::Result<reader::Chain> chain =
+        reader::OpenChain(path, {options.passwordFile, host::Caching::Medium, options.threads, isAlone});
+    if (!chain) {
+        return chain.fault;
+    }
+    const std::optional<uint8_t> level = isAlone ? std::optional<uint8_t>(0) : std::nullopt;
+    reader::Verdicts verdicts(chain->ChunkCount());
+    reader::ChunkFeeder feeder(*chain, level);
+    Progress progress(options.showsProgress, path, BytesToRead(*chain, level));
+    const std::optional<reader::Fault> fault =
+        ReadChunks(options.threads, feeder, verdicts,
+                   [](reader::ChunkReader &reader, uint64_t chunk) { return reader.Read(chunk); },
+                   {[&progress](uint64_t bytes) { progress.Add(bytes); }});
+    if (fault) {
+        return reader::Fault{fault->kind, path + ": " + fault->text};
+    }
+    return FaultOf(*chain, verdicts);
+}
+
+AuditFault AuditOwnChunks(const std::string &path, const AuditOptions &options)
+{
+    return Audit(path, options, true);
+}
+
+AuditFault AuditChain(const std::string &path, const AuditOptions &options)
+{
+    return Audit(path, options, false);
+}
+
+reader::Result<FileDigest> DigestFile(const std::string &path, host::Caching caching)
+{
+    constexpr size_t blockBytes = size_t{4} << 20;
+    host::Source source;
+    if (const host::Trouble trouble = host::OpenFileToRead(path, caching, &source)) {
+        return reader::Fault{reader::FaultKind::Unavailable, path + ": it can't be opened: " + *trouble};
+    }
+    const host::Pages block = host::MakePages(blockBytes);
+    host::Digesting digesting;
+    for (uint64_t offset = 0; offset < source.sizeBytes;) {
+        const size_t step = std::min<uint64_t>(blockBytes, source.sizeBytes - offset);
+        if (const host::Trouble trouble = host::ReadAt(source, offset, block.get(), step)) {
+            return reader::Fault{reader::FaultKind::Damaged,
+                                 path + ": it can't be read at byte " + std::to_string(offset) + ": " + *trouble};
+        }
+        digesting.Add(block.get(), step);
+        offset += step;
+    }
+    const host::Digest digest = digesting.Finish();
+    return FileDigest{HexText(digest.data(), digest.size()), source.sizeBytes};
+}

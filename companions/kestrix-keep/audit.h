@@ -1,0 +1,29 @@
+// Reading images back from the medium.
+#pragma once
+
+#include "kestrix-keep/job_folder.h"
+
+#include <optional>
+#include <string>
+
+struct AuditOptions {
+    std::string passwordFile;
+    uint32_t threads = 1;
+    bool showsProgress = false;
+};
+
+// What an audit found: nothing, or a fault: damage, or that it could not be done.
+using AuditFault = std::optional<reader::Fault>;
+
+// Reads and checks every chunk that the image at path stores itself.
+AuditFault AuditOwnChunks(const std::string &path, const AuditOptions &options);
+
+// Reads and checks every chunk that the image at path depends on, in whichever file it lies.
+AuditFault AuditChain(const std::string &path, const AuditOptions &options);
+
+// The SHA-256 of the file at path, as hexadecimal digits, and its length.
+struct FileDigest {
+    std::string sha256;
+    uint64_t bytes = 0;
+};
+reader::Result<FileDigest> DigestFile(const std::string &path, host::Caching caching);

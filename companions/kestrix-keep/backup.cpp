@@ -1,0 +1,645 @@
+// One run of a job.
+//
+// The steps: the program before; the folder's file system; its lock; the disk, held; what lies in the folder, and what
+// dead runs left of it; full or thin, and on what; room; the capture under a name that is no image's; the audit of what
+// it wrote; sidecar and final name; the chain, where its audit is due; what is let go; the report, and the programs
+// that want it. What fails ends the run, but for the report.
+#include "kestrix-keep/backup.h"
+
+#include "kestrix-keep/audit.h"
+#include "kestrix-keep/capture.h"
+#include "kestrix-keep/clock.h"
+#include "kestrix-keep/copies.h"
+#include "kestrix-keep/disk_cards.h"
+#include "kestrix-keep/plan.h"
+#include "report/report.h"
+
+#include <algorithm>
+
+static const char lockName[] = ".kestrix-keep.lock";
+
+struct Run {
+    const Job &job;
+    const RunOptions &options;
+    RunReport report;
+    host::Lock lock;
+    bool holdsFolder = false;
+    host::DiskFacts facts;
+    DiskIdentity disk;
+    host::HeldDisk held;
+    JobFolder folder;
+    CapturePlan plan;
+};
+
+// ---- Saying what is done ----
+
+static int64_t TimeNow(const Run &run)
+{
+    return run.options.now.value_or(Now());
+}
+
+static void Say(Run &run, const std::string &line)
+{
+    run.report.lines.push_back(line);
+    if (run.options.speaks) {
+        PrintLine("  " + line);
+        FlushOutput();
+    }
+}
+
+static void Warn(Run &run, const std::string &line)
+{
+    run.report.warnings.push_back(line);
+    if (run.options.speaks) {
+        PrintLine("  WARNING: " + line);
+        FlushOutput();
+    }
+}
+
+// What comes first is what ended the run.
+static bool Fail(Run &run, const std::string &sentence, int status = exitFailed)
+{
+    if (run.report.failure.empty()) {
+        run.report.failure = sentence;
+        run.report.status = status;
+    }
+    if (run.options.speaks) {
+        PrintLine("  FAILED: " + sentence);
+        FlushOutput();
+    }
+    return false;
+}
+
+// ---- The folder and the disk ----
+
+static bool CheckFileSystem(Run &run, const host::FileSystemFacts &facts)
+{
+    const Job &job = run.job;
+    if (!job.fileSystemUuid.empty() && job.fileSystemUuid != facts.uuid) {
+        return Fail(run, job.folder + ": it lies on the file system " +
+                             (facts.uuid.empty() ? "of an unknown UUID" : facts.uuid) + ", not on " +
+                             job.fileSystemUuid + ": is the backup disk mounted?");
+    }
+    if (!job.fileSystemSource.empty() && job.fileSystemSource != facts.source) {
+        return Fail(run, job.folder + ": it lies on " + facts.source + ", not on " + job.fileSystemSource +
+                             ": is the share mounted?");
+    }
+    if (facts.isReadOnly) {
+        return Fail(run, job.folder + ": its file system is read-only");
+    }
+    if (job.fileSystemUuid.empty() && job.fileSystemSource.empty()) {
+        Warn(run, job.folder + ": nothing says which file system it has to lie on, so that a backup disk that isn't "
+                               "mounted would not be noticed: set folder-must-be");
+    }
+    return true;
+}
+
+static bool TakeFolder(Run &run)
+{
+    std::string trouble;
+    const std::string path = run.job.folder + "/" + lockName;
+    if (run.options.isDryRun) { // which writes nothing
+        return true;
+    }
+    switch (host::TakeLock(path, &run.lock, &trouble)) {
+    case host::LockResult::Held:
+        run.holdsFolder = true;
+        return true;
+    case host::LockResult::Busy:
+        return Fail(run, run.job.folder + ": another run holds it", exitBusy);
+    case host::LockResult::NoLocks:
+        if (run.job.folderWithoutLocks) {
+            Warn(run, run.job.folder + ": its file system knows no locks; that no other run is there is not known");
+            run.holdsFolder = true;
+            return true;
+        }
+        return Fail(run, run.job.folder + ": its file system knows no locks: folder-without-locks = true takes it "
+                                          "nevertheless");
+    case host::LockResult::Failed:
+        break;
+    }
+    return Fail(run, path + ": " + trouble);
+}
+
+static bool LiesOn(const host::FileSystemFacts &facts, const host::DiskFacts &disk)
+{
+    const std::string name = disk.deviceNumber.empty() ? std::to_string(disk.number) : disk.deviceNumber;
+    return disk.file == host::FileIdentity() &&
+           std::find(facts.disks.begin(), facts.disks.end(), name) != facts.disks.end();
+}
+
+static bool FindTheDisk(Run &run, const host::FileSystemFacts &facts)
+{
+    std::vector<host::DiskFacts> disks;
+    if (const host::Trouble trouble = host::ListDisks(&disks)) {
+        return Fail(run, "the disks can't be listed: " + *trouble);
+    }
+    reader::Result<host::DiskFacts> found = FindDisk(disks, run.job.disk);
+    if (!found) {
+        return Fail(run, found.fault.text);
+    }
+    run.facts = *found;
+    run.disk = {found->model, found->serial, found->wwn, found->sizeBytes, found->logicalSectorBytes};
+    if (LiesOn(facts, run.facts)) {
+        return Fail(run, run.job.folder + ": it lies on the very disk that is to be captured");
+    }
+    if (!facts.disksAreKnown) {
+        Warn(run, run.job.folder + ": which disk it lies on can't be told; it must not be the one that is captured");
+    }
+    Say(run, "disk " + std::to_string(found->number) + ": " + (found->model.empty() ? "unknown model" : found->model) +
+                 ", " + (found->serial.empty() ? "no serial" : "serial " + found->serial) + ", " +
+                 SizeText(found->sizeBytes));
+    if (run.options.isDryRun) {
+        return true;
+    }
+    const host::Trouble trouble = host::HoldDisk(run.facts, disks, host::ProgramBeside("kestrix"), &run.held);
+    return !trouble || Fail(run, "disk " + std::to_string(found->number) + " can't be held: " + *trouble);
+}
+
+// ---- What dead runs left ----
+
+static std::string WithoutEnding(const std::string &name, const std::string &ending)
+{
+    const bool has =
+        name.size() > ending.size() && name.compare(name.size() - ending.size(), ending.size(), ending) == 0;
+    return has ? name.substr(0, name.size() - ending.size()) : std::string();
+}
+
+// An image that was audited has its sidecar already, and gets its name now; any other one is nothing.
+static void FinishOrRemove(Run &run, const std::string &name)
+{
+    const std::string path = run.folder.path + "/" + name;
+    const std::string imageName = WithoutEnding(name, NameInTheMaking(""));
+    const std::string imagePath = run.folder.path + "/" + imageName;
+    const std::string goes = WithoutEnding(name, std::string(".json") + endingOfWhatGoes);
+    host::Trouble trouble;
+    if (!goes.empty()) { // it was being let go
+        trouble = host::RemoveName(run.folder.path + "/" + goes);
+        trouble = trouble ? trouble : host::RemoveName(path);
+        Say(run, goes + ": an earlier run let it go and did not come to its end; it is gone now");
+    } else if (!imageName.empty() && !host::NameIsFree(SidecarPath(imagePath)) && host::NameIsFree(imagePath)) {
+        trouble = host::GiveFinalName(path, imagePath);
+        Say(run, imageName + ": an earlier run had made and checked it, and was ended before it had its name");
+    } else {
+        trouble = host::RemoveName(path);
+        Say(run, name + ": an earlier run did not come to its end; this is what it left, and is removed");
+    }
+    if (trouble) {
+        Warn(run, path + ": " + *trouble);
+    }
+}
+
+static bool ReadFolder(Run &run)
+{
+    for (const bool isFirst : {true, false}) {
+        reader::Result<JobFolder> read = ReadJobFolder(run.job.folder, run.job.name);
+        if (!read) {
+            return Fail(run, read.fault.text);
+        }
+        run.folder = std::move(*read);
+        if (!isFirst || run.folder.leftovers.empty() || run.options.isDryRun) {
+            break;
+        }
+        const std::vector<std::string> leftovers = run.folder.leftovers;
+        for (const std::string &name : leftovers) {
+            FinishOrRemove(run, name);
+        }
+    }
+    for (const std::string &note : run.folder.notes) {
+        Warn(run, note);
+    }
+    return true;
+}
+
+// ---- The capture ----
+
+// A base is looked at before it is one; what is found against it may leave another one, or none.
+static void DecideKind(Run &run)
+{
+    for (;;) {
+        run.plan = MakePlan(run.job, run.folder, run.disk, TimeNow(run));
+        if (run.plan.base == noImage) {
+            break;
+        }
+        CheckChainFiles(run.folder, run.plan.base);
+        if (run.folder.images[run.plan.base].doubt.empty() && run.folder.images[run.plan.base].chainLength != 0) {
+            break;
+        }
+    }
+    for (const std::string &reason : run.plan.reasons) {
+        Say(run, reason);
+    }
+}
+
+static bool HasRoom(Run &run, const host::FileSystemFacts &facts)
+{
+    const uint64_t needed = RoomNeeded(run.folder, run.plan, run.disk);
+    if (facts.freeBytes < needed) {
+        return Fail(run, run.job.folder + ": there is room for " + SizeText(facts.freeBytes) +
+                             ", and the image may take " + SizeText(needed));
+    }
+    return true;
+}
+
+// The second of the run, or the next one that no image was ever named by.
+static int64_t FreeTime(const Run &run)
+{
+    const std::vector<std::string> &used = run.folder.memory.stamps;
+    int64_t time = TimeNow(run);
+    const auto isUsed = [&](int64_t one) {
+        const std::string path = run.folder.path + "/" + ImageName(run.job.name, one);
+        return std::find(used.begin(), used.end(), StampOf(one)) != used.end() || !host::NameIsFree(path) ||
+               !host::NameIsFree(SidecarPath(path));
+    };
+    while (isUsed(time)) {
+        ++time;
+    }
+    return time;
+}
+
+static CaptureOutcome CaptureTo(Run &run, const std::string &path)
+{
+    CaptureOrder order;
+    order.program = run.held.program;
+    order.disk = run.held.number;
+    order.outPath = path;
+    order.basePath = run.plan.base == noImage ? "" : PathOf(run.folder, run.folder.images[run.plan.base]);
+    order.passwordFile = run.job.passwordFile;
+    order.usesSnapshots = run.job.snapshots;
+    CaptureOutcome outcome = RunCapture(order, [&run](const std::string &line) { Say(run, "kestrix: " + line); });
+    if (outcome.failure.empty()) {
+        if (const host::Trouble trouble = host::CheckHeldDisk(run.held)) {
+            outcome.failure = "disk " + std::to_string(run.held.number) + ": " + *trouble;
+        }
+    }
+    return outcome;
+}
+
+static AuditOptions OptionsOfAudit(const Run &run)
+{
+    return {run.job.passwordFile, run.options.threads, run.options.showsProgress};
+}
+
+// The sidecar of an image that has passed its audit.
+static Sidecar DescribeImage(const Run &run, const reader::ImageFacts &facts, const FileDigest &digest,
+                             const CaptureOutcome &outcome)
+{
+    Sidecar sidecar;
+    sidecar.job = run.job.name;
+    sidecar.machine = host::MachineName();
+    sidecar.number = run.folder.memory.lastNumber + 1;
+    for (const KeptImage &image : run.folder.images) {
+        sidecar.number = image.sidecar ? std::max(sidecar.number, image.sidecar->number + 1) : sidecar.number;
+    }
+    sidecar.disk = run.disk;
+    sidecar.startedAt = run.report.startedAt;
+    sidecar.endedAt = TimeNow(run);
+    sidecar.startedLocal = LocalTimeText(sidecar.startedAt);
+    sidecar.base = facts.trailer ? facts.trailer->baseName.c_str() : "";
+    sidecar.baseIdentity = facts.trailer ? IdText(facts.trailer->basePin) : "";
+    sidecar.identity = IdText(facts.id);
+    sidecar.fileBytes = digest.bytes;
+    sidecar.sha256 = digest.sha256;
+    sidecar.chunks = facts.header.chunkCount;
+    sidecar.storedChunks = facts.storedChunks;
+    sidecar.isSealed = reader::IsSealed(facts.header);
+    sidecar.captureLines = outcome.lines;
+    sidecar.notes = NotesOf(outcome.lines);
+    sidecar.isSound = true;
+    sidecar.provedAt = TimeNow(run);
+    sidecar.mayNotBeBase = WhyNoBaseAfter(outcome.lines);
+    return sidecar;
+}
+
+// Sidecar first: an image under its own name always has one.
+static bool NameImage(Run &run, const std::string &path, const std::string &name, const Sidecar &sidecar)
+{
+    const std::string finalPath = run.folder.path + "/" + name;
+    JobMemory &memory = run.folder.memory;
+    memory.lastNumber = sidecar.number;
+    memory.stamps.push_back(StampOf(*TimeOfImageName(run.job.name, name)));
+    host::Trouble trouble = WriteMemory(MemoryPath(run.folder.path, run.job.name), memory);
+    trouble = trouble ? trouble : WriteSidecar(SidecarPath(finalPath), sidecar);
+    trouble = trouble ? trouble : host::GiveFinalName(path, finalPath);
+    if (trouble) {
+        return Fail(run, finalPath + ": it can't get its name: " + *trouble);
+    }
+    run.report.image = name;
+    return true;
+}
+
+static bool AuditAndName(Run &run, const std::string &path, const std::string &name, const CaptureOutcome &outcome)
+{
+    if (const AuditFault fault = run.job.check.each == CheckDepth::Whole ? AuditChain(path, OptionsOfAudit(run))
+                                                                         : AuditOwnChunks(path, OptionsOfAudit(run))) {
+        return Fail(run, "the new image did not pass its audit: " + fault->text);
+    }
+    reader::Result<FileDigest> digest = DigestFile(path, host::Caching::Medium);
+    if (!digest) {
+        return Fail(run, digest.fault.text);
+    }
+    const reader::ImageFacts facts = reader::ReadImageFacts(path, false);
+    if (facts.kind != reader::FileKind::Image) {
+        return Fail(run, path + ": it can't be read again");
+    }
+    const Sidecar sidecar = DescribeImage(run, facts, *digest, outcome);
+    for (const std::string &note : sidecar.notes) {
+        Say(run, "note: " + note);
+    }
+    run.report.notes = sidecar.notes;
+    return NameImage(run, path, name, sidecar);
+}
+
+static bool MakeImage(Run &run)
+{
+    const std::string name = ImageName(run.job.name, FreeTime(run));
+    const std::string path = run.folder.path + "/" + NameInTheMaking(name);
+    Say(run, "capturing into " + name);
+    const CaptureOutcome outcome = CaptureTo(run, path);
+    const bool isMade = outcome.failure.empty() ? AuditAndName(run, path, name, outcome) : Fail(run, outcome.failure);
+    if (!isMade) {
+        if (const host::Trouble trouble = host::RemoveName(path)) {
+            Warn(run, path + ": it can't be removed: " + *trouble);
+        }
+    }
+    return isMade;
+}
+
+// ---- The whole chain ----
+
+static host::Trouble StoreSidecar(const Run &run, const KeptImage &image)
+{
+    return WriteSidecar(SidecarPath(PathOf(run.folder, image)), *image.sidecar);
+}
+
+// Reads the whole file, and writes into its sidecar what came of it.
+static void ProveFile(Run &run, size_t index)
+{
+    KeptImage &image = run.folder.images[index];
+    reader::Result<FileDigest> digest = DigestFile(PathOf(run.folder, image), host::Caching::Medium);
+    std::string damage;
+    if (!digest && digest.fault.kind == reader::FaultKind::Unavailable) {
+        Warn(run, digest.fault.text);
+        return;
+    }
+    if (!digest || digest->sha256 != image.sidecar->sha256) {
+        damage = digest ? image.name + ": it is no longer what was written: its SHA-256 is another" : digest.fault.text;
+    }
+    image.sidecar->isSound = damage.empty();
+    image.sidecar->damage = damage;
+    image.sidecar->provedAt = damage.empty() ? TimeNow(run) : image.sidecar->provedAt;
+    if (const host::Trouble trouble = StoreSidecar(run, image)) {
+        Warn(run, SidecarPath(PathOf(run.folder, image)) + ": " + *trouble);
+    }
+    if (!damage.empty()) {
+        NoteDamage(run.folder, index, damage);
+        Fail(run, damage);
+    }
+}
+
+// When the oldest proof of a chain's files was made. A proof from the future proves nothing.
+static int64_t ChainProvedAt(const Run &run, size_t image)
+{
+    int64_t oldest = TimeNow(run);
+    for (const size_t i : ChainOf(run.folder, image)) {
+        const KeptImage &one = run.folder.images[i];
+        const int64_t provedAt = one.sidecar ? one.sidecar->provedAt : 0;
+        oldest = std::min(oldest, provedAt > TimeNow(run) + secondsPerDay ? 0 : provedAt);
+    }
+    return oldest;
+}
+
+static bool ChainIsProved(const Run &run, size_t image)
+{
+    return image != noImage && TimeNow(run) - ChainProvedAt(run, image) < run.job.check.wholeEverySeconds;
+}
+
+// Each file that was not read whole within the time that the job allows is read now, and then the chain as one.
+static void ProveChain(Run &run)
+{
+    const size_t newest = NewestSound(run.folder);
+    if (newest == noImage || ChainIsProved(run, newest)) {
+        return;
+    }
+    Say(run, "the chain of " + run.folder.images[newest].name + " is audited whole, since that is due");
+    for (const size_t i : ChainOf(run.folder, newest)) {
+        ProveFile(run, i);
+    }
+    if (!run.folder.images[newest].doubt.empty()) {
+        return;
+    }
+    if (const AuditFault fault = AuditChain(PathOf(run.folder, run.folder.images[newest]), OptionsOfAudit(run))) {
+        Fail(run, "the chain did not pass its audit: " + fault->text);
+        if (fault->kind == reader::FaultKind::Damaged) {
+            NoteDamage(run.folder, newest, fault->text);
+        }
+    }
+}
+
+// ---- Letting go ----
+
+static RetentionState StateOfRetention(const Run &run)
+{
+    const size_t newest = NewestSound(run.folder);
+    const std::string since = newest == noImage
+                                  ? "there is no sound image"
+                                  : "the last one was " + AgeText(TimeNow(run) - ChainProvedAt(run, newest)) + " ago";
+    return {TimeNow(run), ChainIsProved(run, newest), since};
+}
+
+static std::string Joined(const std::vector<std::string> &sentences)
+{
+    std::string text;
+    for (const std::string &sentence : sentences) {
+        text += (text.empty() ? "" : "; ") + sentence;
+    }
+    return text;
+}
+
+// From the renaming on the image is gone, whenever the rest comes to be done.
+static void LetGo(Run &run, const KeptImage &image)
+{
+    const std::string path = PathOf(run.folder, image);
+    const std::string mark = SidecarPath(path) + endingOfWhatGoes;
+    host::Trouble trouble = host::GiveFinalName(SidecarPath(path), mark);
+    trouble = trouble ? trouble : host::RemoveName(path);
+    trouble = trouble ? trouble : host::RemoveName(mark);
+    if (trouble) {
+        Fail(run, path + ": it can't be let go: " + *trouble);
+        return;
+    }
+    run.report.letGo.push_back(image.name);
+}
+
+static void ApplyRetention(Run &run)
+{
+    const std::vector<Decision> decisions =
+        DecideRetention(RetainedImagesOf(run.folder), run.job.keep, StateOfRetention(run));
+    for (size_t i = run.folder.images.size(); i-- > 0;) { // what stands on another one goes before it
+        const KeptImage &image = run.folder.images[i];
+        const Decision &decision = decisions[i];
+        Say(run, (decision.isLetGo ? "let go: " : "kept: ") + image.name + ": " + Joined(decision.reasons));
+        if (decision.isLetGo && !run.options.isDryRun) {
+            LetGo(run, image);
+        }
+    }
+}
+
+// ---- Copies ----
+
+// Where a folder of copies lay before: an unmounted disk leaves a folder of the same name.
+static bool LiesWhereItDid(Run &run, const CopyPlace &place, const std::string &name)
+{
+    host::FileSystemFacts there;
+    host::FileSystemFacts here;
+    if (!place.rclone.empty() || host::FileSystemOf(place.folder, &there) ||
+        host::FileSystemOf(run.job.folder, &here)) {
+        return true; // what stands in the way is told when it is listed
+    }
+    const std::string fileSystem = there.uuid.empty() ? there.source : there.uuid;
+    const Json known = run.folder.memory.places[name].value("fileSystem", Json());
+    if (known.is_string() && known != fileSystem) {
+        Warn(run, name + ": it lies on " + fileSystem + ", and lay on " + known.get<std::string>() +
+                      " when it was copied to last: is its disk mounted?");
+        return false;
+    }
+    if (there.source == here.source && there.uuid == here.uuid) {
+        Warn(run, name + ": it lies on the same file system as the images themselves, and is lost with them");
+    }
+    run.folder.memory.places[name]["fileSystem"] = fileSystem;
+    return true;
+}
+
+static void MakeCopies(Run &run)
+{
+    for (const CopyPlace &place : run.job.copies) {
+        const std::string name = place.rclone.empty() ? place.folder : "rclone:" + place.rclone;
+        if (!run.folder.memory.places.contains(name)) {
+            run.folder.memory.places[name] = Json::object();
+        }
+        if (!LiesWhereItDid(run, place, name)) {
+            continue;
+        }
+        const CopyOutcome outcome =
+            CopyImages(run.folder, place, StateOfRetention(run), [&run](const std::string &line) { Say(run, line); });
+        if (outcome.failure.empty()) {
+            run.folder.memory.places[name]["completeAt"] = TimeNow(run);
+        } else {
+            Warn(run, outcome.failure + "; it is made up for next time");
+        }
+    }
+}
+
+static void TellDamage(Run &run)
+{
+    for (const KeptImage &image : run.folder.images) {
+        if (image.isDamaged) {
+            Fail(run, image.name + ": DAMAGED: " + image.doubt);
+        }
+    }
+}
+
+// ---- The run ----
+
+static void RunSteps(Run &run)
+{
+    host::FileSystemFacts facts;
+    if (const host::Trouble trouble = host::FileSystemOf(run.job.folder, &facts)) {
+        Fail(run, run.job.folder + ": it can't be looked at: " + *trouble);
+        return;
+    }
+    if (!CheckFileSystem(run, facts) || !TakeFolder(run) || !FindTheDisk(run, facts) || !ReadFolder(run)) {
+        return;
+    }
+    DecideKind(run);
+    const bool hasRoom = HasRoom(run, facts);
+    if (run.options.isDryRun) {
+        ApplyRetention(run);
+        return;
+    }
+    if (!hasRoom || !MakeImage(run) || !ReadFolder(run)) {
+        return;
+    }
+    ProveChain(run);
+    TellDamage(run);
+    MakeCopies(run);
+    ApplyRetention(run);
+}
+
+static bool RunHook(Run &run, const std::vector<std::string> &program, const char *key, const std::string &input)
+{
+    if (program.empty() || run.options.isDryRun) {
+        return true;
+    }
+    host::ProgramEnd end;
+    std::string said;
+    const host::Trouble trouble = host::RunProgram(
+        {program, input}, [&said](const std::string &piece) { said += said.size() < 4096 ? piece : ""; }, &end);
+    const bool isWell = !trouble && !end.wasEnded && end.exitStatus == 0;
+    const std::string how = trouble        ? "it can't be started: " + *trouble
+                            : end.wasEnded ? "it was ended by a signal"
+                                           : "it ended with exit status " + std::to_string(end.exitStatus);
+    Say(run, std::string(key) + ": " + program[0] + ": " + how + (said.empty() ? "" : ": " + said));
+    return isWell || Fail(run, std::string(key) + ": " + program[0] + ": " + how);
+}
+
+static std::string ReportText(const Run &run)
+{
+    return JsonOf(run.report).dump(1, ' ', false, Json::error_handler_t::replace) + "\n";
+}
+
+// Only who holds the folder may write into it.
+static void RememberReport(Run &run)
+{
+    const std::string path = MemoryPath(run.job.folder, run.job.name);
+    if (!run.holdsFolder) {
+        return;
+    }
+    if (run.folder.path.empty()) { // the run ended before it was read
+        if (reader::Result<JobMemory> memory = ReadMemory(path)) {
+            run.folder.memory = std::move(*memory);
+        } else if (memory.fault.kind == reader::FaultKind::Unavailable) {
+            Fail(run, memory.fault.text);
+            return;
+        }
+    }
+    run.folder.memory.lastReport = JsonOf(run.report);
+    if (const host::Trouble trouble = WriteMemory(path, run.folder.memory)) {
+        Fail(run, path + ": the report can't be written: " + *trouble);
+    }
+}
+
+RunReport RunJob(const Job &job, const RunOptions &options)
+{
+    Run run = {job, options, {}, {}, false, {}, {}, {}, {}, {}};
+    run.report.job = job.name;
+    run.report.startedAt = TimeNow(run);
+    if (options.speaks) {
+        PrintLine(job.name + ", " + LocalTimeText(run.report.startedAt) +
+                  (options.isDryRun ? ", nothing is done" : ""));
+    }
+    if (RunHook(run, job.before, "before", "")) {
+        RunSteps(run);
+        RunHook(run, job.after, "after", ReportText(run));
+    }
+    run.report.endedAt = TimeNow(run);
+    const bool isWell = run.report.status == exitWell;
+    RunHook(run, isWell ? job.onSuccess : job.onFailure, isWell ? "on-success" : "on-failure", ReportText(run));
+    RememberReport(run);
+    return run.report;
+}
+
+Json JsonOf(const RunReport &report)
+{
+    return {{"job", report.job},
+            {"status", report.status},
+            {"startedAt", report.startedAt},
+            {"startedLocal", LocalTimeText(report.startedAt)},
+            {"endedAt", report.endedAt},
+            {"image", report.image.empty() ? Json(nullptr) : Json(report.image)},
+            {"failure", report.failure.empty() ? Json(nullptr) : Json(report.failure)},
+            {"warnings", report.warnings},
+            {"notes", report.notes},
+            {"letGo", report.letGo},
+            {"lines", report.lines}};
+}

@@ -1,0 +1,21 @@
+// The images of a job in other places: what is not there yet is copied, and what the place's own rules let go of goes.
+#pragma once
+
+#include "kestrix-keep/job_folder.h"
+#include "kestrix-keep/places.h"
+
+#include <functional>
+#include <string>
+#include <vector>
+
+struct CopyOutcome {
+    std::string place;
+    std::string failure; // why the place does not have all that it should; empty: it has
+    std::vector<std::string> copied;
+    std::vector<std::string> letGo;
+};
+
+// Brings the place up to the folder, whose images have been looked at, and tells onLine what is done and why. chain
+// says whether the newest image's chain was proved lately, as it is for letting go in the folder.
+CopyOutcome CopyImages(const JobFolder &folder, const CopyPlace &wanted, const RetentionState &chain,
+                       const std::function<void(const std::string &)> &onLine);

@@ -1,0 +1,268 @@
+// Names first, then sidecars, then who stands on whom.
+#include "kestrix-keep/job_folder.h"
+
+#include "kestrix-keep/clock.h"
+
+#include <algorithm>
+#include <map>
+
+const char endingOfWhatGoes[] = ".let-go";
+static const char imageEnding[] = ".kstx";
+static const char endingInTheMaking[] = ".in-the-making";
+
+static bool EndsWith(const std::string &text, const std::string &ending)
+{
+    return text.size() >= ending.size() && text.compare(text.size() - ending.size(), ending.size(), ending) == 0;
+}
+
+std::string ImageName(const std::string &job, int64_t time)
+{
+    return job + "-" + StampOf(time) + imageEnding;
+}
+
+std::optional<int64_t> TimeOfImageName(const std::string &job, const std::string &name)
+{
+    const std::string begin = job + "-";
+    if (name.compare(0, begin.size(), begin) != 0 || !EndsWith(name, imageEnding)) {
+        return std::nullopt;
+    }
+    return TimeOfStamp(name.substr(begin.size(), name.size() - begin.size() - (sizeof(imageEnding) - 1)));
+}
+
+std::string NameInTheMaking(const std::string &imageName)
+{
+    return imageName + endingInTheMaking;
+}
+
+std::string PathOf(const JobFolder &folder, const KeptImage &image)
+{
+    return folder.path + "/" + image.name;
+}
+
+// ---- What there is ----
+
+// What runs of this job have begun and not finished: images in the making, and files that got no name.
+static bool IsLeftover(const std::string &job, const std::string &name)
+{
+    for (const std::string &beginning : {job + "-", job + ".keep.json."}) {
+        if (name.compare(0, beginning.size(), beginning) == 0) {
+            return EndsWith(name, std::string(imageEnding) + endingInTheMaking) ||
+                   EndsWith(name, SidecarPath(imageEnding) + endingOfWhatGoes) ||
+                   (EndsWith(name, host::unfinishedEnding) && name.find(".json.") != std::string::npos);
+        }
+    }
+    return false;
+}
+
+// The image's name, of an image or a sidecar; empty for other files.
+static std::string ImageNameOf(const std::string &job, const std::string &name)
+{
+    const std::string image = EndsWith(name, ".json") ? name.substr(0, name.size() - 5) : name;
+    return TimeOfImageName(job, image) ? image : std::string();
+}
+
+static void ReadOneSidecar(JobFolder &folder, KeptImage &image)
+{
+    const std::string path = SidecarPath(PathOf(folder, image));
+    if (host::NameIsFree(path)) {
+        image.doubt = "it has no sidecar: this job did not make it, or the sidecar was removed";
+        return;
+    }
+    reader::Result<Sidecar> read = ReadSidecar(path);
+    if (!read) {
+        image.doubt = read.fault.text;
+    } else if (read->job != folder.job) {
+        image.doubt = "its sidecar names another job, " + read->job;
+    } else {
+        image.sidecar = std::move(*read);
+        image.time = image.sidecar->startedAt;
+    }
+}
+
+// What the length and the sidecar alone tell.
+static void LookAtFile(const JobFolder &folder, KeptImage &image)
+{
+    if (!image.isThere) {
+        image.isDamaged = image.sidecar.has_value();
+        image.doubt =
+            image.doubt.empty()
+                ? "the image is gone, its sidecar is there: if it was removed on purpose, remove the sidecar too"
+                : image.doubt;
+        return;
+    }
+    if (!image.sidecar) {
+        return;
+    }
+    uint64_t fileBytes = 0;
+    if (const host::Trouble trouble = host::LengthOfFile(PathOf(folder, image), &fileBytes)) {
+        image.doubt = "it can't be looked at: " + *trouble;
+    } else if (fileBytes != image.sidecar->fileBytes) {
+        image.doubt = "it has " + Counted(fileBytes, "byte") + ", not the " + std::to_string(image.sidecar->fileBytes) +
+                      " that it was made with";
+        image.isDamaged = true;
+    } else if (!image.sidecar->isSound) {
+        image.doubt = image.sidecar->damage;
+        image.isDamaged = true;
+    }
+}
+
+// ---- Who stands on whom ----
+
+static size_t IndexOf(const JobFolder &folder, const std::string &name)
+{
+    const auto found = std::find_if(folder.images.begin(), folder.images.end(),
+                                    [&name](const KeptImage &image) { return image.name == name; });
+    return found == folder.images.end() ? noImage : static_cast<size_t>(found - folder.images.begin());
+}
+
+// Bases are made before what stands on them, so that one pass in that order settles all.
+static void LinkImages(JobFolder &folder)
+{
+    for (KeptImage &image : folder.images) {
+        if (!image.sidecar) {
+            continue;
+        }
+        if (image.sidecar->base.empty()) {
+            image.chainLength = image.isThere ? 1 : 0;
+            continue;
+        }
+        image.base = IndexOf(folder, image.sidecar->base);
+        const KeptImage *base = image.base == noImage ? nullptr : &folder.images[image.base];
+        const bool isBroken = base == nullptr || base->chainLength == 0 || base->isDamaged;
+        if (isBroken && image.doubt.empty()) {
+            image.doubt = image.sidecar->base + ", which it stands on, is " +
+                          (base == nullptr || !base->isThere ? "gone" : "damaged");
+            image.isDamaged = true;
+        }
+        image.chainLength = isBroken || !image.isThere ? 0 : base->chainLength + 1;
+    }
+}
+
+reader::Result<JobFolder> ReadJobFolder(const std::string &path, const std::string &job)
+{
+    JobFolder folder;
+    folder.path = path;
+    folder.job = job;
+    std::vector<std::string> names;
+    if (const host::Trouble trouble = host::ListFiles(path, &names)) {
+        return reader::Fault{reader::FaultKind::Unavailable, path + ": it can't be listed: " + *trouble};
+    }
+    reader::Result<JobMemory> memory = ReadMemory(MemoryPath(path, job));
+    if (!memory && memory.fault.kind == reader::FaultKind::Unavailable) {
+        return memory.fault;
+    }
+    if (memory) {
+        folder.memory = std::move(*memory);
+    } else {
+        folder.notes.push_back(memory.fault.text + "; it is begun anew");
+    }
+    std::map<std::string, KeptImage> images;
+    for (const std::string &name : names) {
+        const std::string imageName = ImageNameOf(job, name);
+        if (!imageName.empty()) {
+            KeptImage &image = images[imageName];
+            image.name = imageName;
+            image.time = *TimeOfImageName(job, imageName);
+            image.isThere = image.isThere || name == imageName;
+        } else if (IsLeftover(job, name)) {
+            folder.leftovers.push_back(name);
+        }
+    }
+    for (auto &[name, image] : images) {
+        ReadOneSidecar(folder, image);
+        LookAtFile(folder, image);
+        if (image.isThere || image.sidecar) {
+            folder.images.push_back(std::move(image));
+        }
+    }
+    const auto numberOf = [](const KeptImage &image) { return image.sidecar ? image.sidecar->number : 0; };
+    std::stable_sort(folder.images.begin(), folder.images.end(),
+                     [&](const KeptImage &left, const KeptImage &right) { return numberOf(left) < numberOf(right); });
+    LinkImages(folder);
+    return folder;
+}
+
+// ---- A closer look ----
+
+std::vector<size_t> ChainOf(const JobFolder &folder, size_t image)
+{
+    std::vector<size_t> chain;
+    while (image != noImage && chain.size() < folder.images.size()) {
+        chain.push_back(image);
+        image = folder.images[image].base;
+    }
+    return chain;
+}
+
+void NoteDamage(JobFolder &folder, size_t image, const std::string &what)
+{
+    KeptImage &damaged = folder.images[image];
+    damaged.doubt = damaged.doubt.empty() ? what : damaged.doubt;
+    damaged.isDamaged = true;
+    damaged.chainLength = 0;
+    LinkImages(folder);
+}
+
+// Empty if the file's header, table and trailer are those that the sidecar tells of.
+static std::string DifferenceOfFile(const JobFolder &folder, const KeptImage &image, bool *isDamage)
+{
+    const reader::ImageFacts facts = reader::ReadImageFacts(PathOf(folder, image), false);
+    *isDamage = facts.kind != reader::FileKind::Unreadable;
+    if (facts.kind != reader::FileKind::Image) {
+        return facts.fault ? facts.fault->text : "it is no image";
+    }
+    const std::string base = facts.trailer ? facts.trailer->baseName.c_str() : std::string();
+    const std::string pin = facts.trailer ? IdText(facts.trailer->basePin) : std::string();
+    if (IdText(facts.id) != image.sidecar->identity) {
+        return "it is another image than its sidecar tells of";
+    }
+    return base != image.sidecar->base || pin != image.sidecar->baseIdentity
+               ? "it names another base than its sidecar does"
+               : std::string();
+}
+
+void CheckChainFiles(JobFolder &folder, size_t image)
+{
+    for (const size_t i : ChainOf(folder, image)) {
+        bool isDamage = false;
+        KeptImage &file = folder.images[i];
+        const std::string difference =
+            file.isThere && file.sidecar && file.doubt.empty() ? DifferenceOfFile(folder, file, &isDamage) : "";
+        if (!difference.empty() && isDamage) {
+            NoteDamage(folder, i, difference);
+        } else if (!difference.empty()) {
+            file.doubt = difference;
+        }
+    }
+}
+
+bool IsSound(const KeptImage &image)
+{
+    return image.isThere && image.sidecar && image.doubt.empty() && image.chainLength != 0;
+}
+
+std::vector<RetainedImage> RetainedImagesOf(const JobFolder &folder)
+{
+    std::vector<RetainedImage> images;
+    for (const KeptImage &image : folder.images) {
+        RetainedImage retained;
+        retained.number = image.sidecar ? image.sidecar->number : 0;
+        retained.time = image.time;
+        retained.isOurs = image.sidecar.has_value();
+        retained.isSound = IsSound(image);
+        retained.isDamaged = image.isDamaged;
+        retained.base = image.base;
+        images.push_back(retained);
+    }
+    return images;
+}
+
+size_t NewestSound(const JobFolder &folder)
+{
+    for (size_t i = folder.images.size(); i-- > 0;) {
+        if (IsSound(folder.images[i])) {
+            return i;
+        }
+    }
+    return noImage;
+}

@@ -1,0 +1,64 @@
+// What lies in the folder of a job: its images with what their sidecars say of them, and what dead runs left.
+#pragma once
+
+#include "kestrix-keep/retention.h"
+#include "kestrix-keep/sidecar.h"
+
+#include <optional>
+#include <string>
+#include <vector>
+
+struct KeptImage {
+    std::string name; // of the file
+    int64_t time = 0; // by the clock when it was begun
+    std::optional<Sidecar> sidecar;
+    bool isThere = false;     // false: there is only a sidecar; its image is gone
+    std::string doubt;        // why it can't be counted on; empty: nothing is known against it
+    bool isDamaged = false;   // what is doubted is damage
+    size_t base = noImage;    // index of what it stands on
+    uint32_t chainLength = 0; // images of its chain, itself among them; 0: it is broken
+};
+
+struct JobFolder {
+    std::string path;
+    std::string job;
+    JobMemory memory;
+    std::vector<KeptImage> images;      // in the order in which they were made; those without a sidecar first
+    std::vector<std::string> leftovers; // names that dead runs of this job left
+    std::vector<std::string> notes;
+};
+
+// "JOB-20261122T020005Z.kstx"; and the time in such a name of this job's, if it is one.
+std::string ImageName(const std::string &job, int64_t time);
+std::optional<int64_t> TimeOfImageName(const std::string &job, const std::string &name);
+
+// The name that an image has while it is made: no image's. And what stood before the ending.
+std::string NameInTheMaking(const std::string &imageName);
+
+// What the sidecar's name ends with from the moment on that its image is let go.
+extern const char endingOfWhatGoes[];
+
+// Reads the names, the sidecars and the lengths; no image is opened. A folder that can't be listed, and a memory that
+// can't be read, is a fault.
+reader::Result<JobFolder> ReadJobFolder(const std::string &path, const std::string &job);
+
+// Looks at header, table and trailer of the image and of all that it stands on, and notes what is not as the sidecars
+// say.
+void CheckChainFiles(JobFolder &folder, size_t image);
+
+// Whether the image is there, made by this job, and nothing is known against it and what it stands on.
+bool IsSound(const KeptImage &image);
+
+// Indices of the image and of all that it stands on, as the sidecars have it.
+std::vector<size_t> ChainOf(const JobFolder &folder, size_t image);
+
+// The images as retention sees them, in the same order.
+std::vector<RetainedImage> RetainedImagesOf(const JobFolder &folder);
+
+// The newest image that nothing is known against; noImage where there is none.
+size_t NewestSound(const JobFolder &folder);
+
+std::string PathOf(const JobFolder &folder, const KeptImage &image);
+
+// Notes against an image that it is damaged, and against all that stands on it.
+void NoteDamage(JobFolder &folder, size_t image, const std::string &what);

@@ -1,0 +1,181 @@
+// JSON of a known form; whatever has another is refused as a whole.
+#include "kestrix-keep/sidecar.h"
+
+static constexpr int form = 1;
+
+std::string SidecarPath(const std::string &imagePath)
+{
+    return imagePath + ".json";
+}
+
+std::string MemoryPath(const std::string &folder, const std::string &job)
+{
+    return folder + "/" + job + ".keep.json";
+}
+
+std::string DifferenceOf(const DiskIdentity &left, const DiskIdentity &right)
+{
+    const auto named = [](const std::string &text) { return text.empty() ? std::string("none") : text; };
+    if (left.serial != right.serial) {
+        return "its serial is " + named(right.serial) + ", not " + named(left.serial);
+    }
+    if (left.wwn != right.wwn) {
+        return "its WWN is " + named(right.wwn) + ", not " + named(left.wwn);
+    }
+    if (left.sizeBytes != right.sizeBytes) {
+        return "it has " + Counted(right.sizeBytes, "byte") + ", not " + std::to_string(left.sizeBytes);
+    }
+    if (left.sectorBytes != right.sectorBytes) {
+        return "its sectors have " + Counted(right.sectorBytes, "byte") + ", not " + std::to_string(left.sectorBytes);
+    }
+    return {};
+}
+
+Json JsonOf(const DiskIdentity &disk)
+{
+    return {{"model", disk.model},
+            {"serial", disk.serial},
+            {"wwn", disk.wwn},
+            {"sizeBytes", disk.sizeBytes},
+            {"sectorBytes", disk.sectorBytes}};
+}
+
+Json JsonOf(const Sidecar &sidecar)
+{
+    return {{"form", form},
+            {"job", sidecar.job},
+            {"machine", sidecar.machine},
+            {"number", sidecar.number},
+            {"disk", JsonOf(sidecar.disk)},
+            {"startedAt", sidecar.startedAt},
+            {"endedAt", sidecar.endedAt},
+            {"startedLocal", sidecar.startedLocal},
+            {"base", sidecar.base},
+            {"baseIdentity", sidecar.baseIdentity},
+            {"identity", sidecar.identity},
+            {"fileBytes", sidecar.fileBytes},
+            {"sha256", sidecar.sha256},
+            {"chunks", sidecar.chunks},
+            {"storedChunks", sidecar.storedChunks},
+            {"isSealed", sidecar.isSealed},
+            {"captureLines", sidecar.captureLines},
+            {"notes", sidecar.notes},
+            {"isSound", sidecar.isSound},
+            {"damage", sidecar.damage},
+            {"provedAt", sidecar.provedAt},
+            {"mayNotBeBase", sidecar.mayNotBeBase}};
+}
+
+static DiskIdentity DiskOf(const Json &json)
+{
+    DiskIdentity disk;
+    json.at("model").get_to(disk.model);
+    json.at("serial").get_to(disk.serial);
+    json.at("wwn").get_to(disk.wwn);
+    json.at("sizeBytes").get_to(disk.sizeBytes);
+    json.at("sectorBytes").get_to(disk.sectorBytes);
+    return disk;
+}
+
+// Throws what the library throws.
+static Sidecar SidecarOf(const Json &json)
+{
+    Sidecar sidecar;
+    json.at("job").get_to(sidecar.job);
+    json.at("machine").get_to(sidecar.machine);
+    json.at("number").get_to(sidecar.number);
+    sidecar.disk = DiskOf(json.at("disk"));
+    json.at("startedAt").get_to(sidecar.startedAt);
+    json.at("endedAt").get_to(sidecar.endedAt);
+    json.at("startedLocal").get_to(sidecar.startedLocal);
+    json.at("base").get_to(sidecar.base);
+    json.at("baseIdentity").get_to(sidecar.baseIdentity);
+    json.at("identity").get_to(sidecar.identity);
+    json.at("fileBytes").get_to(sidecar.fileBytes);
+    json.at("sha256").get_to(sidecar.sha256);
+    json.at("chunks").get_to(sidecar.chunks);
+    json.at("storedChunks").get_to(sidecar.storedChunks);
+    json.at("isSealed").get_to(sidecar.isSealed);
+    json.at("captureLines").get_to(sidecar.captureLines);
+    json.at("notes").get_to(sidecar.notes);
+    json.at("isSound").get_to(sidecar.isSound);
+    json.at("damage").get_to(sidecar.damage);
+    json.at("provedAt").get_to(sidecar.provedAt);
+    json.at("mayNotBeBase").get_to(sidecar.mayNotBeBase);
+    return sidecar;
+}
+
+static JobMemory MemoryOf(const Json &json)
+{
+    JobMemory memory;
+    json.at("lastNumber").get_to(memory.lastNumber);
+    json.at("stamps").get_to(memory.stamps);
+    memory.lastReport = json.at("lastReport");
+    memory.places = json.at("places");
+    return memory;
+}
+
+template <typename Value>
+static reader::Result<Value> ParseForm(const std::string &text, const std::string &name, Value (*valueOf)(const Json &))
+{
+    try {
+        const Json json = Json::parse(text);
+        if (json.at("form") != form) {
+            return reader::Fault{reader::FaultKind::Unavailable, name + ": a newer kestrix-keep wrote it"};
+        }
+        return valueOf(json);
+    } catch (const Json::exception &error) {
+        return reader::Fault{reader::FaultKind::Damaged, name + ": it is not what kestrix-keep wrote: " + error.what()};
+    }
+}
+
+template <typename Value>
+static reader::Result<Value> ReadForm(const std::string &path, Value (*valueOf)(const Json &))
+{
+    std::string text;
+    if (const host::Trouble trouble = host::ReadSmallFile(path, &text)) {
+        return reader::Fault{reader::FaultKind::Unavailable, path + ": it can't be read: " + *trouble};
+    }
+    return ParseForm(text, path, valueOf);
+}
+
+static host::Trouble WriteJson(const std::string &path, const Json &json)
+{
+    const std::string text = json.dump(1, ' ', false, Json::error_handler_t::replace) + "\n";
+    host::NewFile file;
+    host::Trouble trouble = host::CreateNewFile(path, host::Existing::GivesWay, &file);
+    trouble = trouble ? trouble : host::WriteAt(file, 0, text.data(), text.size());
+    return trouble ? trouble : host::FinishInPlaceOf(&file);
+}
+
+reader::Result<Sidecar> ParseSidecar(const std::string &text, const std::string &name)
+{
+    return ParseForm(text, name, SidecarOf);
+}
+
+reader::Result<Sidecar> ReadSidecar(const std::string &path)
+{
+    return ReadForm(path, SidecarOf);
+}
+
+host::Trouble WriteSidecar(const std::string &path, const Sidecar &sidecar)
+{
+    return WriteJson(path, JsonOf(sidecar));
+}
+
+reader::Result<JobMemory> ReadMemory(const std::string &path)
+{
+    if (host::NameIsFree(path)) {
+        return JobMemory();
+    }
+    return ReadForm(path, MemoryOf);
+}
+
+host::Trouble WriteMemory(const std::string &path, const JobMemory &memory)
+{
+    return WriteJson(path, {{"form", form},
+                            {"lastNumber", memory.lastNumber},
+                            {"stamps", memory.stamps},
+                            {"lastReport", memory.lastReport},
+                            {"places", memory.places}});
+}

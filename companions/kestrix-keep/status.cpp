@@ -1,0 +1,269 @@
+// Facts first, then what is wrong with them, then the three ways to tell it.
+#include "kestrix-keep/status.h"
+
+#include "kestrix-keep/clock.h"
+#include "kestrix-keep/commands.h"
+#include "kestrix-keep/jobs.h"
+#include "report/report.h"
+
+#include <algorithm>
+
+// ---- Facts ----
+
+// An image is late when half as much time again has gone by as lies between two.
+static void JudgeAge(const Job &job, int64_t now, JobStatus &status)
+{
+    if (status.lastGood.empty()) {
+        status.isOverdue = true;
+        status.problems.push_back("there is no sound image");
+        return;
+    }
+    status.dueAt = status.lastGoodAt + job.everySeconds;
+    status.isOverdue = now > status.dueAt + job.everySeconds / 2;
+    if (status.isOverdue) {
+        status.problems.push_back("the last sound image is " + AgeText(now - status.lastGoodAt) + " old");
+    }
+    if (status.lastGoodAt > now + secondsPerDay) {
+        status.problems.push_back("the time of the last sound image lies in the future: " +
+                                  LocalTimeText(status.lastGoodAt) + "; the clock was or is wrong");
+    }
+}
+
+static void JudgeChain(const Job &job, const JobFolder &folder, size_t newest, int64_t now, JobStatus &status)
+{
+    status.chainLimit = static_cast<uint32_t>(job.newFull.chain);
+    status.chainLength = folder.images[newest].chainLength;
+    status.chainProvedAt = now;
+    for (const size_t i : ChainOf(folder, newest)) {
+        status.chainProvedAt = std::min(status.chainProvedAt, folder.images[i].sidecar->provedAt);
+    }
+    // The next run proves it, and is due itself.
+    if (now - status.chainProvedAt > job.check.wholeEverySeconds + 2 * job.everySeconds) {
+        status.problems.push_back("the chain of the last image was last read whole " +
+                                  AgeText(now - status.chainProvedAt) + " ago");
+    }
+}
+
+static void CountImages(const JobFolder &folder, int64_t now, JobStatus &status)
+{
+    constexpr int64_t month = 30 * secondsPerDay;
+    uint64_t recentBytes = 0;
+    int64_t oldestRecent = now;
+    for (const KeptImage &image : folder.images) {
+        status.images += image.isThere ? 1 : 0;
+        if (image.isDamaged) {
+            ++status.damagedImages;
+            status.problems.push_back(image.name + ": DAMAGED: " + image.doubt);
+        } else if (!image.doubt.empty()) {
+            status.problems.push_back(image.name + ": " + image.doubt);
+        }
+        const uint64_t bytes = image.isThere && image.sidecar ? image.sidecar->fileBytes : 0;
+        status.usedBytes += bytes;
+        // A full image that only begins a chain says nothing of what a day takes.
+        if (bytes != 0 && !image.sidecar->base.empty() && now - image.time < month && image.time <= now) {
+            recentBytes += bytes;
+            oldestRecent = std::min(oldestRecent, image.time);
+        }
+    }
+    const int64_t days = (now - oldestRecent) / secondsPerDay + 1;
+    status.bytesPerDay = recentBytes / static_cast<uint64_t>(days);
+}
+
+static void ReadLastReport(const JobFolder &folder, JobStatus &status)
+{
+    const Json &report = folder.memory.lastReport;
+    if (!report.is_object()) {
+        return;
+    }
+    const Json failure = report.value("failure", Json());
+    status.lastRunFailed = failure.is_string();
+    status.lastRunSays = report.value("startedLocal", "") + ": " +
+                         (failure.is_string() ? "FAILED: " + failure.get<std::string>() : std::string("well"));
+    if (status.lastRunFailed) {
+        status.problems.push_back("the last run failed: " + failure.get<std::string>());
+    }
+}
+
+// A place of copies is late when the images themselves would be.
+static void JudgeCopies(const Job &job, const JobFolder &folder, int64_t now, JobStatus &status)
+{
+    for (const CopyPlace &place : job.copies) {
+        const std::string name = place.rclone.empty() ? place.folder : "rclone:" + place.rclone;
+        const Json known = folder.memory.places.value(name, Json::object()).value("completeAt", Json());
+        const int64_t completeAt = known.is_number_integer() ? known.get<int64_t>() : 0;
+        if (completeAt == 0) {
+            status.problems.push_back(name + ": it never had all the copies that it should");
+        } else if (now - completeAt > job.everySeconds + job.everySeconds / 2) {
+            status.problems.push_back(name + ": it last had all copies " + AgeText(now - completeAt) + " ago");
+        }
+    }
+}
+
+static void AskSpace(const Job &job, JobStatus &status)
+{
+    host::FileSystemFacts facts;
+    if (host::FileSystemOf(job.folder, &facts)) {
+        return;
+    }
+    status.spaceIsKnown = true;
+    status.freeBytes = facts.freeBytes;
+    const bool isElsewhere = (!job.fileSystemUuid.empty() && job.fileSystemUuid != facts.uuid) ||
+                             (!job.fileSystemSource.empty() && job.fileSystemSource != facts.source);
+    if (isElsewhere) {
+        status.problems.push_back(job.folder + ": it lies on another file system than it has to: is the backup disk "
+                                               "mounted?");
+    }
+}
+
+JobStatus FindStatus(const Job &job, int64_t now)
+{
+    JobStatus status;
+    status.job = job.name;
+    status.folder = job.folder;
+    reader::Result<JobFolder> folder = ReadJobFolder(job.folder, job.name);
+    if (!folder) {
+        status.isOverdue = true;
+        status.problems.push_back(folder.fault.text);
+        return status;
+    }
+    const size_t newest = NewestSound(*folder);
+    if (newest != noImage) {
+        status.lastGood = folder->images[newest].name;
+        status.lastGoodAt = folder->images[newest].time;
+        JudgeChain(job, *folder, newest, now, status);
+    }
+    JudgeAge(job, now, status);
+    CountImages(*folder, now, status);
+    ReadLastReport(*folder, status);
+    JudgeCopies(job, *folder, now, status);
+    AskSpace(job, status);
+    return status;
+}
+
+// ---- Telling them ----
+
+Json JsonOf(const JobStatus &status)
+{
+    return {{"job", status.job},
+            {"folder", status.folder},
+            {"isWell", status.problems.empty()},
+            {"problems", status.problems},
+            {"lastGood", status.lastGood.empty() ? Json(nullptr) : Json(status.lastGood)},
+            {"lastGoodAt", status.lastGood.empty() ? Json(nullptr) : Json(status.lastGoodAt)},
+            {"dueAt", status.lastGood.empty() ? Json(nullptr) : Json(status.dueAt)},
+            {"isOverdue", status.isOverdue},
+            {"images", status.images},
+            {"damagedImages", status.damagedImages},
+            {"chainLength", status.chainLength},
+            {"chainLimit", status.chainLimit},
+            {"chainProvedAt", status.lastGood.empty() ? Json(nullptr) : Json(status.chainProvedAt)},
+            {"usedBytes", status.usedBytes},
+            {"freeBytes", status.spaceIsKnown ? Json(status.freeBytes) : Json(nullptr)},
+            {"bytesPerDay", status.bytesPerDay},
+            {"lastRun", status.lastRunSays.empty() ? Json(nullptr) : Json(status.lastRunSays)}};
+}
+
+static void PrintStatus(const JobStatus &status, int64_t now)
+{
+    PrintLine(status.job + ": " + (status.problems.empty() ? "well" : "NOT WELL"));
+    for (const std::string &problem : status.problems) {
+        PrintLine("  ! " + problem);
+    }
+    if (!status.lastGood.empty()) {
+        PrintLine("  last good image: " + status.lastGood + ", " + AgeText(now - status.lastGoodAt) + " old");
+        PrintLine("  next due: " + LocalTimeText(status.dueAt));
+        PrintLine("  its chain: " + Counted(status.chainLength, "image") + " of " + std::to_string(status.chainLimit) +
+                  ", read whole " + AgeText(now - status.chainProvedAt) + " ago");
+    }
+    PrintLine("  images: " + std::to_string(status.images) + ", " + SizeText(status.usedBytes));
+    if (!status.spaceIsKnown) {
+        PrintLine("  room: not known");
+    } else if (status.bytesPerDay == 0) {
+        PrintLine("  room: " + SizeText(status.freeBytes) + "; how long it lasts is not known yet");
+    } else {
+        PrintLine("  room: " + SizeText(status.freeBytes) + ", which lasts for " +
+                  Counted(status.freeBytes / status.bytesPerDay, "day") + " at " + SizeText(status.bytesPerDay) +
+                  " a day, if nothing is let go");
+    }
+    if (!status.lastRunSays.empty()) {
+        PrintLine("  last run: " + status.lastRunSays);
+    }
+}
+
+struct Metric {
+    const char *name;
+    const char *help;
+    uint64_t (*value)(const JobStatus &status);
+};
+
+static const Metric metrics[] = {
+    {"kestrix_job_well", "1 if nothing is wrong with the job.",
+     [](const JobStatus &status) { return uint64_t{status.problems.empty()}; }},
+    {"kestrix_job_overdue", "1 if the last sound image is too old, or there is none.",
+     [](const JobStatus &status) { return uint64_t{status.isOverdue}; }},
+    {"kestrix_job_last_good_timestamp_seconds", "When the newest sound image was begun; 0 if there is none.",
+     [](const JobStatus &status) { return static_cast<uint64_t>(std::max<int64_t>(status.lastGoodAt, 0)); }},
+    {"kestrix_job_images", "Images of the job.", [](const JobStatus &status) { return status.images; }},
+    {"kestrix_job_damaged_images", "Those that are damaged, or gone.",
+     [](const JobStatus &status) { return status.damagedImages; }},
+    {"kestrix_job_chain_length", "Images that the newest sound one needs, itself among them.",
+     [](const JobStatus &status) { return uint64_t{status.chainLength}; }},
+    {"kestrix_job_chain_proved_timestamp_seconds", "When the files of that chain were last read whole.",
+     [](const JobStatus &status) { return static_cast<uint64_t>(std::max<int64_t>(status.chainProvedAt, 0)); }},
+    {"kestrix_job_used_bytes", "Bytes of the job's images.", [](const JobStatus &status) { return status.usedBytes; }},
+    {"kestrix_job_free_bytes", "Free bytes where the job's folder lies.",
+     [](const JobStatus &status) { return status.freeBytes; }},
+    {"kestrix_job_last_run_failed", "1 if the last run failed.",
+     [](const JobStatus &status) { return uint64_t{status.lastRunFailed}; }},
+};
+
+std::string PrometheusText(const std::vector<JobStatus> &jobs)
+{
+    std::string text;
+    for (const Metric &metric : metrics) {
+        const std::string name = metric.name;
+        text += "# HELP " + name + " " + metric.help + "\n# TYPE " + name + " gauge\n";
+        for (const JobStatus &job : jobs) { // whose names need no escape
+            text += name + "{job=\"" + job.job + "\"} " + std::to_string(metric.value(job)) + "\n";
+        }
+    }
+    return text;
+}
+
+static bool WriteTextFile(const std::string &path, const std::string &text)
+{
+    host::NewFile file;
+    host::Trouble trouble = host::CreateNewFile(path, host::Existing::GivesWay, &file);
+    trouble = trouble ? trouble : host::WriteAt(file, 0, text.data(), text.size());
+    trouble = trouble ? trouble : host::FinishInPlaceOf(&file);
+    if (trouble) {
+        PrintFault(path + ": it can't be written: " + *trouble);
+    }
+    return !trouble;
+}
+
+int Status(const KeepOptions &common, const StatusOptions &options)
+{
+    std::vector<Job> jobs;
+    if (!ReadJobs(common.configuration, options.jobs, &jobs)) {
+        return exitCommandLine;
+    }
+    const int64_t now = common.now.value_or(Now());
+    std::vector<JobStatus> all;
+    all.reserve(jobs.size());
+    for (const Job &job : jobs) {
+        all.push_back(FindStatus(job, now));
+    }
+    JsonOutput output(common.json);
+    output.BeginList("jobs");
+    for (const JobStatus &status : all) {
+        output.Item(JsonOf(status));
+        if (!common.json) {
+            PrintStatus(status, now);
+        }
+    }
+    const bool isWritten = options.prometheusFile.empty() || WriteTextFile(options.prometheusFile, PrometheusText(all));
+    const bool isWell =
+        std::all_of(all.begin(), all.end(), [](const JobStatus &status) { return status.problems.empty(); });
+    return isWell && isWritten ? exitWell : exitFailed;
+}

@@ -1,0 +1,37 @@
+// What state a job is in, judged by what lies in its folder and not by what was to be run.
+#pragma once
+
+#include "kestrix-keep/configuration.h"
+#include "kestrix-keep/job_folder.h"
+
+#include <string>
+#include <vector>
+
+struct JobStatus {
+    std::string job;
+    std::string folder;
+    std::vector<std::string> problems; // what is wrong, as sentences; none: all is well
+    std::string lastGood;              // file name of the newest sound image; empty: there is none
+    int64_t lastGoodAt = 0;
+    int64_t dueAt = 0; // when the next image is due; 0: now
+    bool isOverdue = false;
+    uint64_t images = 0;
+    uint64_t damagedImages = 0;
+    uint32_t chainLength = 0; // of the newest sound image
+    uint32_t chainLimit = 0;
+    int64_t chainProvedAt = 0; // when the oldest of its files was last read whole; 0: never
+    uint64_t usedBytes = 0;    // by the job's images
+    bool spaceIsKnown = false;
+    uint64_t freeBytes = 0;
+    uint64_t bytesPerDay = 0; // that the images of the last month took; 0: not known yet
+    bool lastRunFailed = false;
+    std::string lastRunSays; // of the last run: when, and how it ended; empty: there was none
+};
+
+// Looks at the job's folder. Reads names, lengths and sidecars, and opens no image.
+JobStatus FindStatus(const Job &job, int64_t now);
+
+Json JsonOf(const JobStatus &status);
+
+// All jobs in the text format that Prometheus reads, version 0.0.4.
+std::string PrometheusText(const std::vector<JobStatus> &jobs);

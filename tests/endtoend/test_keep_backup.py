@@ -1,0 +1,412 @@
+"""kestrix-keep backup: one run of a job, and what earlier ones left."""
+import glob
+import hashlib
+import json
+import os
+import re
+import shutil
+import stat
+
+import kestrix_image
+from harness import MIB
+from keep_machine import BUSY, COMMAND_LINE, FAILED, WELL, KeepMachineTest, form_of
+
+NOW = 1795312805  # 2026-11-22 02:00:05 UTC
+DAY = 86400
+NAME = "job-20261122T020005Z.kstx"
+DISK = kestrix_image.seeded_disk(4 * MIB + 4096, 1)
+
+
+class BackupTest(KeepMachineTest):
+    def setUp(self):
+        super().setUp()
+        self.system_disk()
+        self.disk(1, DISK)
+        self.card(1, {"model": "Model", "serial": "SERIAL1"})
+        self.place = os.path.join(self.folder, "place")
+        os.mkdir(self.place)
+        self.configure()
+
+    def configure(self, more="", disk='"serial:SERIAL1"', folder=None):
+        self.configuration = os.path.join(self.folder, "keep.toml")
+        with open(self.configuration, "w", encoding="utf-8") as file:
+            file.write(f'[job.job]\ndisk = {disk}\nfolder = "{folder or self.place}"\n{more}\n')
+        os.chmod(self.configuration, 0o600)
+
+    def backup(self, now=NOW, *arguments):
+        """A run with a clock of its own: its exit status and its report."""
+        run = self.keep("backup", "--json", "--quiet", "--now", str(now), "--config", self.configuration, *arguments)
+        self.assertEqual(run.err, b"")
+        said = json.loads(run.out)
+        form_of("backup").validate(said)
+        report, = said["jobs"]
+        self.assertEqual(run.status, report["status"])
+        return run.status, report
+
+    def well(self, now=NOW):
+        status, report = self.backup(now)
+        self.assertEqual(status, WELL, report)
+        return report["image"]
+
+    def names(self):
+        return sorted(name for name in os.listdir(self.place) if not name.startswith("."))
+
+    def image_names(self):
+        return [name for name in self.names() if name.endswith(".kstx")]
+
+    def place_path(self, name):
+        return os.path.join(self.place, name)
+
+    def sidecar(self, name):
+        with open(self.place_path(name + ".json"), encoding="utf-8") as file:
+            return json.load(file)
+
+    def content(self, name):
+        with open(self.place_path(name), "rb") as file:
+            return file.read()
+
+    def change_disk(self, offset, data):
+        with open(self.disk_path(1), "r+b") as file:
+            file.seek(offset)
+            file.write(data)
+        return self.disk_bytes(1)
+
+
+class OneRun(BackupTest):
+    def test_the_first_image_is_full_and_its_sidecar_tells_what_it_is(self):
+        self.assertEqual(self.well(), NAME)
+        self.assertEqual(self.names(), [NAME, NAME + ".json", "job.keep.json"])
+        image = kestrix_image.read_image(self.place_path(NAME))
+        self.assertTrue(image.disk() == DISK)
+        content = self.content(NAME)
+        table = content[:64 + 2 * 72]
+        said = self.sidecar(NAME)
+        self.assertEqual((said["job"], said["number"], said["startedAt"], said["base"]), ("job", 1, NOW, ""))
+        self.assertEqual(said["disk"], {"model": "Model", "serial": "SERIAL1", "wwn": "", "sizeBytes": len(DISK),
+                                        "sectorBytes": 512})
+        self.assertEqual(said["identity"], hashlib.sha256(table).hexdigest())
+        self.assertEqual((said["sha256"], said["fileBytes"]), (hashlib.sha256(content).hexdigest(), len(content)))
+        self.assertTrue(said["isSound"])
+
+    def test_the_next_image_is_thin_on_it_and_holds_the_disk_of_its_night(self):
+        self.well()
+        disk = self.change_disk(4 * MIB, b"changed")
+        name = self.well(NOW + DAY)
+        self.assertEqual(name, "job-20261123T020005Z.kstx")
+        image = kestrix_image.read_image(self.place_path(name))
+        self.assertEqual(image.trailer.baseName, NAME.encode())
+        self.assertTrue(image.disk() == disk)
+        self.assertEqual((self.sidecar(name)["base"], self.sidecar(name)["storedChunks"]), (NAME, 1))
+
+    def test_by_the_other_scheme_each_stands_on_the_one_before(self):
+        self.configure('base = "newest"')
+        first, second, third = (self.well(NOW + i * DAY) for i in range(3))
+        self.assertEqual(self.sidecar(third)["base"], second)
+        self.assertEqual(self.sidecar(second)["base"], first)
+
+    def test_a_dry_run_tells_the_decisions_and_does_nothing(self):
+        self.well()
+        before = {name: self.content(name) for name in os.listdir(self.place)}
+        run = self.keep("backup", "--dry-run", "--now", str(NOW + DAY), "--config", self.configuration)
+        self.assertEqual(run.status, WELL, run.out)
+        self.assertIn(f"a thin image on {NAME}, the newest full image".encode(), run.out)
+        self.assertIn(f"kept: {NAME}: the newest sound image".encode(), run.out)
+        self.assertEqual({name: self.content(name) for name in os.listdir(self.place)}, before)
+
+    def test_images_of_a_job_with_a_password_are_sealed_thin_ones_too(self):
+        password = os.path.join(self.folder, "password")
+        with open(password, "w", encoding="ascii") as file:
+            file.write("secret\n")
+        os.chmod(password, 0o600)
+        self.configure(f'password-file = "{password}"')
+        self.well()
+        name = self.well(NOW + DAY)
+        image = kestrix_image.read_image(self.place_path(name), b"secret")
+        self.assertEqual((image.header.encrypted, image.header.version), (1, 3))
+        self.assertTrue(image.disk() == DISK)
+        self.assertTrue(self.sidecar(name)["isSealed"])
+
+    def test_a_second_image_of_the_same_second_gets_the_next_name(self):
+        self.well()
+        self.assertEqual(self.well(), "job-20261122T020006Z.kstx")
+
+    def test_a_name_is_not_used_again_after_its_image_is_gone(self):
+        self.well()
+        for name in (NAME, NAME + ".json"):
+            os.unlink(self.place_path(name))
+        self.assertEqual(self.well(), "job-20261122T020006Z.kstx")
+
+    def test_no_folder_of_a_run_is_left_behind(self):
+        pattern = os.path.join(os.environ.get("TMPDIR", "/tmp"), "kestrix-keep-*", "devices")
+        before = set(glob.glob(pattern)) | set(glob.glob("/var/lib/kestrix/kestrix-keep-*/devices"))
+        self.well()
+        after = set(glob.glob(pattern)) | set(glob.glob("/var/lib/kestrix/kestrix-keep-*/devices"))
+        self.assertEqual(after - before, set())
+
+    def test_a_folder_that_nothing_is_said_of_is_warned_about(self):
+        _, report = self.backup()
+        self.assertRegex(report["warnings"][0], "set folder-must-be$")
+
+
+class Refusals(BackupTest):
+    def refused(self, text, **options):
+        status, report = self.backup(**options)
+        self.assertEqual((status, report["image"]), (FAILED, None))
+        self.assertRegex(report["failure"], text)
+        self.assertEqual(self.image_names(), [])
+
+    def test_a_folder_on_another_file_system_is_refused(self):
+        self.configure('folder-must-be = "source:elsewhere:/export"')
+        self.refused("not on elsewhere:/export: is the share mounted\\?$")
+        self.configure('folder-must-be = "uuid:12345678-1234-1234-1234-123456789abc"')
+        self.refused("not on 12345678-1234-1234-1234-123456789abc: is the backup disk mounted\\?$")
+
+    def test_a_folder_that_is_not_there_is_refused(self):
+        self.configure(folder="/nowhere/at/all")
+        self.refused("^/nowhere/at/all: it can't be looked at: ")
+
+    def test_a_disk_that_is_not_there_is_named(self):
+        self.configure(disk='"serial:ANOTHER"')
+        self.refused("ANOTHER")
+
+    def test_two_disks_with_the_serial_are_refused(self):
+        self.disk(2, DISK)
+        self.card(2, {"serial": "SERIAL1"})
+        self.refused("SERIAL1")
+
+    def test_a_folder_without_room_is_refused_before_the_capture(self):
+        self.configure(folder=self.small_file_system("60m"))
+        self.refused("^.*: there is room for .*, and the image may take .*$")
+
+    def test_a_faulty_configuration_is_named_and_nothing_is_run(self):
+        self.configure("kepe = 3")
+        run = self.keep("backup", "--config", self.configuration)
+        self.assertEqual(run.status, COMMAND_LINE)
+        self.assertIn(b"keep.toml:4: job.job.kepe: ", run.err)
+        self.assertEqual(self.names(), [])
+
+    def test_a_job_that_is_not_there_is_refused(self):
+        run = self.keep("backup", "another", "--config", self.configuration)
+        self.assertEqual(run.status, COMMAND_LINE)
+        self.assertIn(b"it has no job another\n", run.err)
+
+    def test_a_folder_that_another_run_holds_is_busy(self):
+        lock = self.place_path(".kestrix-keep.lock")
+        with open(lock, "w", encoding="ascii"):
+            pass
+        holder = self.Holder(self, lock)
+        status, report = self.backup()
+        self.assertEqual((status, report["image"]), (BUSY, None))
+        self.assertRegex(report["failure"], "another run holds it$")
+        holder.close()
+        self.well()
+
+    class Holder:
+        def __init__(self, test, path):
+            import fcntl
+            self.file = open(path, "r+b")  # pylint: disable=consider-using-with
+            test.addCleanup(self.file.close)
+            fcntl.flock(self.file, fcntl.LOCK_EX)
+
+        def close(self):
+            self.file.close()
+
+
+class Bases(BackupTest):
+    def test_a_base_whose_length_is_another_is_none_and_the_run_fails(self):
+        self.well()
+        with open(self.place_path(NAME), "ab") as file:
+            file.write(b"more")
+        status, report = self.backup(NOW + DAY)
+        self.assertEqual(status, FAILED)
+        self.assertEqual(self.sidecar(report["image"])["base"], "")
+        self.assertIn(f"{NAME}: DAMAGED", report["failure"])
+
+    def test_a_base_that_is_another_image_is_none(self):
+        self.well()
+        self.change_disk(0, b"other")
+        second = self.well(NOW + 60)
+        shutil.copyfile(self.place_path(second), self.place_path(NAME))
+        status, report = self.backup(NOW + DAY)
+        self.assertEqual(status, FAILED)
+        self.assertIn(NAME, report["failure"])
+
+    def test_a_base_that_was_deleted_makes_the_next_image_full_and_says_why(self):
+        self.well()
+        thin = self.well(NOW + DAY)
+        os.unlink(self.place_path(NAME))
+        status, report = self.backup(NOW + 2 * DAY)
+        self.assertEqual((status, self.sidecar(report["image"])["base"]), (FAILED, ""))
+        self.assertTrue(any(f"{NAME} is no base: the image is gone" in line for line in report["lines"]), report)
+        self.assertTrue(os.path.exists(self.place_path(thin)))
+
+    def test_a_flipped_byte_is_found_when_the_chain_is_due_and_nothing_is_let_go(self):
+        self.configure('keep = { last = 1 }\nnew-full = { every = "1d" }\ncheck = { whole-every = "2d" }')
+        self.well()
+        kestrix_image.flip_byte(self.place_path(NAME), 64 + 2 * 72 + 5)
+        self.configure('keep = { last = 1 }\ncheck = { whole-every = "2d" }')
+        self.well(NOW + DAY)
+        status, report = self.backup(NOW + 3 * DAY)
+        self.assertEqual(status, FAILED)
+        self.assertIn("its SHA-256 is another", report["failure"])
+        self.assertEqual(report["letGo"], [])
+        self.assertFalse(self.sidecar(NAME)["isSound"])
+        self.assertEqual(self.sidecar(self.backup(NOW + 4 * DAY)[1]["image"])["base"], "")
+
+    def test_another_disk_under_the_jobs_name_is_captured_in_full(self):
+        self.configure(disk="1")
+        self.well()
+        self.card(1, {"serial": "SERIAL2"})
+        status, report = self.backup(NOW + DAY)
+        self.assertEqual((status, self.sidecar(report["image"])["base"]), (WELL, ""))
+        self.assertTrue(any("the disk is another: its serial is SERIAL2, not SERIAL1" in line
+                            for line in report["lines"]), report)
+
+
+class LettingGo(BackupTest):
+    def test_what_no_rule_keeps_goes_with_its_sidecar_and_other_files_stay(self):
+        self.configure('keep = { last = 2 }')
+        for name in ("notes.txt", "other-20261101T020005Z.kstx", "job-20261101T020005Z.kstx"):
+            with open(self.place_path(name), "wb") as file:
+                file.write(b"not ours")
+        names = [self.well(NOW + i * DAY) for i in range(4)]
+        self.assertEqual(self.image_names(), sorted([names[0], names[2], names[3], "other-20261101T020005Z.kstx",
+                                                     "job-20261101T020005Z.kstx"]))
+        self.assertFalse(os.path.exists(self.place_path(names[1] + ".json")))
+        self.assertTrue(os.path.exists(self.place_path("notes.txt")))
+
+    def test_a_full_image_goes_when_nothing_stands_on_it_any_more(self):
+        self.configure('keep = { last = 1 }\nnew-full = { every = "1d" }')
+        self.well()
+        status, report = self.backup(NOW + DAY)
+        self.assertEqual((status, report["letGo"]), (WELL, [NAME]))
+        self.assertEqual(self.image_names(), [report["image"]])
+
+
+class DeadRuns(BackupTest):
+    def test_what_a_dead_capture_left_is_removed(self):
+        left = self.place_path("job-20261121T020005Z.kstx.in-the-making")
+        with open(left, "wb") as file:
+            file.write(b"half")
+        _, report = self.backup()
+        self.assertFalse(os.path.exists(left))
+        self.assertTrue(any("this is what it left" in line for line in report["lines"]))
+
+    def test_an_image_that_had_its_sidecar_gets_its_name(self):
+        self.well()
+        os.rename(self.place_path(NAME), self.place_path(NAME + ".in-the-making"))
+        self.assertEqual(self.sidecar(self.well(NOW + DAY))["base"], NAME)
+
+    def test_an_image_that_was_being_let_go_goes(self):
+        self.well()
+        second = self.well(NOW + DAY)
+        os.rename(self.place_path(second + ".json"), self.place_path(second + ".json.let-go"))
+        third = self.well(NOW + 2 * DAY)
+        self.assertEqual(self.image_names(), [NAME, third])
+        self.assertEqual([name for name in self.names() if second in name], [])
+
+    def test_files_of_other_jobs_and_people_are_not_taken_for_leftovers(self):
+        names = ["job2-20261121T020005Z.kstx.in-the-making", "job-x.in-the-making", "job-notes.unfinished"]
+        for name in names:
+            with open(self.place_path(name), "wb") as file:
+                file.write(b"half")
+        self.well()
+        self.assertEqual([name for name in names if os.path.exists(self.place_path(name))], names)
+
+
+class Programs(BackupTest):
+    def hook(self, name, text):
+        path = os.path.join(self.folder, name)
+        with open(path, "w", encoding="ascii") as file:
+            file.write("#!/bin/sh\n" + text)
+        os.chmod(path, stat.S_IRWXU)
+        return path
+
+    def test_the_report_goes_to_the_program_that_wants_it(self):
+        told = os.path.join(self.folder, "told")
+        self.configure(f'on-success = ["{self.hook("good", "cat > " + told)}"]\n'
+                       f'on-failure = ["{self.hook("bad", "exit 9")}"]')
+        name = self.well()
+        with open(told, encoding="utf-8") as file:
+            report = json.load(file)
+        self.assertEqual((report["image"], report["status"], report["job"]), (name, WELL, "job"))
+
+    def test_a_failed_run_is_told_to_the_other_program(self):
+        told = os.path.join(self.folder, "told")
+        self.configure(f'on-failure = ["{self.hook("bad", "cat > " + told)}"]', disk='"serial:ANOTHER"')
+        self.assertEqual(self.backup()[0], FAILED)
+        with open(told, encoding="utf-8") as file:
+            self.assertIn("ANOTHER", json.load(file)["failure"])
+
+    def test_a_program_before_that_fails_ends_the_run(self):
+        self.configure(f'before = ["{self.hook("before", "echo no; exit 3")}", "with", "arguments"]')
+        status, report = self.backup()
+        self.assertEqual((status, self.image_names()), (FAILED, []))
+        self.assertRegex(report["failure"], "before: .* exit status 3$")
+
+    def test_a_program_that_leaves_another_one_running_does_not_hold_the_run(self):
+        self.configure(f'on-success = ["{self.hook("good", "sleep 600 & exit 0")}"]')
+        self.well()
+
+
+class StatusTest(BackupTest):
+    def status(self, now, *arguments):
+        run = self.keep("status", "--json", "--now", str(now), "--config", self.configuration, *arguments)
+        said = json.loads(run.out)
+        form_of("status").validate(said)
+        state, = said["jobs"]
+        return run.status, state
+
+    def test_a_job_without_an_image_is_not_well(self):
+        status, state = self.status(NOW)
+        self.assertEqual((status, state["problems"]), (FAILED, ["there is no sound image"]))
+
+    def test_a_good_image_is_named_with_when_the_next_is_due(self):
+        self.well()
+        status, state = self.status(NOW + 3600)
+        self.assertEqual((status, state["problems"], state["isOverdue"]), (WELL, [], False))
+        self.assertEqual((state["lastGood"], state["lastGoodAt"], state["dueAt"]), (NAME, NOW, NOW + DAY))
+        self.assertEqual((state["images"], state["chainLength"]), (1, 1))
+        self.assertEqual(state["usedBytes"], os.path.getsize(self.place_path(NAME)))
+
+    def test_a_job_is_overdue_after_half_as_much_time_again(self):
+        self.well()
+        self.assertEqual(self.status(NOW + 36 * 3600)[0], WELL)
+        status, state = self.status(NOW + 36 * 3600 + 1)
+        self.assertEqual((status, state["isOverdue"]), (FAILED, True))
+        self.assertEqual(state["problems"], ["the last sound image is 36 hours old"])
+
+    def test_a_failed_run_is_told_until_the_next_good_one(self):
+        self.well()
+        os.rename(self.disk_path(1), self.disk_path(1) + ".away")
+        self.backup(NOW + 60)
+        status, state = self.status(NOW + 120)
+        self.assertEqual(status, FAILED)
+        self.assertRegex(state["problems"][0], "^the last run failed: .*SERIAL1")
+        os.rename(self.disk_path(1) + ".away", self.disk_path(1))
+        self.well(NOW + 180)
+        self.assertEqual(self.status(NOW + 240)[0], WELL)
+
+    def test_a_damaged_image_is_told(self):
+        self.well()
+        os.truncate(self.place_path(NAME), 1000)
+        status, state = self.status(NOW + 60)
+        self.assertEqual((status, state["damagedImages"], state["lastGood"]), (FAILED, 1, None))
+
+    def test_the_lines_for_a_person_say_the_same(self):
+        self.well()
+        run = self.keep("status", "--now", str(NOW + 3600), "--config", self.configuration)
+        self.assertIn(f"job: well\n  last good image: {NAME}, 1 hour old\n".encode(), run.out)
+
+    def test_the_file_for_monitoring_has_each_figure_in_its_form(self):
+        self.well()
+        path = os.path.join(self.folder, "kestrix.prom")
+        self.assertEqual(self.status(NOW, "--prometheus", path)[0], WELL)
+        with open(path, encoding="utf-8") as file:
+            text = file.read()
+        line = re.compile(r'# (HELP|TYPE) [a-z_]+ .+|[a-z_]+\{job="job"\} [0-9]+')
+        self.assertTrue(text.endswith("\n"))
+        for one in text[:-1].split("\n"):
+            self.assertRegex(one, f"^(?:{line.pattern})$")
+        self.assertIn(f'kestrix_job_last_good_timestamp_seconds{{job="job"}} {NOW}\n', text)
+        self.assertIn('kestrix_job_well{job="job"} 1\n', text)

@@ -1,0 +1,189 @@
+"""kestrix-keep's copies: in folders, and by rclone over the network protocols of its own servers."""
+import json
+import os
+import shutil
+import socket
+import subprocess
+import time
+
+import kestrix_image
+from harness import why_no_mounts, needs
+from keep_machine import COMMAND_LINE, FAILED, WELL
+from test_keep_backup import DAY, NAME, NOW, BackupTest
+
+RCLONE = "/usr/bin/rclone"
+
+
+class CopiesTest(BackupTest):
+    def setUp(self):
+        super().setUp()
+        self.there = os.path.join(self.folder, "there")
+        os.mkdir(self.there)
+
+    def there_names(self):
+        return sorted(name for name in os.listdir(self.there) if not name.startswith("."))
+
+    def check_same(self, *names):
+        for name in names:
+            for one in (name, name + ".json"):
+                with open(os.path.join(self.there, one), "rb") as file:
+                    self.assertEqual(file.read(), self.content(one), one)
+
+
+class Folders(CopiesTest):
+    def setUp(self):
+        super().setUp()
+        self.copy_to(self.there)
+
+    def copy_to(self, to, more="", job=""):
+        self.configure(f'copies = [{{ to = "{to}"{more} }}]\n{job}')
+
+    def test_each_image_and_its_sidecar_lie_there_to_the_byte(self):
+        first = self.well()
+        second = self.well(NOW + DAY)
+        self.assertEqual(self.there_names(), sorted([first, first + ".json", second, second + ".json"]))
+        self.check_same(first, second)
+
+    def test_what_was_missed_is_made_up_for_bases_first(self):
+        os.rename(self.there, self.there + ".away")
+        status, report = self.backup()
+        self.assertEqual(status, WELL)
+        self.assertTrue(any("it is made up for next time" in line for line in report["warnings"]), report)
+        second = self.well(NOW + DAY)
+        os.rename(self.there + ".away", self.there)
+        _, report = self.backup(NOW + 2 * DAY)
+        copied = [line.split()[1] for line in report["lines"] if line.startswith("copied: ")]
+        self.assertEqual(copied, [NAME, second, report["image"]])
+
+    def test_a_place_lets_go_by_rules_of_its_own(self):
+        self.copy_to(self.there, ", keep = { last = 1 }", 'new-full = { every = "1d" }')
+        names = [self.well(NOW + i * DAY) for i in range(3)]
+        self.assertEqual(self.there_names(), [names[2], names[2] + ".json"])
+        self.assertEqual(self.image_names(), names)
+
+    def test_other_files_there_stay(self):
+        self.copy_to(self.there, ", keep = { last = 1 }", 'new-full = { every = "1d" }')
+        others = ["job-20260101T020005Z.kstx", "note.txt", "job2-20260101T020005Z.kstx.copying"]
+        for name in others:
+            with open(os.path.join(self.there, name), "wb") as file:
+                file.write(b"not ours")
+        self.well()
+        self.well(NOW + DAY)
+        self.assertEqual([name for name in others if os.path.exists(os.path.join(self.there, name))], others)
+
+    def test_half_a_copy_of_a_dead_run_is_taken_away(self):
+        for name in (NAME + ".copying", "job-20260101T020005Z.kstx.json"):
+            with open(os.path.join(self.there, name), "wb") as file:
+                file.write(b"half")
+        self.well()
+        self.assertEqual(self.there_names(), [NAME, NAME + ".json"])
+
+    @needs(why_no_mounts)
+    def test_a_place_that_is_full_costs_a_line_and_leaves_no_image_there(self):
+        small = self.small_file_system("1m")
+        self.copy_to(small)
+        status, report = self.backup()
+        self.assertEqual((status, os.listdir(small)), (WELL, []))
+        self.assertTrue(any("No space left" in line for line in report["warnings"]), report)
+
+    @needs(why_no_mounts)
+    def test_a_place_whose_disk_is_not_mounted_any_more_is_not_written_to(self):
+        self.must("mount", "-t", "tmpfs", "kestrix-usb", self.there)
+        try:
+            self.well()
+        finally:
+            self.must("umount", self.there)
+        _, report = self.backup(NOW + DAY)
+        self.assertTrue(
+            any("lay on kestrix-usb when it was copied to last" in line for line in report["warnings"]), report)
+        self.assertEqual(self.there_names(), [])
+
+    def test_status_tells_of_a_place_that_lags(self):
+        self.well()
+        shutil.rmtree(self.there)
+        for i in (1, 2):
+            self.well(NOW + i * DAY)
+        run = self.keep("status", "--json", "--now", str(NOW + 2 * DAY), "--config", self.configuration)
+        state, = json.loads(run.out)["jobs"]
+        self.assertEqual((run.status, state["problems"]),
+                         (FAILED, [f"{self.there}: it last had all copies 48 hours ago"]))
+
+
+def free_port():
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]
+
+
+class Remotes(CopiesTest):
+    """A server on the loopback address, over a folder."""
+
+    def serve(self, protocol):
+        self.port = free_port()
+        process = subprocess.Popen([RCLONE, "serve", protocol, self.there, "--addr", f"127.0.0.1:{self.port}",
+                                    "--dir-cache-time=0s",
+                                    *(["--no-auth"] if protocol == "sftp" else [])], stdin=subprocess.DEVNULL,
+                                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        self.addCleanup(process.wait)
+        self.addCleanup(process.kill)
+        for _ in range(200):
+            with socket.socket() as probe:
+                if probe.connect_ex(("127.0.0.1", self.port)) == 0:
+                    return process
+            time.sleep(0.05)
+        return self.fail("the server does not answer")
+
+    @staticmethod
+    def obscured():
+        return subprocess.run([RCLONE, "obscure", "p"], check=True, stdout=subprocess.PIPE, text=True).stdout.strip()
+
+    def copy_by(self, protocol, more=", plain-ok = true"):
+        remote = os.path.join(self.folder, "rclone.conf")
+        lines = {"webdav": f"type = webdav\nurl = http://127.0.0.1:{self.port}\nvendor = other\n",
+                 "sftp": f"type = sftp\nhost = 127.0.0.1\nport = {self.port}\nuser = u\npass = {self.obscured()}\n"
+                         "shell_type = none\n"}[protocol]
+        with open(remote, "w", encoding="ascii") as file:
+            file.write(f"[offsite]\n{lines}")
+        os.environ["RCLONE_CONFIG"] = remote
+        self.addCleanup(os.environ.pop, "RCLONE_CONFIG", None)
+        self.configure(f'copies = [{{ to = "rclone:offsite:images"{more} }}]')
+        self.there = os.path.join(self.there, "images")
+
+    def check_protocol(self, protocol):
+        self.serve(protocol)
+        self.copy_by(protocol)
+        first = self.well()
+        second = self.well(NOW + DAY)
+        self.assertEqual(self.there_names(), sorted([first, first + ".json", second, second + ".json"]))
+        self.check_same(first, second)
+
+    def test_images_go_over_webdav(self):
+        self.check_protocol("webdav")
+
+    def test_images_go_over_sftp(self):
+        self.check_protocol("sftp")
+
+    def test_a_plain_image_does_not_go_to_a_remote_unasked(self):
+        self.serve("webdav")
+        self.copy_by("webdav", "")
+        run = self.keep("backup", "--config", self.configuration)
+        self.assertEqual(run.status, COMMAND_LINE)
+        self.assertRegex(run.err, b"plain-ok = true\n$")
+
+    def test_a_server_that_is_gone_costs_a_line_and_is_made_up_for(self):
+        process = self.serve("webdav")
+        self.copy_by("webdav")
+        process.kill()
+        process.wait()
+        status, report = self.backup()
+        self.assertEqual(status, WELL)
+        self.assertTrue(any("rclone" in line for line in report["warnings"]), report)
+
+    def test_a_copy_that_lost_its_sidecar_is_made_anew(self):
+        self.serve("webdav")
+        self.copy_by("webdav")
+        first = self.well()
+        os.unlink(os.path.join(self.there, first + ".json"))  # so that it is copied again
+        kestrix_image.flip_byte(os.path.join(self.there, first), 100)
+        self.well(NOW + DAY)
+        self.check_same(first)
