@@ -189,7 +189,8 @@ static void CheckStatedDifferences(const ImageFiles &images, const Json &image)
     }
     Law(image["bytesWithoutChunks"] == BytesWithoutChunks(images.files[0]), "the bytes without chunks are there",
         image.dump());
-    Law(!image["badChunks"].empty() || !image["bytesTooMany"].empty() || image["bytesWithoutChunks"] != 0, "what is damaged has a fault", image.dump());
+    Law(!image["badChunks"].empty() || !image["bytesTooMany"].empty() || image["bytesWithoutChunks"] != 0,
+        "what is damaged has a fault", image.dump());
 }
 
 // That a sound image has none of what verify leaves out.
