@@ -32,25 +32,30 @@ enum class Step {
 };
 
 struct RestoreRun {
+    RestoreRun(const KeepOptions &commonOptions, const RestoreOptions &restoreOptions)
+        : common(commonOptions), options(restoreOptions)
+    {
+    }
+
     const KeepOptions &common;
     const RestoreOptions &options;
     bool isScript = false; // everything is given, nobody is asked
-    Conversation talk = {};
-    std::string failure = {};
-    std::vector<FoundImage> images = {};
-    std::optional<FoundImage> image = {};
+    Conversation talk;
+    std::string failure;
+    std::vector<FoundImage> images;
+    std::optional<FoundImage> image;
     std::string audit = "none";
-    std::string passwordFile = {};
-    host::SecretFile secret = {};
-    TargetRules rules = {};
-    host::StartMedium medium = {};
-    std::vector<DiskFacts> disks = {};
-    std::optional<DiskFacts> disk = {};
-    host::HeldDisk held = {};
+    std::string passwordFile;
+    host::SecretFile secret;
+    TargetRules rules;
+    host::StartMedium medium;
+    std::vector<DiskFacts> disks;
+    std::optional<DiskFacts> disk;
+    host::HeldDisk held;
     DiskState state = DiskState::Untouched;
     bool isEqual = false;
     bool isBackupGptMoved = false;
-    std::vector<std::string> remains = {};
+    std::vector<std::string> remains;
 };
 
 } // namespace
@@ -887,7 +892,7 @@ static bool RunSteps(RestoreRun &run)
 
 int Restore(const KeepOptions &common, const RestoreOptions &options)
 {
-    RestoreRun run = {common, options};
+    RestoreRun run(common, options);
     run.isScript = !options.image.empty() && !options.disk.empty() && !options.yesOverwrite.empty();
     if (common.json && !run.isScript) {
         PrintFault("with --json nobody is asked: give --image, --disk and --yes-overwrite");

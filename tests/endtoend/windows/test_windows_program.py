@@ -1,6 +1,6 @@
-"""What the Windows program is made of: the libraries it asks for, how it may be loaded, what it says of itself.
+"""What the Windows programs are made of: the libraries it asks for, how it may be loaded, what it says of itself.
 
-Windows decides from these tables whether the program starts at all, so they are read with another hand than the one
+Windows decides from these tables whether a program starts at all, so they are read with another hand than the one
 that wrote them.
 """
 import os
@@ -15,17 +15,9 @@ from xml.etree import ElementTree
 from harness import ROOT
 from wine import PROGRAM, StartedWindowsProgram
 
-SYSTEM_LIBRARIES = {"KERNEL32.DLL", "MSVCRT.DLL", "BCRYPT.DLL", "OLE32.DLL", "OLEAUT32.DLL"}
 LATE_LIBRARY = "VSSAPI.DLL"
 LOAD_CONFIGURATION = 10  # the place of the load configuration in the table of data directories
 SYSTEM_FOLDER_ALONE = 0x800  # LOAD_LIBRARY_SEARCH_SYSTEM32
-
-
-def readobj(*options):
-    tool = shutil.which("llvm-readobj")
-    if tool is None:
-        raise AssertionError("llvm-readobj is missing")
-    return subprocess.run([tool, *options, PROGRAM], check=True, text=True, stdout=subprocess.PIPE).stdout
 
 
 def project_version():
@@ -33,17 +25,27 @@ def project_version():
         return re.search(r"^project\(Kestrix VERSION (\d+\.\d+\.\d+)", file.read(), re.MULTILINE).group(1)
 
 
-class WindowsProgram(unittest.TestCase):
+class WindowsProgram:
+    """What holds for each program; the class of one says which it is, and the libraries that it may ask for."""
+
     @classmethod
     def setUpClass(cls):
-        with open(PROGRAM, "rb") as file:
+        cls.path = os.path.join(os.path.dirname(PROGRAM), cls.program + ".exe")
+        with open(cls.path, "rb") as file:
             cls.bytes = file.read()
-        cls.headers = readobj("--file-headers")
+        cls.headers = cls.readobj("--file-headers")
+
+    @classmethod
+    def readobj(cls, *options):
+        tool = shutil.which("llvm-readobj")
+        if tool is None:
+            raise AssertionError("llvm-readobj is missing")
+        return subprocess.run([tool, *options, cls.path], check=True, text=True, stdout=subprocess.PIPE).stdout
 
     def imports(self):
         """The names of the libraries, each list with the names of the calls."""
         found = {"Import": {}, "DelayImport": {}}
-        for kind, body in re.findall(r"^(Import|DelayImport) \{\n(.*?)^\}", readobj("--coff-imports"),
+        for kind, body in re.findall(r"^(Import|DelayImport) \{\n(.*?)^\}", self.readobj("--coff-imports"),
                                      re.MULTILINE | re.DOTALL):
             name = re.search(r"^  Name: (\S+)$", body, re.MULTILINE).group(1).upper()
             found[kind][name] = re.findall(r"Symbol: (\w+)", body)
@@ -51,13 +53,9 @@ class WindowsProgram(unittest.TestCase):
 
     def test_it_needs_system_libraries_alone(self):
         imports = self.imports()["Import"]
-        self.assertEqual(set(imports), SYSTEM_LIBRARIES)
-        self.assertIn("CreateFileW", imports["KERNEL32.DLL"])
-        self.assertIn("BCryptEncrypt", imports["BCRYPT.DLL"])
-
-    def test_it_finds_the_snapshot_library_itself(self):
+        self.assertEqual(set(imports), {"KERNEL32.DLL", "MSVCRT.DLL", "BCRYPT.DLL", *self.libraries})
         self.assertEqual(self.imports()["DelayImport"], {})
-        self.assertIn(f"{LATE_LIBRARY}\0".encode("utf-16-le"), self.bytes)
+        self.assertIn("CreateFileW", imports["KERNEL32.DLL"])
 
     def number(self, layout, at):
         return struct.unpack_from(f"<{layout}", self.bytes, at)[0]
@@ -97,7 +95,7 @@ class WindowsProgram(unittest.TestCase):
         # Without relocations the first two would be empty promises.
         self.assertNotIn("IMAGE_FILE_RELOCS_STRIPPED", self.headers)
         self.assertGreater(int(self.header("BaseRelocationTableSize"), 16), 0)
-        sections = readobj("--sections")
+        sections = self.readobj("--sections")
         for body in re.findall(r"Section \{(.*?)\n  \}", sections, re.DOTALL):
             self.assertFalse("IMAGE_SCN_MEM_EXECUTE" in body and "IMAGE_SCN_MEM_WRITE" in body, body)
 
@@ -107,7 +105,7 @@ class WindowsProgram(unittest.TestCase):
 
     def test_it_carries_no_debug_information_no_symbols_no_time_and_no_path_of_the_machine_that_built_it(self):
         self.assertEqual(self.header("SymbolCount"), "0")
-        self.assertNotIn("Name: .debug", readobj("--sections"))
+        self.assertNotIn("Name: .debug", self.readobj("--sections"))
         self.assertIn("(0x0)", self.header("TimeDateStamp"))
         for path in (ROOT.encode(), b"/usr/", b"/build/", b"/home/", b".cpp\0", b".pdb"):
             self.assertNotIn(path, self.bytes)
@@ -120,12 +118,12 @@ class WindowsProgram(unittest.TestCase):
         self.assertEqual(level.attrib, {"level": "asInvoker", "uiAccess": "false"})
         aware, = tree.iter("{http://schemas.microsoft.com/SMI/2016/WindowsSettings}longPathAware")
         self.assertEqual(aware.text, "true")
-        self.assertIn("Type: MANIFEST (ID 24)", readobj("--coff-resources"))
+        self.assertIn("Type: MANIFEST (ID 24)", self.readobj("--coff-resources"))
 
     def test_its_version_is_that_of_the_project(self):
         version = project_version()
         for key, value in (("FileVersion", version), ("ProductVersion", version), ("ProductName", "Kestrix"),
-                           ("OriginalFilename", "kestrix.exe")):
+                           ("OriginalFilename", f"{self.program}.exe")):
             at = self.bytes.find(f"{key}\0".encode("utf-16-le"))
             self.assertGreater(at, 0, key)
             text = self.bytes[at + 2 * len(key) + 2:][:80].lstrip(b"\0")
@@ -134,6 +132,21 @@ class WindowsProgram(unittest.TestCase):
         fixed = self.bytes.find(b"\xbd\x04\xef\xfe")
         words = [int.from_bytes(self.bytes[fixed + 8 + 2 * i:][:2], "little") for i in range(4)]
         self.assertEqual(words, [numbers[1], numbers[0], 0, numbers[2]])
+
+
+class Kestrix(WindowsProgram, unittest.TestCase):
+    program, libraries = "kestrix", {"OLE32.DLL", "OLEAUT32.DLL"}
+
+    def test_it_finds_the_snapshot_library_itself(self):
+        self.assertIn(f"{LATE_LIBRARY}\0".encode("utf-16-le"), self.bytes)
+
+
+class KestrixImage(WindowsProgram, unittest.TestCase):
+    program, libraries = "kestrix-image", {"ADVAPI32.DLL", "SHELL32.DLL"}
+
+
+class KestrixKeep(WindowsProgram, unittest.TestCase):
+    program, libraries = "kestrix-keep", {"ADVAPI32.DLL", "SHELL32.DLL"}
 
 
 class SilentEnd(unittest.TestCase):
