@@ -33,6 +33,7 @@ int Backup(const KeepOptions &common, const BackupOptions &options);
 struct StatusOptions {
     std::vector<std::string> jobs; // none: all
     std::string prometheusFile;    // empty: none is written
+    std::string htmlFile;          // likewise
 };
 int Status(const KeepOptions &common, const StatusOptions &options);
 

@@ -204,34 +204,40 @@ void NoteDamage(JobFolder &folder, size_t image, const std::string &what)
 }
 
 // Empty if the file's header, table and trailer are those that the sidecar tells of.
-static std::string DifferenceOfFile(const JobFolder &folder, const KeptImage &image, bool *isDamage)
+static std::string DifferenceOfFile(const reader::ImageFacts &facts, const Sidecar &sidecar)
 {
-    const reader::ImageFacts facts = reader::ReadImageFacts(PathOf(folder, image), false);
-    *isDamage = facts.kind != reader::FileKind::Unreadable;
     if (facts.kind != reader::FileKind::Image) {
         return facts.fault ? facts.fault->text : "it is no image";
     }
     const std::string base = facts.trailer ? facts.trailer->baseName.c_str() : std::string();
     const std::string pin = facts.trailer ? IdText(facts.trailer->basePin) : std::string();
-    if (IdText(facts.id) != image.sidecar->identity) {
+    if (IdText(facts.id) != sidecar.identity) {
         return "it is another image than its sidecar tells of";
     }
-    return base != image.sidecar->base || pin != image.sidecar->baseIdentity
-               ? "it names another base than its sidecar does"
-               : std::string();
+    return base != sidecar.base || pin != sidecar.baseIdentity ? "it names another base than its sidecar does"
+                                                               : std::string();
+}
+
+void NoteDifference(JobFolder &folder, size_t image, const reader::ImageFacts &facts)
+{
+    KeptImage &file = folder.images[image];
+    if (!file.sidecar || !file.doubt.empty()) {
+        return;
+    }
+    const std::string difference = DifferenceOfFile(facts, *file.sidecar);
+    if (!difference.empty() && facts.kind != reader::FileKind::Unreadable) {
+        NoteDamage(folder, image, difference);
+    } else if (!difference.empty()) {
+        file.doubt = difference;
+    }
 }
 
 void CheckChainFiles(JobFolder &folder, size_t image)
 {
     for (const size_t i : ChainOf(folder, image)) {
-        bool isDamage = false;
-        KeptImage &file = folder.images[i];
-        const std::string difference =
-            file.isThere && file.sidecar && file.doubt.empty() ? DifferenceOfFile(folder, file, &isDamage) : "";
-        if (!difference.empty() && isDamage) {
-            NoteDamage(folder, i, difference);
-        } else if (!difference.empty()) {
-            file.doubt = difference;
+        const KeptImage &file = folder.images[i];
+        if (file.isThere && file.sidecar && file.doubt.empty()) {
+            NoteDifference(folder, i, reader::ReadImageFacts(PathOf(folder, file), false));
         }
     }
 }

@@ -42,6 +42,10 @@ extern const char endingOfWhatGoes[];
 // can't be read, is a fault.
 reader::Result<JobFolder> ReadJobFolder(const std::string &path, const std::string &job);
 
+// Notes against an image what its file, whose facts these are, has otherwise than its sidecar says. Nothing is noted
+// against one that has no sidecar or that something is known against.
+void NoteDifference(JobFolder &folder, size_t image, const reader::ImageFacts &facts);
+
 // Looks at header, table and trailer of the image and of all that it stands on, and notes what is not as the sidecars
 // say.
 void CheckChainFiles(JobFolder &folder, size_t image);

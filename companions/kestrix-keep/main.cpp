@@ -63,6 +63,8 @@ static void AddStatus(CLI::App &app, KeepCommandLine &line)
     command->add_option("JOB", line.status.jobs, "Jobs of the configuration; all, if none is given");
     command->add_option("--prometheus", line.status.prometheusFile, "Also write the figures for monitoring")
         ->type_name("FILE");
+    command->add_option("--html", line.status.htmlFile, "Also write a page with drawings; reads the images' tables")
+        ->type_name("FILE");
     AddCommon(command, line);
     AddConfiguration(command, line);
     command->callback([&line] { line.run = [&line] { return Status(line.common, line.status); }; });

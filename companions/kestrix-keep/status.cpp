@@ -4,6 +4,7 @@
 #include "kestrix-keep/clock.h"
 #include "kestrix-keep/commands.h"
 #include "kestrix-keep/jobs.h"
+#include "kestrix-keep/status_page.h"
 #include "report/report.h"
 
 #include <algorithm>
@@ -115,29 +116,43 @@ static void AskSpace(const Job &job, JobStatus &status)
     }
 }
 
-JobStatus FindStatus(const Job &job, int64_t now)
+JobStatus StatusOf(const Job &job, const JobFolder &folder, int64_t now)
 {
     JobStatus status;
     status.job = job.name;
     status.folder = job.folder;
-    reader::Result<JobFolder> folder = ReadJobFolder(job.folder, job.name);
-    if (!folder) {
-        status.isOverdue = true;
-        status.problems.push_back(folder.fault.text);
-        return status;
-    }
-    const size_t newest = NewestSound(*folder);
+    const size_t newest = NewestSound(folder);
     if (newest != noImage) {
-        status.lastGood = folder->images[newest].name;
-        status.lastGoodAt = folder->images[newest].time;
-        JudgeChain(job, *folder, newest, now, status);
+        status.lastGood = folder.images[newest].name;
+        status.lastGoodAt = folder.images[newest].time;
+        JudgeChain(job, folder, newest, now, status);
     }
     JudgeAge(job, now, status);
-    CountImages(*folder, now, status);
-    ReadLastReport(*folder, status);
-    JudgeCopies(job, *folder, now, status);
+    CountImages(folder, now, status);
+    ReadLastReport(folder, status);
+    JudgeCopies(job, folder, now, status);
     AskSpace(job, status);
     return status;
+}
+
+// Reads names, lengths and sidecars. An image is opened only where the tables are wanted.
+static PageJob LookAtJob(const KeepOptions &common, const Job &job, int64_t now, bool readsTables)
+{
+    PageJob looked;
+    reader::Result<JobFolder> folder = ReadJobFolder(job.folder, job.name);
+    if (!folder) {
+        looked.status.job = job.name;
+        looked.status.folder = job.folder;
+        looked.status.isOverdue = true;
+        looked.status.problems.push_back(folder.fault.text);
+        return looked;
+    }
+    looked.folder = std::move(*folder);
+    if (readsTables) {
+        looked.strips = ReadStrips(looked.folder, !common.quiet);
+    }
+    looked.status = StatusOf(job, looked.folder, now);
+    return looked;
 }
 
 // ---- Telling them ----
@@ -163,6 +178,18 @@ Json JsonOf(const JobStatus &status)
             {"lastRun", status.lastRunSays.empty() ? Json(nullptr) : Json(status.lastRunSays)}};
 }
 
+std::string RoomText(const JobStatus &status)
+{
+    if (!status.spaceIsKnown) {
+        return "not known";
+    }
+    if (status.bytesPerDay == 0) {
+        return SizeText(status.freeBytes) + "; how long it lasts is not known yet";
+    }
+    return SizeText(status.freeBytes) + ", which lasts for " + Counted(status.freeBytes / status.bytesPerDay, "day") +
+           " at " + SizeText(status.bytesPerDay) + " a day, if nothing is let go";
+}
+
 static void PrintStatus(const JobStatus &status, int64_t now)
 {
     PrintLine(status.job + ": " + (status.problems.empty() ? "well" : "NOT WELL"));
@@ -176,15 +203,7 @@ static void PrintStatus(const JobStatus &status, int64_t now)
                   ", read whole " + AgeText(now - status.chainProvedAt) + " ago");
     }
     PrintLine("  images: " + std::to_string(status.images) + ", " + SizeText(status.usedBytes));
-    if (!status.spaceIsKnown) {
-        PrintLine("  room: not known");
-    } else if (status.bytesPerDay == 0) {
-        PrintLine("  room: " + SizeText(status.freeBytes) + "; how long it lasts is not known yet");
-    } else {
-        PrintLine("  room: " + SizeText(status.freeBytes) + ", which lasts for " +
-                  Counted(status.freeBytes / status.bytesPerDay, "day") + " at " + SizeText(status.bytesPerDay) +
-                  " a day, if nothing is let go");
-    }
+    PrintLine("  room: " + RoomText(status));
     if (!status.lastRunSays.empty()) {
         PrintLine("  last run: " + status.lastRunSays);
     }
@@ -249,10 +268,13 @@ int Status(const KeepOptions &common, const StatusOptions &options)
         return exitCommandLine;
     }
     const int64_t now = common.now.value_or(Now());
+    PageFacts page;
+    page.madeAt = now;
+    page.machine = host::MachineName();
     std::vector<JobStatus> all;
-    all.reserve(jobs.size());
     for (const Job &job : jobs) {
-        all.push_back(FindStatus(job, now));
+        page.jobs.push_back(LookAtJob(common, job, now, !options.htmlFile.empty()));
+        all.push_back(page.jobs.back().status);
     }
     JsonOutput output(common.json);
     output.BeginList("jobs");
@@ -262,7 +284,8 @@ int Status(const KeepOptions &common, const StatusOptions &options)
             PrintStatus(status, now);
         }
     }
-    const bool isWritten = options.prometheusFile.empty() || WriteTextFile(options.prometheusFile, PrometheusText(all));
+    bool isWritten = options.prometheusFile.empty() || WriteTextFile(options.prometheusFile, PrometheusText(all));
+    isWritten = (options.htmlFile.empty() || WriteTextFile(options.htmlFile, StatusPage(page))) && isWritten;
     const bool isWell =
         std::all_of(all.begin(), all.end(), [](const JobStatus &status) { return status.problems.empty(); });
     return isWell && isWritten ? exitWell : exitFailed;

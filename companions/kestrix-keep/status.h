@@ -28,8 +28,11 @@ struct JobStatus {
     std::string lastRunSays; // of the last run: when, and how it ended; empty: there was none
 };
 
-// Looks at the job's folder. Reads names, lengths and sidecars, and opens no image.
-JobStatus FindStatus(const Job &job, int64_t now);
+// What the images in the job's folder, which was read, come to.
+JobStatus StatusOf(const Job &job, const JobFolder &folder, int64_t now);
+
+// The room that there is and for how long it lasts, in words.
+std::string RoomText(const JobStatus &status);
 
 Json JsonOf(const JobStatus &status);
 

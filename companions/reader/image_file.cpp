@@ -124,9 +124,7 @@ static bool ReadHeader(const host::Source &source, ImageFacts *facts)
     return true;
 }
 
-using TakeEntries = std::function<void(const ChunkEntry *entries, uint64_t first, uint64_t count)>;
-
-static bool ReadTable(const host::Source &source, ImageFacts *facts, const TakeEntries &take)
+static bool ReadTable(const host::Source &source, ImageFacts *facts, const TakeTable &take)
 {
     const uint64_t chunkCount = facts->header.chunkCount;
     std::vector<ChunkEntry> piece(static_cast<size_t>(std::min(chunkCount, entriesPerPiece)));
@@ -147,7 +145,7 @@ static bool ReadTable(const host::Source &source, ImageFacts *facts, const TakeE
             facts->dataEnd += piece[i].storedLength;
             ++(piece[i].storedLength == 0 ? facts->referredChunks : facts->storedChunks);
         }
-        take(piece.data(), first, count);
+        take(facts->header, piece.data(), first, count);
     }
     facts->id = digesting.Finish();
     facts->hasTable = true;
@@ -225,7 +223,7 @@ static void CompareWithSize(const host::Source &source, ImageFacts *facts)
 }
 
 // Fills facts, whose path is set, from the open file; take gets the table.
-static void ReadRegions(const host::Source &source, ImageFacts *facts, const TakeEntries &take)
+static void ReadRegions(const host::Source &source, ImageFacts *facts, const TakeTable &take)
 {
     facts->fileBytes = source.sizeBytes;
     facts->identity = source.identity;
@@ -234,21 +232,30 @@ static void ReadRegions(const host::Source &source, ImageFacts *facts, const Tak
     }
 }
 
-ImageFacts ReadImageFacts(const std::string &path, bool countsZeros)
+ImageFacts ReadImageTable(const std::string &path, const TakeTable &take)
 {
     ImageFacts facts;
     host::Source source;
-    ZeroChunks zeroChunks;
     facts.path = path;
     if (const host::Trouble trouble = host::OpenFileToRead(path, host::Caching::Cached, &source)) {
         Refuse(&facts, FileKind::Unreadable, "it can't be opened: " + *trouble);
         return facts;
     }
-    ReadRegions(source, &facts, [&](const ChunkEntry *entries, uint64_t first, uint64_t count) {
-        for (uint64_t i = 0; countsZeros && i < count; ++i) {
-            facts.zeroChunks += zeroChunks.Has(facts.header, entries[i], first + i) ? 1 : 0;
-        }
-    });
+    ReadRegions(source, &facts, take);
+    return facts;
+}
+
+ImageFacts ReadImageFacts(const std::string &path, bool countsZeros)
+{
+    ZeroChunks known;
+    uint64_t zeroChunks = 0;
+    ImageFacts facts =
+        ReadImageTable(path, [&](const ImageHeader &header, const ChunkEntry *entries, uint64_t first, uint64_t count) {
+            for (uint64_t i = 0; countsZeros && i < count; ++i) {
+                zeroChunks += known.Has(header, entries[i], first + i) ? 1 : 0;
+            }
+        });
+    facts.zeroChunks = zeroChunks;
     return facts;
 }
 
@@ -288,9 +295,10 @@ Result<ImageFile> OpenImageFile(const std::string &path, host::Caching caching, 
     if (const host::Trouble trouble = host::OpenFileToRead(path, caching, &image.source)) {
         return Fault{FaultKind::Unavailable, path + ": it can't be opened: " + *trouble};
     }
-    ReadRegions(image.source, &image.facts, [&](const ChunkEntry *entries, uint64_t first, uint64_t count) {
-        KeepEntries(&image, &offset, entries, first, count);
-    });
+    ReadRegions(image.source, &image.facts,
+                [&](const ImageHeader &, const ChunkEntry *entries, uint64_t first, uint64_t count) {
+                    KeepEntries(&image, &offset, entries, first, count);
+                });
     const bool isWhole = image.facts.kind == FileKind::Image;
     const bool isTolerated = toleratesTrailer && image.facts.kind == FileKind::Damaged && image.facts.hasTable;
     if (!isWhole && !isTolerated) {

@@ -111,6 +111,14 @@ uint64_t TrackerEpoch(const ImageHeader &header);
 // Looks at header, table and trailer of the file at path. countsZeros: digests are compared with those of zeros.
 ImageFacts ReadImageFacts(const std::string &path, bool countsZeros);
 
+// Gets count entries of a table at a time, in order: those from index first on.
+using TakeTable =
+    std::function<void(const ImageHeader &header, const ChunkEntry *entries, uint64_t first, uint64_t count)>;
+
+// The same, and take gets the table as it goes by; none of it is kept. take has got the whole table where hasTable says
+// that there is one.
+ImageFacts ReadImageTable(const std::string &path, const TakeTable &take);
+
 // Knows chunks of nothing but zeros by their digest.
 struct ZeroChunks {
     // True if the entry of chunk i has the digest of zeros.
