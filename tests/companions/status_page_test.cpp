@@ -261,6 +261,26 @@ TEST(ChangeStrip, ComparesNoTablesOfDifferentDisks)
     EXPECT_TRUE(Take(maker, {{1, true}, {2, true}, {3, true}}).changedChunks);
 }
 
+TEST(ChangeStrip, ComparesNoTablesOfDifferentChunks)
+{
+    reader::ImageFacts facts;
+    facts.kind = reader::FileKind::Image;
+    facts.hasTable = true;
+    const ChunkEntry table[3] = {};
+    StripMaker maker;
+    const auto take = [&](uint64_t chunks, uint32_t chunkSize) {
+        facts.header = Header(chunks);
+        facts.header.chunkSize = chunkSize;
+        facts.header.diskSize = 1024;
+        maker.Take(facts.header, table, 0, chunks);
+        return maker.Finish(facts).changedChunks;
+    };
+    take(2, 512);
+    EXPECT_FALSE(take(2, 1024));
+    EXPECT_FALSE(take(3, 1024)); // as no right writer would have it
+    EXPECT_TRUE(take(3, 1024));
+}
+
 TEST(ChangeStrip, ComparesNothingWithATableThatBrokeOff)
 {
     StripMaker maker;

@@ -6,6 +6,7 @@ import os
 import re
 import shutil
 import subprocess
+import zlib
 from xml.etree import ElementTree
 
 import kestrix_image
@@ -218,6 +219,8 @@ class ThePage(PageTest):
         states = {row[0]: row[6].partition(":")[0] for row in self.rows(root)}
         self.assertEqual([states[name] for name in nights.names],
                          ["sound", "in doubt", "sound", "gone", "damaged", "damaged"])
+        compared = {row[0]: row[5] != "not compared" for row in self.rows(root)}
+        self.assertEqual([compared[name] for name in nights.names], [False, False, True, False, True, True])
 
     def test_what_sidecars_claim_is_text_and_nothing_else(self):
         nights = self.nights(4)
@@ -330,6 +333,15 @@ class TheDrawing(PageTest):
         self.assertEqual(done.returncode, 0, done.stderr)
         return done.stdout
 
+    @staticmethod
+    def colours(content):
+        """The colours, each of three bytes, that a PDF file fills with."""
+        found = set()
+        for stream in re.findall(rb"/FlateDecode.*?stream\r?\n(.*?)endstream", content, re.DOTALL):
+            for colour in re.findall(rb"([\d.]+) ([\d.]+) ([\d.]+) rg", zlib.decompressobj().decompress(stream)):
+                found.add(tuple(round(float(part) * 255) for part in colour))
+        return found
+
     def measured(self, names, widths, *arguments):
         frames = [(name, width) for name in names for width in widths]
         path = os.path.join(self.folder, "measure.html")
@@ -380,11 +392,16 @@ class TheDrawing(PageTest):
         path = os.path.join(self.folder, "closed.html")
         with open(path, "w", encoding="utf-8") as file:
             file.write(re.sub("<table>.*</table>", "<table></table>", text, flags=re.DOTALL))
+        light, dark = (tuple(int(digits, 16) for digits in re.findall("..", ink))
+                       for ink in re.findall("--ink: #([0-9a-f]{6})", text))
         pages = {}
         for source in (name, "closed"):
             out = os.path.join(self.folder, source + ".pdf")
             self.chromium("--blink-settings=preferredColorScheme=0", "--no-pdf-header-footer", f"--print-to-pdf={out}",
                           "file://" + os.path.join(self.folder, source + ".html"))
             with open(out, "rb") as file:
-                pages[source] = len(re.findall(rb"/Type\s*/Page\b", file.read()))
+                content = file.read()
+            pages[source] = len(re.findall(rb"/Type\s*/Page\b", content))
+            self.assertIn(light, self.colours(content))
+            self.assertNotIn(dark, self.colours(content))
         self.assertGreater(pages[name], pages["closed"] + 4)
