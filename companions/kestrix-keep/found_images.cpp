@@ -204,8 +204,8 @@ Json JsonOf(const FoundImage &image)
         needs.push_back(part.name);
     }
     return {{"path", image.path},
-            {"diskBytes", image.facts.header.diskSize},
-            {"sectorBytes", image.facts.header.sectorSize},
+            {"diskBytes", uint64_t{image.facts.header.diskSize}},
+            {"sectorBytes", uint32_t{image.facts.header.sectorSize}},
             {"sealed", image.isSealed},
             {"needs", needs},
             {"madeAt", image.sidecar ? Json(image.sidecar->startedLocal) : Json(nullptr)},

@@ -13,6 +13,7 @@ import subprocess
 import time
 
 import kestrix_image
+from harness import SANITIZERS
 
 FIRST_NIGHT = 1767229200  # 2026-01-01 01:00 UTC
 DAY = 86400
@@ -22,7 +23,7 @@ CHECK_EVERY = 7 * DAY
 SLACK = 2 * 3600  # by which a clock may be ahead
 DISK_BYTES = (4 << 20) + (128 << 10)  # two chunks, the second one short
 
-ENVIRONMENT = {"PATH": os.environ["PATH"], "TZ": "Europe/Berlin"}
+ENVIRONMENT = {**SANITIZERS, **os.environ, "TZ": "Europe/Berlin"}
 
 EVENTS = {"nothing": 40, "kill keep": 10, "kill kestrix": 6, "folder missing": 4, "folder read-only": 3,
           "folder full": 3, "disk gone": 3, "disk renumbered": 4, "disk replaced": 2, "byte flipped": 2,
