@@ -83,6 +83,40 @@ static bool RunsPrograms(const std::string &parent)
            access(parent.c_str(), W_OK | X_OK) == 0;
 }
 
+// Until it is locked, another process may take a new folder for a dead one's and remove it.
+static bool LockNewFolder(HeldDiskState &state, const std::string &path)
+{
+    struct stat locked = {};
+    struct stat found = {};
+    state.lock = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
+    const bool isHeld = state.lock >= 0 && flock(state.lock, LOCK_SH) == 0 && fstat(state.lock, &locked) == 0 &&
+                        lstat(path.c_str(), &found) == 0 && found.st_dev == locked.st_dev &&
+                        found.st_ino == locked.st_ino;
+    if (!isHeld && state.lock >= 0) {
+        close(state.lock);
+        state.lock = -1;
+    }
+    return isHeld;
+}
+
+// A folder of our own in the parent, locked.
+static bool MakeFolderIn(HeldDiskState &state, const std::string &parent)
+{
+    constexpr int mostTries = 16;
+    for (int i = 0; i < mostTries; ++i) {
+        std::string path = parent + "/" + folderPrefix + "XXXXXX";
+        if (mkdtemp(path.data()) == nullptr) {
+            return false;
+        }
+        if (LockNewFolder(state, path)) {
+            state.folder = path;
+            return true;
+        }
+        rmdir(path.c_str()); // if it is still there
+    }
+    return false;
+}
+
 static Trouble MakeFolder(HeldDiskState &state)
 {
     const char *temporary = getenv("TMPDIR");
@@ -93,11 +127,8 @@ static Trouble MakeFolder(HeldDiskState &state)
             continue;
         }
         RemoveDeadFolders(parent);
-        std::string path = parent + "/" + folderPrefix + "XXXXXX";
-        if (mkdtemp(path.data()) != nullptr) {
-            state.folder = path;
-            state.lock = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-            return state.lock >= 0 && flock(state.lock, LOCK_SH | LOCK_NB) == 0 ? Trouble() : SystemText(errno);
+        if (MakeFolderIn(state, parent)) {
+            return {};
         }
     }
     return "there is no folder that programs may be run from: make /var/lib/kestrix, on a file system that is not "

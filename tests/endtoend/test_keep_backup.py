@@ -6,9 +6,10 @@ import os
 import re
 import shutil
 import stat
+import time
 
 import kestrix_image
-from harness import MIB
+from harness import MIB, Started
 from keep_machine import BUSY, COMMAND_LINE, FAILED, WELL, KeepMachineTest, form_of
 
 NOW = 1795312805  # 2026-11-22 02:00:05 UTC
@@ -212,6 +213,46 @@ class Refusals(BackupTest):
             self.file.close()
 
 
+class FailingLocks(BackupTest):
+    """The program under strace, which makes its calls fail or wait."""
+
+    def traced(self, now, *rules):
+        command = ["strace", "-o", os.path.join(self.folder, "trace"), "-e", "trace=flock", *rules, self.keepProgram,
+                   "backup", "--json", "--quiet", "--now", str(now), "--config", self.configuration]
+        started = Started(command, self.images)
+        self.addCleanup(self.end, started)
+        return started
+
+    def without_locks(self):
+        run = self.traced(NOW, "-e", "inject=flock:error=ENOLCK", "-P", self.place_path(".kestrix-keep.lock")).finish()
+        report, = json.loads(run.out)["jobs"]
+        return run.status, report
+
+    def test_a_folder_whose_file_system_knows_no_locks_is_refused(self):
+        status, report = self.without_locks()
+        self.assertEqual((status, self.image_names()), (FAILED, []))
+        self.assertRegex(report["failure"], "knows no locks: folder-without-locks = true takes it nevertheless$")
+
+    def test_a_folder_without_locks_is_taken_with_a_warning_where_the_job_allows_it(self):
+        self.configure("folder-without-locks = true")
+        status, report = self.without_locks()
+        self.assertEqual((status, self.image_names()), (WELL, [NAME]))
+        self.assertIn("its file system knows no locks; that no other run is there is not known",
+                      "".join(report["warnings"]))
+
+    def test_a_run_whose_new_folder_for_the_disk_another_run_took_for_a_dead_ones_makes_another(self):
+        elsewhere = os.path.join(self.folder, "elsewhere")
+        os.mkdir(elsewhere)
+        self.configuration = shutil.copy2(self.configuration, os.path.join(self.folder, "slow.toml"))
+        slow = self.traced(NOW, "-e", "inject=flock:delay_enter=400ms")
+        self.configure(folder=elsewhere)
+        until = time.monotonic() + 1.5
+        while slow.process.poll() is None and time.monotonic() < until:
+            self.assertEqual(self.backup()[0], WELL)
+        self.assertEqual(slow.finish().status, WELL)
+        self.assertEqual(self.image_names(), [NAME])
+
+
 class Bases(BackupTest):
     def test_a_base_whose_length_is_another_is_none_and_the_run_fails(self):
         self.well()
@@ -251,7 +292,7 @@ class Bases(BackupTest):
         self.assertIn("its SHA-256 is another", report["failure"])
         self.assertEqual(report["letGo"], [])
         self.assertFalse(self.sidecar(NAME)["isSound"])
-        self.assertEqual(self.sidecar(self.backup(NOW + 4 * DAY)[1]["image"])["base"], "")
+        self.assertEqual(self.sidecar(report["image"])["base"], "")
 
     def test_another_disk_under_the_jobs_name_is_captured_in_full(self):
         self.configure(disk="1")
