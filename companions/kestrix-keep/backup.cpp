@@ -1,9 +1,9 @@
 // One run of a job.
 //
 // The steps: the program before; the folder's file system; its lock; the disk, held; what lies in the folder, and what
-// dead runs left of it; full or thin, and on what; room; the capture under a name that is no image's; the audit of what
-// it wrote; sidecar and final name; the chain, where its audit is due; what is let go; the report, and the programs
-// that want it. What fails ends the run, but for the report.
+// dead runs left of it; full or thin, and on what, which is read whole first where that is due; room; the capture under
+// a name that is no image's; the audit of what it wrote; sidecar and final name; the chain as one, where its audit is
+// due; what is let go; the report, and the programs that want it. What fails ends the run, but for the report.
 #include "kestrix-keep/backup.h"
 
 #include "kestrix-keep/audit.h"
@@ -29,6 +29,7 @@ struct Run {
     host::HeldDisk held;
     JobFolder folder;
     CapturePlan plan;
+    bool chainIsDue = false; // its files were read whole in this run; the audit of the chain as one is still to come
 };
 
 // ---- Saying what is done ----
@@ -211,19 +212,98 @@ static bool ReadFolder(Run &run)
     return true;
 }
 
+// ---- Files read whole ----
+
+static host::Trouble StoreSidecar(const Run &run, const KeptImage &image)
+{
+    return WriteSidecar(SidecarPath(PathOf(run.folder, image)), *image.sidecar);
+}
+
+// Notes damage for this run and for those to come.
+static void KeepDamage(Run &run, size_t index, const std::string &damage)
+{
+    KeptImage &image = run.folder.images[index];
+    image.sidecar->isSound = false;
+    image.sidecar->damage = damage;
+    if (const host::Trouble trouble = StoreSidecar(run, image)) {
+        Warn(run, SidecarPath(PathOf(run.folder, image)) + ": " + *trouble);
+    }
+    NoteDamage(run.folder, index, damage);
+}
+
+// Reads the whole file, and writes into its sidecar what came of it.
+static void ProveFile(Run &run, size_t index)
+{
+    KeptImage &image = run.folder.images[index];
+    reader::Result<FileDigest> digest = DigestFile(PathOf(run.folder, image), host::Caching::Medium);
+    if (!digest && digest.fault.kind == reader::FaultKind::Unavailable) {
+        Warn(run, digest.fault.text);
+        return;
+    }
+    if (!digest || digest->sha256 != image.sidecar->sha256) {
+        const std::string damage =
+            digest ? image.name + ": it is no longer what was written: its SHA-256 is another" : digest.fault.text;
+        KeepDamage(run, index, damage);
+        Fail(run, damage);
+        return;
+    }
+    image.sidecar->provedAt = TimeNow(run);
+    if (const host::Trouble trouble = StoreSidecar(run, image)) {
+        Warn(run, SidecarPath(PathOf(run.folder, image)) + ": " + *trouble);
+    }
+}
+
+// When the oldest proof of a chain's files was made. A proof from the future proves nothing.
+static int64_t ChainProvedAt(const Run &run, size_t image)
+{
+    int64_t oldest = TimeNow(run);
+    for (const size_t i : ChainOf(run.folder, image)) {
+        const KeptImage &one = run.folder.images[i];
+        const int64_t provedAt = one.sidecar ? one.sidecar->provedAt : 0;
+        oldest = std::min(oldest, provedAt > TimeNow(run) + secondsPerDay ? 0 : provedAt);
+    }
+    return oldest;
+}
+
+static bool ChainIsProved(const Run &run, size_t image)
+{
+    return image != noImage && TimeNow(run) - ChainProvedAt(run, image) < run.job.check.wholeEverySeconds;
+}
+
+// A file that was changed since it was made is found before anything stands on it.
+static void ProveBase(Run &run)
+{
+    const size_t base = run.plan.base;
+    if (run.options.isDryRun || ChainIsProved(run, base)) {
+        return;
+    }
+    Say(run, run.folder.images[base].name + " and all that it stands on are read whole first, since that is due");
+    for (const size_t i : ChainOf(run.folder, base)) {
+        ProveFile(run, i);
+    }
+    run.chainIsDue = true;
+}
+
 // ---- The capture ----
+
+static bool MayBeBase(const Run &run)
+{
+    const KeptImage &base = run.folder.images[run.plan.base];
+    return base.doubt.empty() && base.chainLength != 0;
+}
 
 // A base is looked at before it is one; what is found against it may leave another one, or none.
 static void DecideKind(Run &run)
 {
-    for (;;) {
+    for (bool isSettled = false; !isSettled;) {
         run.plan = MakePlan(run.job, run.folder, run.disk, TimeNow(run));
         if (run.plan.base == noImage) {
             break;
         }
         CheckChainFiles(run.folder, run.plan.base);
-        if (run.folder.images[run.plan.base].doubt.empty() && run.folder.images[run.plan.base].chainLength != 0) {
-            break;
+        if (MayBeBase(run)) {
+            ProveBase(run);
+            isSettled = MayBeBase(run);
         }
     }
     for (const std::string &reason : run.plan.reasons) {
@@ -365,75 +445,22 @@ static bool MakeImage(Run &run)
     return isMade;
 }
 
-// ---- The whole chain ----
-
-static host::Trouble StoreSidecar(const Run &run, const KeptImage &image)
-{
-    return WriteSidecar(SidecarPath(PathOf(run.folder, image)), *image.sidecar);
-}
-
-// Reads the whole file, and writes into its sidecar what came of it.
-static void ProveFile(Run &run, size_t index)
-{
-    KeptImage &image = run.folder.images[index];
-    reader::Result<FileDigest> digest = DigestFile(PathOf(run.folder, image), host::Caching::Medium);
-    std::string damage;
-    if (!digest && digest.fault.kind == reader::FaultKind::Unavailable) {
-        Warn(run, digest.fault.text);
-        return;
-    }
-    if (!digest || digest->sha256 != image.sidecar->sha256) {
-        damage = digest ? image.name + ": it is no longer what was written: its SHA-256 is another" : digest.fault.text;
-    }
-    image.sidecar->isSound = damage.empty();
-    image.sidecar->damage = damage;
-    image.sidecar->provedAt = damage.empty() ? TimeNow(run) : image.sidecar->provedAt;
-    if (const host::Trouble trouble = StoreSidecar(run, image)) {
-        Warn(run, SidecarPath(PathOf(run.folder, image)) + ": " + *trouble);
-    }
-    if (!damage.empty()) {
-        NoteDamage(run.folder, index, damage);
-        Fail(run, damage);
-    }
-}
-
-// When the oldest proof of a chain's files was made. A proof from the future proves nothing.
-static int64_t ChainProvedAt(const Run &run, size_t image)
-{
-    int64_t oldest = TimeNow(run);
-    for (const size_t i : ChainOf(run.folder, image)) {
-        const KeptImage &one = run.folder.images[i];
-        const int64_t provedAt = one.sidecar ? one.sidecar->provedAt : 0;
-        oldest = std::min(oldest, provedAt > TimeNow(run) + secondsPerDay ? 0 : provedAt);
-    }
-    return oldest;
-}
-
-static bool ChainIsProved(const Run &run, size_t image)
-{
-    return image != noImage && TimeNow(run) - ChainProvedAt(run, image) < run.job.check.wholeEverySeconds;
-}
-
-// Each file that was not read whole within the time that the job allows is read now, and then the chain as one.
-static void ProveChain(Run &run)
+// With what the run added to it.
+static void AuditChainIfDue(Run &run)
 {
     const size_t newest = NewestSound(run.folder);
-    if (newest == noImage || ChainIsProved(run, newest)) {
+    if (newest == noImage || !run.chainIsDue) {
         return;
     }
-    Say(run, "the chain of " + run.folder.images[newest].name + " is audited whole, since that is due");
-    for (const size_t i : ChainOf(run.folder, newest)) {
-        ProveFile(run, i);
-    }
-    if (!run.folder.images[newest].doubt.empty()) {
-        return;
-    }
+    Say(run, "the chain of " + run.folder.images[newest].name + " is audited as one, since that is due");
     if (const AuditFault fault = AuditChain(PathOf(run.folder, run.folder.images[newest]), OptionsOfAudit(run))) {
         Fail(run, "the chain did not pass its audit: " + fault->text);
         if (fault->kind == reader::FaultKind::Damaged) {
-            NoteDamage(run.folder, newest, fault->text);
+            KeepDamage(run, newest, fault->text);
         }
+        return;
     }
+    run.chainIsDue = false;
 }
 
 // ---- Letting go ----
@@ -444,6 +471,9 @@ static RetentionState StateOfRetention(const Run &run)
     const std::string since = newest == noImage
                                   ? "there is no sound image"
                                   : "the last one was " + AgeText(TimeNow(run) - ChainProvedAt(run, newest)) + " ago";
+    if (run.chainIsDue) {
+        return {TimeNow(run), false, "it did not pass the one of this run"};
+    }
     return {TimeNow(run), ChainIsProved(run, newest), since};
 }
 
@@ -560,7 +590,7 @@ static void RunSteps(Run &run)
     if (!hasRoom || !MakeImage(run) || !ReadFolder(run)) {
         return;
     }
-    ProveChain(run);
+    AuditChainIfDue(run);
     TellDamage(run);
     MakeCopies(run);
     ApplyRetention(run);

@@ -1,7 +1,9 @@
 """A year of nights of two jobs, with something going wrong in many of them, and what must hold after each.
 
-The model keeps what the disks held when each image was made, what was damaged on purpose, and the rules of retention,
-worked out apart from the program. KESTRIX_SEED makes a year come again.
+The model keeps what the disks held when each image was made, what was damaged on purpose, and the rules of bases and of
+retention, worked out apart from the program. One of the two disks has the change tracker's stand-in, by the seed the
+one or the other. Each job meets every kind of night at least once, and the two nights on which the hour changes.
+KESTRIX_SEED makes a year come again.
 """
 import calendar
 import collections
@@ -9,25 +11,35 @@ import datetime
 import json
 import os
 import random
+import struct
 import subprocess
 import time
 
 import kestrix_image
+from change_tracker import ERROR_ACCESS_DENIED, ChangeTracker
 from harness import SANITIZERS
 
-FIRST_NIGHT = 1767229200  # 2026-01-01 01:00 UTC
+YEAR = 2026
+FIRST_DAY = 1767225600  # 2026-01-01 00:00 UTC
 DAY = 86400
+HOUR = 3600
 FULL = {"last": 3, "daily": 7, "weekly": 4, "monthly": 6}
 NEWEST = {"last": 2, "daily": 5, "weekly": 3, "monthly": 0}
-CHECK_EVERY = 7 * DAY
-SLACK = 2 * 3600  # by which a clock may be ahead
+HOURS = {"server": HOUR, "desk": 22 * HOUR + 1800}  # UTC; the desk's night is the next local day in summer alone
+WHOLE_EVERY = 7 * DAY
+FULL_EVERY, THIN_PERCENT, CHAIN = 30 * DAY, 80, 20
+SLACK = 2 * HOUR  # by which a clock may be ahead
 DISK_BYTES = (4 << 20) + (128 << 10)  # two chunks, the second one short
 
 ENVIRONMENT = {**SANITIZERS, **os.environ, "TZ": "Europe/Berlin"}
 
+# So often each is drawn; the hour changes when it does, and a commit fails where there is a tracker.
 EVENTS = {"nothing": 40, "kill keep": 10, "kill kestrix": 6, "folder missing": 4, "folder read-only": 3,
           "folder full": 3, "disk gone": 3, "disk renumbered": 4, "disk replaced": 2, "byte flipped": 2,
-          "base deleted": 1, "hour back": 3, "day back": 3, "year ahead": 2, "two at once": 4}
+          "base deleted": 1, "hour back": 3, "day back": 3, "year ahead": 2, "two at once": 4,
+          "commit fails": 4}
+QUIET_NIGHTS = 10  # before anything is sure to happen, so that there is something for it to happen to
+FILE_NOT_FOUND = 2
 
 
 class Rule(AssertionError):
@@ -39,11 +51,30 @@ def demand(condition, text):
         raise Rule(text)
 
 
+class Tracker(ChangeTracker):
+    """Watches the disk of one job, whatever its number is, and is attached to no other."""
+
+    def __init__(self, path, job):
+        self.job = job
+        super().__init__(path)
+        self.remember(None, 0x100, b"\xFF")
+
+    def answer(self, code, request, outputLength):
+        if struct.unpack_from("<I", request)[0] != self.job.number:
+            return FILE_NOT_FOUND, b""
+        return super().answer(code, request, outputLength)
+
+    def restart(self):
+        """With the machine: it forgets all but which epochs were given out."""
+        self.remember(None, self.next_epoch(), b"\xFF")
+
+
 class JobModel:
     """One job, its disk and its folder, as the test knows them."""
 
     def __init__(self, year, name, number, scheme, keep):
         self.year, self.name, self.number, self.scheme, self.keep = year, name, number, scheme, keep
+        self.tracker = None
         self.serial = f"SERIAL-{name}"
         self.content = bytearray(kestrix_image.seeded_disk(DISK_BYTES, number))
         self.place = os.path.join(year.folder, f"place-{name}")   # the file system of the backup disk
@@ -51,16 +82,21 @@ class JobModel:
         self.elsewhere = os.path.join(year.folder, f"elsewhere-{name}")
         self.disks = {}       # image name: the bytes of the disk of its night
         self.verified = {}    # image name: what stat said when it was compared
-        self.spoiled = set()  # images that were damaged or removed on purpose, and not told of since
+        self.spoiled = {}     # image name: its last proof when it was damaged on purpose; None: it was removed
+        self.headless = set()  # those of them whose header, table or trailer was
+        self.uncommitted = set()  # images that the tracker took no note of
         self.gone = set()     # names that were removed on purpose
         self.seen = set()     # image names that were there after the last night
         self.contents = []    # what the disk held at the start of each run of this night
+        self.seconds = 0.1    # that the last good run took
         for folder in (self.place, self.elsewhere):
             os.mkdir(folder)
         subprocess.run(["mount", "-t", "tmpfs", "-o", "size=256m", f"kestrix-{name}", self.place], check=True)
         os.symlink(self.place, self.folder)
-        with open(os.path.join(self.place, "other.txt"), "w", encoding="ascii") as file:
-            file.write("not an image\n")
+        for other in (f"{name}-notes.txt", f"{name}2-20260101T010000Z.kstx.in-the-making", f"{name}.kstx"):
+            with open(self.path(other), "w", encoding="ascii") as file:
+                file.write("not of this job\n")
+        self.others = self.files_of_others()
         self.write_disk()
 
     def path(self, name):
@@ -80,19 +116,37 @@ class JobModel:
         for _ in range(chance.randrange(3)):
             begin = chance.randrange(4 << 20, DISK_BYTES - 64) if chance.random() < 0.9 else chance.randrange(4 << 20)
             self.content[begin:begin + 16] = chance.randbytes(16)
+            if self.tracker:
+                self.tracker.mark(begin, 16)
         self.write_disk()
 
     def configuration(self):
         keep = ", ".join(f"{key} = {value}" for key, value in self.keep.items())
         return (f"[job.{self.name}]\ndisk = \"serial:{self.serial}\"\nfolder = \"{self.folder}\"\n"
                 f"folder-must-be = \"source:kestrix-{self.name}\"\nbase = \"{self.scheme}\"\nkeep = {{ {keep} }}\n"
-                f"new-full = {{ every = \"30d\", when-thin-exceeds = \"80%\", chain = 20 }}\n"
+                f"new-full = {{ every = \"30d\", when-thin-exceeds = \"{THIN_PERCENT}%\", chain = {CHAIN} }}\n"
                 f"check = {{ each = \"own\", whole-every = \"7d\" }}\n\n")
 
     # What lies in the folder
 
+    def files_of_others(self):
+        """What was put beside the images: names with what stat says of them."""
+        others = [name for name in os.listdir(self.place) if name.startswith((f"{self.name}-notes", f"{self.name}2-"))]
+        return {name: marks_of(self.path(name)) for name in [*others, f"{self.name}.kstx"]}
+
     def images(self):
-        return sorted(name for name in os.listdir(self.place) if name.endswith(".kstx"))
+        """Those under their final names. One whose sidecar is renamed is let go, though its end is still to come."""
+        names = set(os.listdir(self.place))
+        return sorted(name for name in names if name.startswith(self.name + "-2") and name.endswith(".kstx") and
+                      name + ".json.let-go" not in names)
+
+    def all_files(self):
+        return {name: marks_of(self.path(name)) for name in os.listdir(self.place)}
+
+    def sidecars(self):
+        """Of all images that are there and have one."""
+        sidecars = {name: self.sidecar(name) for name in self.images()}
+        return {name: sidecar for name, sidecar in sidecars.items() if sidecar}
 
     def sidecar(self, name):
         try:
@@ -102,24 +156,15 @@ class JobModel:
             return None
 
     def chain(self, name):
-        """Names of the image and of what it stands on, by the trailers; None where one is gone."""
+        """Names of the image and of what it stands on, by the sidecars; None where one is gone."""
         chain = []
         while name:
             chain.append(name)
             if not os.path.exists(self.path(name)):
                 return None
-            name = self.base_of(name)
+            sidecar = self.sidecar(name)
+            name = sidecar["base"] if sidecar else None
         return chain
-
-    def base_of(self, name):
-        with open(self.path(name), "rb") as file:
-            header = kestrix_image.decode_header(file.read(64))
-            if header.version != 3:
-                return None
-            file.seek(-4, os.SEEK_END)
-            length = int.from_bytes(file.read(4), "little")
-            file.seek(-length, os.SEEK_END)
-            return kestrix_image.decode_trailer(file.read()).baseName.decode()
 
     def is_spoiled(self, name):
         """Whether it, or something that it stands on, was damaged or removed on purpose."""
@@ -128,18 +173,22 @@ class JobModel:
 
 
 class Year:
-    def __init__(self, test, seed, nights=365):
+    def __init__(self, test, seed, nights):
         self.test, self.nights = test, nights
         self.folder, self.devices = test.folder, test.devices
         self.chance = random.Random(seed)
-        self.counts = collections.Counter()
+        self.counts = collections.Counter()   # nights of a job, by what happened
+        self.figures = collections.Counter()  # what came of them
         self.jobs = [JobModel(self, "server", 1, "full", FULL), JobModel(self, "desk", 2, "newest", NEWEST)]
+        tracked = self.jobs[seed % 2]
+        tracked.tracker = self.tracker = Tracker(os.path.join(self.devices, "Tallier"), tracked)
         self.configurationPath = os.path.join(self.folder, "keep.toml")
         with open(self.configurationPath, "w", encoding="ascii") as file:
             file.write("".join(job.configuration() for job in self.jobs))
         os.chmod(self.configurationPath, 0o600)
 
     def end(self):
+        self.tracker.close()
         for job in self.jobs:
             subprocess.run(["umount", "-l", job.place], check=False)
 
@@ -148,9 +197,9 @@ class Year:
     def command(self, *arguments):
         return [self.test.keepProgram, *arguments, "--config", self.configurationPath]
 
-    def start(self, job, now):
+    def start(self, job, now, *more):
         job.contents.append(bytes(job.content))
-        return subprocess.Popen(self.command("backup", job.name, "--json", "--quiet", "--now", str(now)),
+        return subprocess.Popen(self.command("backup", job.name, "--json", "--quiet", "--now", str(now), *more),
                                 stdout=subprocess.PIPE, stderr=subprocess.STDOUT, env=ENVIRONMENT)
 
     @staticmethod
@@ -158,61 +207,148 @@ class Year:
         out, _ = process.communicate(timeout=120)
         return process.returncode, out.decode("utf-8", "replace")
 
-    def run(self, job, now):
-        return self.finish(self.start(job, now))
+    def run(self, job, now, *more):
+        begin = time.monotonic()
+        status, out = self.finish(self.start(job, now, *more))
+        job.seconds = time.monotonic() - begin
+        return status, self.report(out)
 
-    def reports(self, out):
+    @staticmethod
+    def report(out):
         try:
-            return json.loads(out)["jobs"]
+            report, = json.loads(out)["jobs"]
         except ValueError:
             raise Rule(f"what it printed is no report: {out}") from None
+        return report
 
-    # A night
+    # The nights
+
+    def plan(self, job):
+        """What happens to the job in each night: by chance, but everything at least once."""
+        changes = [(last_sunday_of(month) - FIRST_DAY) // DAY for month in (3, 10)]
+        plan = {night: "hour changes" for night in self.nights if night in changes}
+        demand(len(plan) == 2, f"these nights are without those on which the hour changes: {changes}")
+        events = {event: weight for event, weight in EVENTS.items() if event != "commit fails" or job.tracker}
+        left = [night for night in self.nights[QUIET_NIGHTS:] if night not in plan]
+        plan.update(zip(self.chance.sample(left, len(events)), events))
+        for night in self.nights:
+            plan.setdefault(night, self.chance.choices(list(events), events.values())[0])
+        return plan
 
     def year(self):
-        for night in range(self.nights):
+        plans = {job: self.plan(job) for job in self.jobs}
+        for night in self.nights:
             for job in self.jobs:
-                self.night(job, FIRST_NIGHT + night * DAY + self.chance.randrange(600), night)
+                now = FIRST_DAY + night * DAY + HOURS[job.name] + self.chance.randrange(600)
+                self.night(job, now, night, plans[job][night])
+        for event in [*EVENTS, "hour changes"]:
+            demand(self.counts[event] > 0, f"nothing came of: {event}")
+        for figure in ("let go", "damage told", "proved by the tracker", "dry runs"):
+            demand(self.figures[figure] > 0, f"there was none: {figure}")
+        demand(self.tracker.faults == [], f"the tracker's stand-in: {self.tracker.faults}")
 
-    def night(self, job, now, night):
-        event = self.chance.choices(list(EVENTS), EVENTS.values())[0]
-        self.counts[event] += 1
+    def night(self, job, now, night, event):
         job.change_disk(self.chance)
         job.contents.clear()
+        self.figures["nights"] += 1
         try:
-            getattr(self, event.replace(" ", "_").replace("-", "_"))(job, now)
-        except AssertionError as error:
+            happened = getattr(self, event.replace(" ", "_").replace("-", "_"))(job, now)
+            demand(job.files_of_others() == job.others, "a file of others was touched, or is gone")
+        except (AssertionError, kestrix_image.ImageFault) as error:
             raise Rule(f"night {night} of {job.name}, {event}: {error}") from error
+        self.counts[happened or event] += 1
 
     def after(self, job, now, isWell=None):
-        """What holds after each night, whatever it was."""
+        """What holds after each night, whatever it was. isWell: what status has to say, None where either will do."""
         names = job.images()
         for name in names:
             self.check_image(job, name)
         for name in job.seen - set(names) - job.gone:
             self.check_let_go(job, name, now, names)
+        for name, proof in job.spoiled.items():
+            sidecar = job.sidecar(name)
+            demand(proof is None or not sidecar or not sidecar["isSound"] or sidecar["provedAt"] == proof,
+                   f"{name} is damaged, and was read whole and called sound")
         job.gone -= set(names)
         job.seen = set(names)
-        demand(os.path.exists(job.path("other.txt")), "another file is gone")
-        if isWell is not None:
-            self.check_status(job, now, isWell)
+        self.check_status(job, now, isWell)
 
     def check_image(self, job, name):
         """It gives back the disk of its night, unless it was damaged on purpose."""
+        sidecar = job.sidecar(name)
+        demand(sidecar is not None, f"{name} has no sidecar")
+        if name not in job.disks:
+            self.check_new_image(job, name, sidecar)
         if job.is_spoiled(name):
             return
-        facts = os.stat(job.path(name))
-        marks = (facts.st_ino, facts.st_size, facts.st_mtime_ns)
+        marks = marks_of(job.path(name))
         if job.verified.get(name) == marks:
             return
-        disk = kestrix_image.read_image(job.path(name)).disk()
-        sidecar = job.sidecar(name)
-        demand(sidecar is not None and sidecar["isSound"], f"{name} has no sidecar that calls it sound")
+        image = kestrix_image.read_image(job.path(name))
+        disk = image.disk()
+        demand(sidecar["isSound"], f"{name} is sound, and its sidecar says that it is not")
+        demand((image.trailer.baseName.decode() if image.trailer else "") == sidecar["base"],
+               f"{name} stands on something else than its sidecar says")
         if name not in job.disks:
             demand(bytes(disk) in job.contents, f"{name} holds another disk than that of its night")
             job.disks[name] = bytes(disk)
         demand(disk == job.disks[name], f"{name} holds another disk than before")
         job.verified[name] = marks
+        self.figures["compared"] += 1
+
+    def check_new_image(self, job, name, sidecar):
+        if name in job.seen:
+            return  # which was spoiled when it was new
+        self.figures["made"] += 1
+        if sidecar["mayNotBeBase"]:
+            job.uncommitted.add(name)
+        chain = job.chain(name)
+        demand(chain is not None, f"{name} stands on what is gone")
+        demand(len(chain) <= CHAIN, f"the chain of {name} has {len(chain)} images")
+        demand(sidecar["base"] not in job.uncommitted, f"{name} stands on an image without a commit")
+        demand(not job.headless & set(chain), f"{name} stands on a file that is not what its sidecar says")
+        demand(all(job.sidecar(one)["isSound"] for one in chain), f"{name} stands on an image that is known as damaged")
+
+    @staticmethod
+    def expected_base(job, sidecars, now):
+        """The name of what the next image has to stand on, empty for a full one, where nothing is damaged."""
+        newestFirst = sorted(sidecars, key=lambda name: -sidecars[name]["number"])
+        chains = {}
+        for name in reversed(newestFirst):
+            chains[name] = [name, *chains.get(sidecars[name]["base"], [])]
+        may = [name for name in newestFirst if name not in job.uncommitted]
+        wanted = [name for name in may if job.scheme == "newest" or not sidecars[name]["base"]]
+        base = next(iter([*wanted, *may]), None)
+        if base is None:
+            return ""
+        full = chains[base][-1]
+        age = now - sidecars[full]["startedAt"]
+        thin = next((sidecars[name]["fileBytes"] for name in newestFirst if chains[name][-1] == full != name), 0)
+        isDue = (age + HOUR >= FULL_EVERY or age < -DAY or len(chains[base]) >= CHAIN or
+                 thin * 100 > sidecars[full]["fileBytes"] * THIN_PERCENT)
+        return "" if isDue else base
+
+    def check_decisions(self, job, report, now):
+        """Of a good run on a sound folder: the base is the right one, what stays is what the rules keep, no more and
+        no less, and each decision was told with its reason."""
+        after = job.sidecars()
+        everything = {**self.sidecarsBefore[job.name], **after}
+        own = after[report["image"]]
+        before = {name: one for name, one in everything.items() if name != report["image"]}
+        base = self.expected_base(job, before, now)
+        demand(own["base"] == base, f"it stands on {own['base'] or 'nothing'}, and should on {base or 'nothing'}")
+        opening = f"a thin image on {base}, " if base else "a full image, since "
+        demand(any(line.startswith(opening) for line in report["lines"]), f"no line begins with: {opening}")
+        kept = self.kept_by_rules(job, everything, now)
+        for name in list(kept):
+            kept |= set(job.chain(name) or [])
+        demand(set(after) == kept, f"there are {sorted(after)}, and there should be {sorted(kept)}")
+        for name in everything:
+            said = f"kept: {name}: " if name in after else f"let go: {name}: "
+            demand(any(line.startswith(said) for line in report["lines"]), f"no line begins with: {said}")
+        for name in job.chain(report["image"]):
+            proof = after[name]["provedAt"]
+            demand(now - WHOLE_EVERY < proof <= now + DAY, f"{name} was not read whole for too long")
 
     def kept_by_rules(self, job, sidecars, now):
         """Names that the rules keep, worked out from the times in the sidecars."""
@@ -234,61 +370,88 @@ class Year:
     def check_let_go(self, job, name, now, names):
         """It went by the rules: nothing needs it, newer sound ones are there, and no rule keeps it."""
         sidecars = {one: job.sidecar(one) for one in names if job.sidecar(one)}
-        gone = self.sidecarsBefore[job.name].get(name)
-        demand(gone is not None, f"{name} is gone, and had no sidecar")
         before = self.sidecarsBefore[job.name]
+        gone = before.get(name)
+        demand(gone is not None, f"{name} is gone, and had no sidecar")
         demand(all(one["isSound"] for one in before.values()), f"{name} was let go while an image is known as damaged")
         demand(any(sidecars[one]["number"] > gone["number"] for one in sidecars), f"{name} was the newest")
         for one in names:
             demand(name not in (job.chain(one) or []), f"{one} stands on {name}, which is gone")
-        everything = {**self.sidecarsBefore[job.name], **sidecars}
-        del everything[name]
-        demand(name not in self.kept_by_rules(job, {**everything, name: gone}, now), f"{name} should be kept")
+        demand(name not in self.kept_by_rules(job, {**before, **sidecars}, now), f"{name} should be kept")
+        newest = max(sidecars, key=lambda one: sidecars[one]["number"])
+        for one in job.chain(newest) or []:
+            demand(now - WHOLE_EVERY < sidecars[one]["provedAt"], f"{name} was let go, and {one} was not read for long")
+        self.figures["let go"] += 1
 
-    def check_status(self, job, now, isWell):
+    def check_status(self, job, now, isWell=None):
         done = subprocess.run(self.command("status", job.name, "--json", "--now", str(now)), stdout=subprocess.PIPE,
                               check=False, env=ENVIRONMENT)
         state, = json.loads(done.stdout)["jobs"]
         demand((done.returncode == 0) == state["isWell"], "the exit status of status is not what it says")
-        sound = [name for name in job.images() if job.sidecar(name) and not job.is_spoiled(name)]
-        newest = max(sound, key=lambda name: job.sidecar(name)["number"], default=None)
+        demand(state["isWell"] == (not state["problems"]), "status contradicts itself")
+        demand(isWell is None or state["isWell"] == isWell,
+               f"status says {state['isWell']}, and should say {isWell}: {state['problems']}")
+        if not os.path.samefile(job.folder, job.place):
+            return
+        names, removed = job.images(), [name for name, proof in job.spoiled.items() if proof is None]
+        demand(state["images"] == len(names), f"status tells of {state['images']} images; there are {names}")
+        demand(not removed or (state["damagedImages"] and not state["isWell"]), f"status misses that {removed} are gone")
         if not job.spoiled:
-            demand(state["lastGood"] == newest, f"status says {state['lastGood']}, the newest sound one is {newest}")
-        demand(state["isWell"] or not isWell or job.spoiled,
-               f"status finds fault with a good night: {state['problems']}")
+            newest = max(names, key=lambda name: job.sidecar(name)["number"], default=None)
+            demand((state["lastGood"], state["damagedImages"]) == (newest, 0),
+                   f"status says {state['lastGood']}, the newest sound one is {newest}")
+            at = newest and job.sidecar(newest)["startedAt"]
+            demand(state["lastGoodAt"] == at, f"status says that {newest} is of {state['lastGoodAt']}")
+            demand(state["isOverdue"] == (newest is None or now > at + DAY + DAY // 2),
+                   f"status says {state['isOverdue']} to being overdue")
 
     def remember(self):
-        self.sidecarsBefore = {job.name: {name: job.sidecar(name) for name in job.images() if job.sidecar(name)}
-                               for job in self.jobs}
+        self.sidecarsBefore = {job.name: job.sidecars() for job in self.jobs}
 
     def run_well(self, job, now):
         """A run that nothing stands in the way of."""
         self.remember()
-        status, out = self.run(job, now)
-        report, = self.reports(out)
+        foreseen = self.run_dry(job, now) if self.chance.random() < 0.1 else None
+        status, report = self.run(job, now)
+        demand(report["image"] in job.images(), f"no image: {report}")
+        demand(report["image"] not in self.sidecarsBefore[job.name], f"it made an image that was there: {report}")
         if job.spoiled:  # which it may have found, or not yet
             self.heal(job, status, report, now)
             return
-        demand(status == 0, f"exit status {status}: {out}")
-        demand(report["image"] in job.images(), f"no image: {out}")
-        demand(report["warnings"] == [], out)
-        self.after(job, now, isWell=abs(job.sidecar(report["image"])["startedAt"] - now) < DAY)
+        demand(status == 0, f"exit status {status}: {report}")
+        demand(report["warnings"] == [], f"{report}")
+        demand(foreseen is None or foreseen in report["lines"], f"a dry run had said: {foreseen}")
+        self.figures["proved by the tracker"] += any("matches tracker" in line for line in report["lines"]) and bool(job.tracker)
+        self.check_decisions(job, report, now)
+        self.after(job, now, isWell=True)
+
+    def run_dry(self, job, now):
+        """It tells what the image would be, and touches nothing; that line."""
+        before = job.all_files()
+        _, report = self.run(job, now, "--dry-run")
+        demand(job.all_files() == before, "a dry run changed the folder")
+        demand(report["image"] is None and report["letGo"] == [], f"a dry run did something: {report}")
+        self.figures["dry runs"] += 1
+        line, = [line for line in report["lines"] if line.startswith(("a thin image on ", "a full image, since "))]
+        return line
 
     def heal(self, job, status, report, now):
         """What an administrator does with a damaged image that was told: takes it and its sidecar away."""
         told = [name for name in job.spoiled if name in json.dumps(report)]
-        isKnown = any("DAMAGED" in line or "no longer" in line for line in [report["failure"] or ""])
-        self.after(job, now)
+        isKnown = any(word in (report["failure"] or "") for word in ("DAMAGED", "no longer"))
+        self.after(job, now, isWell=False if told and isKnown else None)
         if not (told and isKnown):
             return
         demand(status == 1, "damage that is known is no success")
+        demand(report["letGo"] == [], f"{report['letGo']} went though there is damage")
         for name in list(job.images()):
             if job.is_spoiled(name):
                 self.take_away(job, name)
         for name in list(job.spoiled):
             self.take_away(job, name)
         job.spoiled.clear()
-        self.counts["damage was told"] += 1
+        job.headless.clear()
+        self.figures["damage told"] += 1
 
     @staticmethod
     def take_away(job, name):
@@ -302,13 +465,13 @@ class Year:
         """A run that something stands in the way of: it fails, says why, and makes no image."""
         self.remember()
         before = set(job.images())
-        status, out = self.run(job, now)
-        report, = self.reports(out)
-        demand(status == 1 and report["failure"], f"exit status {status}: {out}")
-        demand(set(job.images()) <= before, "a failed run made an image")
+        status, report = self.run(job, now)
+        demand(status == 1 and report["failure"], f"exit status {status}: {report}")
+        demand(report["image"] is None and set(job.images()) <= before, "a failed run made an image")
+        demand(report["letGo"] == [], "a failed run let images go")
         return report
 
-    # The events
+    # What happens in a night. What each gives, if anything, is what came of it instead.
 
     def nothing(self, job, now):
         self.run_well(job, now)
@@ -316,23 +479,31 @@ class Year:
     def kill_keep(self, job, now):
         self.remember()
         process = self.start(job, now)
-        time.sleep(self.chance.random() ** 2 * 0.15)
+        time.sleep(self.chance.random() * job.seconds)
+        wasThere = process.poll() is None
         process.kill()
         process.communicate()
         self.after(job, now)
         if self.chance.random() < 0.5:
             self.run_well(job, now + 60)
+        return None if wasThere else "kill came too late"
 
     def kill_kestrix(self, job, now):
         self.remember()
         process = self.start(job, now)
-        deadline = time.monotonic() + 0.2
-        killed = False
-        while process.poll() is None and not killed and time.monotonic() < deadline:
-            killed = kill_children(process.pid)
+        deadline = time.monotonic() + 20
+        while not children_of(process.pid) and process.poll() is None and time.monotonic() < deadline:
+            pass
+        time.sleep(self.chance.random() * job.seconds / 4)
+        for child in children_of(process.pid):
+            kill(child)
         status, out = self.finish(process)
-        demand(not killed or status in (0, 1), out)
-        self.after(job, now)
+        report = self.report(out)
+        wasKilled = "kestrix was ended" in (report["failure"] or "")
+        demand(status == (1 if wasKilled or job.spoiled else 0) or job.spoiled, out)
+        demand((report["image"] is None) == wasKilled, f"an image of a capture that was killed: {out}")
+        self.after(job, now, isWell=None if job.spoiled else not wasKilled)
+        return None if wasKilled else "kill came too late"
 
     def folder_missing(self, job, now):
         os.unlink(job.folder)
@@ -340,6 +511,7 @@ class Year:
         report = self.run_badly(job, now)
         demand("not on kestrix-" in report["failure"], report["failure"])
         demand(os.listdir(job.elsewhere) == [], "something was written beside the backup disk")
+        self.check_status(job, now, isWell=False)
         os.unlink(job.folder)
         os.symlink(job.place, job.folder)
         self.after(job, now)
@@ -358,22 +530,24 @@ class Year:
         report = self.run_badly(job, now)
         demand("room" in report["failure"] or "full" in report["failure"], report["failure"])
         os.unlink(job.path("filler"))
-        self.after(job, now)
+        self.after(job, now, isWell=False)
 
     def disk_gone(self, job, now):
         os.rename(job.node(), job.node() + ".away")
         report = self.run_badly(job, now)
         demand(job.serial in report["failure"], report["failure"])
         os.rename(job.node() + ".away", job.node())
-        self.after(job, now)
+        self.after(job, now, isWell=False)
 
     def disk_renumbered(self, job, now):
+        """As a restart of the machine does it."""
         before = job.node()
         job.number += 2
         while os.path.exists(job.node(job.number)):
             job.number += 1
         os.rename(before, job.node())
         os.rename(before + ".json", job.node() + ".json")
+        self.tracker.restart()
         self.run_well(job, now)
 
     def disk_replaced(self, job, now):
@@ -384,29 +558,47 @@ class Year:
         demand(serial in report["failure"], report["failure"])
         job.serial = serial
         job.write_disk()
-        self.after(job, now)
+        self.after(job, now, isWell=False)
+
+    def commit_fails(self, job, now):
+        job.tracker.commitError = ERROR_ACCESS_DENIED
+        self.run_well(job, now)
+        job.tracker.commitError = 0
+        newest = max(job.images(), key=lambda name: job.sidecar(name)["number"])
+        demand(newest in job.uncommitted, f"{newest} may be a base, though the tracker took no note of it")
 
     def byte_flipped(self, job, now):
         names = [name for name in job.images() if not job.is_spoiled(name)]
-        if names:
-            name = self.chance.choice(names)
-            size = os.path.getsize(job.path(name))
-            kestrix_image.flip_byte(job.path(name), self.chance.randrange(size))
-            job.spoiled.add(name)
+        if not names:
+            self.run_well(job, now)
+            return "nothing"
+        name = self.chance.choice(names)
+        size, head = os.path.getsize(job.path(name)), 64 + 72 * 2
+        trailer = 8 if job.sidecar(name)["base"] else 0
+        offset = self.chance.randrange(size)
+        if self.chance.random() < 0.5:  # where each night looks
+            offset = self.chance.choice([*range(head), *range(size - trailer, size)])
+            job.headless.add(name)
+        kestrix_image.flip_byte(job.path(name), offset)
+        job.spoiled[name] = job.sidecar(name)["provedAt"]
         self.run_well(job, now)
+        return None
 
     def base_deleted(self, job, now):
-        bases = {job.base_of(name) for name in job.images()} - {None}
+        bases = {sidecar["base"] for sidecar in job.sidecars().values()} - {""}
         bases = [name for name in bases if os.path.exists(job.path(name))]
-        if bases:
-            name = self.chance.choice(sorted(bases))
-            os.unlink(job.path(name))
-            job.spoiled.add(name)
-            job.gone.add(name)
+        if not bases:
+            self.run_well(job, now)
+            return "nothing"
+        name = self.chance.choice(sorted(bases))
+        os.unlink(job.path(name))
+        job.spoiled[name] = None
+        job.gone.add(name)
         self.run_well(job, now)
+        return None
 
     def hour_back(self, job, now):
-        self.run_well(job, now - 3600)
+        self.run_well(job, now - HOUR)
 
     def day_back(self, job, now):
         self.run_well(job, now - DAY)
@@ -414,13 +606,24 @@ class Year:
     def year_ahead(self, job, now):
         self.run_well(job, now + 365 * DAY)
 
+    def hour_changes(self, job, now):
+        """A run before the change and one behind it: in autumn both at the same time of the wall's clock."""
+        change = now // DAY * DAY + HOUR
+        for shift in (-HOUR // 2, HOUR // 2):
+            self.run_well(job, change + shift)
+
     def two_at_once(self, job, now):
         self.remember()
         processes = [self.start(job, now), self.start(job, now)]
         ended = [self.finish(process) for process in processes]
         statuses = sorted(status for status, _ in ended)
         demand(statuses in ([0, 0], [0, 3]) or (job.spoiled and set(statuses) <= {0, 1, 3}), f"{ended}")
-        self.after(job, now)
+        self.after(job, now, isWell=None if job.spoiled else True)
+
+
+def marks_of(path):
+    facts = os.stat(path)
+    return facts.st_ino, facts.st_size, facts.st_mtime_ns
 
 
 def local_time(seconds):
@@ -434,16 +637,21 @@ def last_sunday(year, month):
     return max(week[calendar.SUNDAY] for week in calendar.monthcalendar(year, month))
 
 
-def kill_children(pid):
-    """Kills what a process runs; whether there was anything."""
+def last_sunday_of(month):
+    """When it begins."""
+    return calendar.timegm((YEAR, month, last_sunday(YEAR, month), 0, 0, 0))
+
+
+def children_of(pid):
     try:
         with open(f"/proc/{pid}/task/{pid}/children", encoding="ascii") as file:
-            children = [int(child) for child in file.read().split()]
-    except FileNotFoundError:
-        return False
-    for child in children:
-        try:
-            os.kill(child, 9)
-        except ProcessLookupError:
-            return False
-    return bool(children)
+            return [int(child) for child in file.read().split()]
+    except (FileNotFoundError, ProcessLookupError):
+        return []
+
+
+def kill(pid):
+    try:
+        os.kill(pid, 9)
+    except ProcessLookupError:
+        pass
