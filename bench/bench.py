@@ -19,13 +19,14 @@ import closing
 import commands
 import growth
 import images
+import nightly
 import page
 import peers
 import serving
 from machine import GIB, MIB, PASSWORD, TIB, Machine
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-PARTS = ("commands", "closing", "images", "serving", "peers", "growth")
+PARTS = ("commands", "closing", "images", "nightly", "serving", "peers", "growth")
 PLAN = {"sizes": [GIB, 4 * GIB, 16 * GIB], "chainSize": GIB, "chains": [1, 8, 64],
         "tables": [2 * TIB, 4 * TIB, 16 * TIB, 64 * TIB], "tableChainSize": TIB}
 QUICK_PLAN = {"sizes": [8 * MIB, 24 * MIB], "chainSize": 16 * MIB, "chains": [1, 3], "tables": [2 * TIB],
@@ -115,6 +116,8 @@ def measure(options, part, folder):
             return peers.measure(machine, options.runs)
         if part == "images":
             return images.measure(machine, options.runs, options.quick)
+        if part == "nightly":
+            return nightly.measure(machine, options.runs)
         if part == "closing":
             return closing.measure(machine, options.runs)
         return commands.measure(machine, options.runs, options.quick)

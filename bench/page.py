@@ -7,6 +7,7 @@ from dataclasses import dataclass
 import chart
 import closing
 import images
+import nightly
 import serving
 from commands import ROWS
 from growth import OPEN, PROVED_THIN
@@ -296,6 +297,24 @@ def image_goals(records, goals):
             goals.cell(f"{images.TREE}, MiB", peaks, TREE_MIB) + " MiB.\n")
 
 
+NIGHT_GOAL = 1.02
+
+
+def night_goals(records, goals):
+    """A night beside a capture of the same kind; only one without changes has a goal, since it writes next to nothing
+    that could be read back."""
+    rows = []
+    for row in nightly.ROWS:
+        for beside in [nightly.CAPTURE] + [nightly.CHECKED] * row.isChecked:
+            ours, theirs = (pick(records, row=row.name, who=who) for who in (nightly.PROGRAM, beside))
+            ratios = {figure: paired(ours, theirs, figure) for figure in ("cpu", "wall", "settled")}
+            cells = [goals.cell(f"a night, {row.name}, {figure}", ratios[figure], NIGHT_GOAL) if row.hasBase
+                     else spread(ratios[figure], 3) for figure in ratios]
+            rows.append([row.name, beside, spread(values(ours, "settled")), spread(values(theirs, "settled")), *cells])
+    return table(["", "beside", "wall s until all is on the disk", "of that", "CPU, of that", "wall, of that",
+                  "wall until all is on the disk, of that"], rows)
+
+
 def names_of(records, row):
     names = dict.fromkeys(record["who"] for record in records if record["row"] == row)
     return sorted(names, key=lambda name: middle(pick(records, row=row, who=name), "wall"))
@@ -473,6 +492,13 @@ def write(results, notesPath):
         found = results["images"]
         imageText = [f"## kestrix-image\n\nA disk of {size_text(found['size'])}.\n",
                      image_goals(found["records"], goals)]
+    nightText = []
+    if "nightly" in results:
+        found = results["nightly"]
+        nightText = [f"## A night of kestrix-keep\n\nA disk of {size_text(found['size'])} on a loop device, cold; "
+                     f"measured on {found['about']['date']} at {found['about']['kestrix']}. A full image is read back "
+                     "from the medium\nas it has to be, once for its chunks and once for the digest of the file; with "
+                     "that left out it is a capture.\n", night_goals(found["records"], goals)]
     if "serving" in results:
         stated += [serving_goals(results["serving"]["records"], goals)]
     text += ["## Goals\n\nA figure in bold misses its goal.\n", "".join(stated)]
@@ -489,7 +515,7 @@ def write(results, notesPath):
                  "program without the calls that wait for\nthe disk at the close, which ends before all is there. "
                  f"Cold, loop devices, a disk of {size_text(results['closing']['size'])}.\n",
                  all_closes(results["closing"]["records"])]
-    text += imageText
+    text += imageText + nightText
     if "peers" in results:
         found = results["peers"]
         names = "; ".join(f"{name}: {version}" for name, version in found["about"]["peers"].items())

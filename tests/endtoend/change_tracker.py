@@ -133,6 +133,8 @@ class ChangeTracker:
             return False
         code, inputLength, outputLength = struct.unpack("<III", head)
         request = receive(connection, inputLength)
+        if request is None:
+            return False
         self.log.append((code, request, outputLength))
         if code in self.before:
             self.before[code]()

@@ -1,5 +1,4 @@
 """kestrix-keep backup: one run of a job, and what earlier ones left."""
-import glob
 import hashlib
 import json
 import os
@@ -7,6 +6,7 @@ import re
 import shutil
 import stat
 import time
+from unittest import mock
 
 import kestrix_image
 from harness import MIB, Started
@@ -65,6 +65,11 @@ class BackupTest(KeepMachineTest):
     def content(self, name):
         with open(self.place_path(name), "rb") as file:
             return file.read()
+
+    def rewrite_sidecar(self, name, **fields):
+        sidecar = {**self.sidecar(name), **fields}
+        with open(self.place_path(name + ".json"), "w", encoding="utf-8") as file:
+            json.dump(sidecar, file)
 
     def change_disk(self, offset, data):
         with open(self.disk_path(1), "r+b") as file:
@@ -138,11 +143,11 @@ class OneRun(BackupTest):
         self.assertEqual(self.well(), "job-20261122T020006Z.kstx")
 
     def test_no_folder_of_a_run_is_left_behind(self):
-        pattern = os.path.join(os.environ.get("TMPDIR", "/tmp"), "kestrix-keep-*", "devices")
-        before = set(glob.glob(pattern)) | set(glob.glob("/var/lib/kestrix/kestrix-keep-*/devices"))
-        self.well()
-        after = set(glob.glob(pattern)) | set(glob.glob("/var/lib/kestrix/kestrix-keep-*/devices"))
-        self.assertEqual(after - before, set())
+        temporary = os.path.join(self.folder, "temporary")  # its own, since other runs have theirs in the usual places
+        os.mkdir(temporary)
+        with mock.patch.dict(os.environ, TMPDIR=temporary):
+            self.well()
+        self.assertEqual(os.listdir(temporary), [])
 
     def test_a_folder_that_nothing_is_said_of_is_warned_about(self):
         _, report = self.backup()
@@ -213,20 +218,24 @@ class Refusals(BackupTest):
             self.file.close()
 
 
-class FailingLocks(BackupTest):
+class FailingCalls(BackupTest):
     """The program under strace, which makes its calls fail or wait."""
 
     def traced(self, now, *rules):
-        command = ["strace", "-o", os.path.join(self.folder, "trace"), "-e", "trace=flock", *rules, self.keepProgram,
-                   "backup", "--json", "--quiet", "--now", str(now), "--config", self.configuration]
+        command = ["strace", "-o", os.path.join(self.folder, "trace"), *rules, self.keepProgram, "backup", "--json",
+                   "--quiet", "--now", str(now), "--config", self.configuration]
         started = Started(command, self.images)
         self.addCleanup(self.end, started)
         return started
 
-    def without_locks(self):
-        run = self.traced(NOW, "-e", "inject=flock:error=ENOLCK", "-P", self.place_path(".kestrix-keep.lock")).finish()
+    def report_of(self, started):
+        run = started.finish()
         report, = json.loads(run.out)["jobs"]
         return run.status, report
+
+    def without_locks(self):
+        lock = self.place_path(".kestrix-keep.lock")
+        return self.report_of(self.traced(NOW, "-e", "trace=flock", "-e", "inject=flock:error=ENOLCK", "-P", lock))
 
     def test_a_folder_whose_file_system_knows_no_locks_is_refused(self):
         status, report = self.without_locks()
@@ -244,13 +253,26 @@ class FailingLocks(BackupTest):
         elsewhere = os.path.join(self.folder, "elsewhere")
         os.mkdir(elsewhere)
         self.configuration = shutil.copy2(self.configuration, os.path.join(self.folder, "slow.toml"))
-        slow = self.traced(NOW, "-e", "inject=flock:delay_enter=400ms")
+        slow = self.traced(NOW, "-e", "trace=flock", "-e", "inject=flock:delay_enter=400ms")
         self.configure(folder=elsewhere)
         until = time.monotonic() + 1.5
         while slow.process.poll() is None and time.monotonic() < until:
             self.assertEqual(self.backup()[0], WELL)
         self.assertEqual(slow.finish().status, WELL)
         self.assertEqual(self.image_names(), [NAME])
+
+    def test_nothing_is_let_go_when_the_chain_can_not_be_opened_for_the_audit_that_is_due(self):
+        self.configure("keep = { last = 1 }")
+        for i in range(2):
+            self.well(NOW + i * DAY)
+        # The base is opened to look at its head and to be read whole; the third time is for the audit of the chain.
+        status, report = self.report_of(self.traced(NOW + 8 * DAY, "-e", "trace=openat", "-e",
+                                                    "inject=openat:error=EIO:when=3+", "-P", self.place_path(NAME)))
+        self.assertEqual((status, report["letGo"]), (FAILED, []), report)
+        self.assertIn("the chain did not pass its audit: ", report["failure"])
+        names = self.image_names()
+        self.assertEqual(len(names), 3)
+        self.assertEqual(sorted(self.backup(NOW + 9 * DAY)[1]["letGo"]), names[1:])
 
 
 class Bases(BackupTest):
@@ -271,6 +293,35 @@ class Bases(BackupTest):
         status, report = self.backup(NOW + DAY)
         self.assertEqual(status, FAILED)
         self.assertIn(NAME, report["failure"])
+
+    def test_a_base_whose_trailer_names_another_base_is_none(self):
+        self.configure('base = "newest"')
+        first, second = self.well(), self.well(NOW + DAY)
+        for field, value in (("base", "job-20261121T020005Z.kstx"), ("baseIdentity", "00" * 32)):
+            with self.subTest(field=field):
+                before = self.sidecar(second)
+                self.rewrite_sidecar(second, **{field: value})
+                run = self.keep("backup", "--dry-run", "--json", "--now", str(NOW + 2 * DAY), "--config",
+                                self.configuration)
+                lines = json.loads(run.out)["jobs"][0]["lines"]
+                self.assertTrue(any(line.startswith(f"a thin image on {first}, ") for line in lines), lines)
+                self.assertTrue(any(line.startswith(f"{second} is no base: ") for line in lines), lines)
+                self.rewrite_sidecar(second, **before)
+
+    def test_a_chain_that_does_not_pass_as_one_is_damaged_for_the_next_run_too(self):
+        self.configure('keep = { last = 1 }')
+        self.well()
+        thin = self.well(NOW + DAY)
+        kestrix_image.flip_byte(self.place_path(NAME), 64 + 2 * 72 + 5)
+        self.rewrite_sidecar(NAME, sha256=hashlib.sha256(self.content(NAME)).hexdigest())
+        status, report = self.backup(NOW + 8 * DAY)
+        self.assertEqual((status, report["letGo"]), (FAILED, []))
+        self.assertIn("the chain did not pass its audit: ", report["failure"])
+        self.assertFalse(self.sidecar(report["image"])["isSound"])
+        status, next_ = self.backup(NOW + 9 * DAY)
+        self.assertEqual((status, next_["letGo"]), (FAILED, []))
+        self.assertIn(f"{report['image']}: DAMAGED", next_["failure"])
+        self.assertTrue(os.path.exists(self.place_path(thin)))
 
     def test_a_base_that_was_deleted_makes_the_next_image_full_and_says_why(self):
         self.well()
@@ -322,6 +373,58 @@ class LettingGo(BackupTest):
         status, report = self.backup(NOW + DAY)
         self.assertEqual((status, report["letGo"]), (WELL, [NAME]))
         self.assertEqual(self.image_names(), [report["image"]])
+
+    def test_an_image_whose_sidecar_names_another_job_is_not_this_jobs_to_let_go(self):
+        self.configure('keep = { last = 1 }\nnew-full = { every = "1d" }')
+        self.well()
+        self.rewrite_sidecar(NAME, job="another")
+        _, report = self.backup(NOW + DAY)
+        self.assertEqual(report["letGo"], [])
+        self.assertEqual(self.image_names(), [NAME, report["image"]])
+
+    def test_a_dry_run_lets_nothing_go_and_takes_nothing_away(self):
+        for i in range(3):
+            self.well(NOW + i * DAY)
+        with open(self.place_path("job-20261121T020005Z.kstx.in-the-making"), "wb") as file:
+            file.write(b"half")
+        before = {name: self.content(name) for name in os.listdir(self.place)}
+        self.configure('keep = { last = 1 }')
+        status, report = self.backup(NOW + 3 * DAY, "--dry-run")
+        self.assertEqual((status, report["letGo"]), (WELL, []))
+        self.assertTrue(any(line.startswith("let go: ") for line in report["lines"]), report)
+        self.assertEqual({name: self.content(name) for name in os.listdir(self.place)}, before)
+
+
+class BadCaptures(BackupTest):
+    def setUp(self):
+        super().setUp()
+        self.sound = self.program + "-sound"
+        os.rename(self.program, self.sound)
+
+    def kestrix_that(self, text):
+        """In place of kestrix, one whose last argument but options is the image that the true one has made."""
+        with open(self.program, "w", encoding="ascii") as file:
+            file.write('#!/bin/sh\nfolder=$(dirname "$0")\ncp "%s" "$folder/true"\n"$folder/true" "$@" || exit 1\n'
+                       'while [ "$1" != --out ]; do shift; done\n%s\n' % (self.sound, text))
+        os.chmod(self.program, stat.S_IRWXU)
+
+    def make_it_sound(self):
+        os.replace(self.sound, self.program)
+
+    def test_an_image_that_does_not_pass_its_audit_gets_no_name_and_the_next_run_goes_on(self):
+        self.kestrix_that("printf wrong | dd of=\"$2\" bs=1 seek=5000 conv=notrunc status=none")
+        status, report = self.backup()
+        self.assertEqual((status, report["image"], self.image_names()), (FAILED, None, []))
+        self.assertRegex(report["failure"], "^the new image did not pass its audit: .*chunk 0")
+        self.make_it_sound()
+        self.assertEqual(self.names(), ["job.keep.json"])
+        self.well(NOW + DAY)
+
+    def test_an_image_of_a_kestrix_that_says_that_it_failed_gets_no_name(self):
+        self.kestrix_that("exit 1")
+        status, report = self.backup()
+        self.assertEqual((status, report["image"], self.image_names()), (FAILED, None, []))
+        self.assertRegex(report["failure"], "^kestrix ended with exit status 1$")
 
 
 class DeadRuns(BackupTest):
