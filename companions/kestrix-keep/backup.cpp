@@ -408,15 +408,17 @@ static bool NameImage(Run &run, const std::string &path, const std::string &name
     return true;
 }
 
+// The digest comes first, while what was written is still in memory: the audit reads it from the medium, and once is
+// enough.
 static bool AuditAndName(Run &run, const std::string &path, const std::string &name, const CaptureOutcome &outcome)
 {
+    reader::Result<FileDigest> digest = DigestFile(path, host::Caching::Cached);
+    if (!digest) {
+        return Fail(run, digest.fault.text);
+    }
     if (const AuditFault fault = run.job.check.each == CheckDepth::Whole ? AuditChain(path, OptionsOfAudit(run))
                                                                          : AuditOwnChunks(path, OptionsOfAudit(run))) {
         return Fail(run, "the new image did not pass its audit: " + fault->text);
-    }
-    reader::Result<FileDigest> digest = DigestFile(path, host::Caching::Medium);
-    if (!digest) {
-        return Fail(run, digest.fault.text);
     }
     const reader::ImageFacts facts = reader::ReadImageFacts(path, false);
     if (facts.kind != reader::FileKind::Image) {
