@@ -1,9 +1,11 @@
 """kestrix-keep backup: one run of a job, and what earlier ones left."""
+import collections
 import hashlib
 import json
 import os
 import re
 import shutil
+import signal
 import stat
 import time
 from unittest import mock
@@ -273,6 +275,39 @@ class FailingCalls(BackupTest):
         names = self.image_names()
         self.assertEqual(len(names), 3)
         self.assertEqual(sorted(self.backup(NOW + 9 * DAY)[1]["letGo"]), names[1:])
+
+    def check_folder(self, disks):
+        """Every image under its final name gives back a disk that there was, and has a sidecar or is let go."""
+        names = os.listdir(self.place)
+        for name in self.image_names():
+            self.assertIn(bytes(kestrix_image.read_image(self.place_path(name)).disk()), disks)
+            self.assertTrue(name + ".json" in names or name + ".json.let-go" in names, names)
+
+    def second_night(self, content, *rules):
+        """A run that makes an image and lets one go: its exit status, and the disk of before and of then."""
+        for name in os.listdir(self.place):
+            os.unlink(self.place_path(name))
+        self.well()
+        disks = [self.disk_bytes(1), self.change_disk(0, content)]
+        return self.traced(NOW + DAY, *rules).finish().status, disks
+
+    def test_a_run_that_is_killed_at_any_step_leaves_sound_images_and_the_next_one_goes_on(self):
+        self.configure('keep = { last = 1 }\nnew-full = { every = "1d" }')
+        kinds = "fsync,fdatasync,rename,renameat,renameat2,link,linkat,unlink,unlinkat"
+        self.assertEqual(self.second_night(b"", "-e", f"trace={kinds}")[0], WELL)
+        with open(os.path.join(self.folder, "trace"), encoding="utf-8") as file:
+            calls = collections.Counter(re.findall(r"^(\w+)\(", file.read(), re.MULTILINE))
+        self.assertGreater(sum(calls.values()), 12, calls)
+        for kind, count in calls.items():
+            for number in range(1, count + 1):
+                with self.subTest(kind=kind, killedAt=number):
+                    status, disks = self.second_night(f"{kind} {number}".encode(), "-e", f"trace={kind}", "-e",
+                                                      f"inject={kind}:signal=KILL:when={number}")
+                    self.assertEqual(status, -signal.SIGKILL)
+                    self.check_folder(disks)
+                    last = self.well(NOW + 2 * DAY)
+                    self.check_folder(disks[1:])
+                    self.assertEqual(self.names(), [last, last + ".json", "job.keep.json"])
 
 
 class Bases(BackupTest):
