@@ -57,12 +57,14 @@ static void Warn(Run &run, const std::string &line)
     }
 }
 
-// What comes first is what ended the run.
+// The first one is the run's failure; those behind it stand among its lines.
 static bool Fail(Run &run, const std::string &sentence, int status = exitFailed)
 {
     if (run.report.failure.empty()) {
         run.report.failure = sentence;
         run.report.status = status;
+    } else {
+        run.report.lines.push_back("FAILED: " + sentence);
     }
     if (run.options.speaks) {
         PrintLine("  FAILED: " + sentence);
@@ -286,6 +288,17 @@ static void ProveBase(Run &run)
 
 // ---- The capture ----
 
+// What is found is known to the rest of the run, which reads the folder again, and to the runs to come.
+static void LookAtBase(Run &run)
+{
+    for (const size_t i : CheckChainFiles(run.folder, run.plan.base)) {
+        if (!run.options.isDryRun) {
+            const std::string damage = run.folder.images[i].doubt;
+            KeepDamage(run, i, damage);
+        }
+    }
+}
+
 static bool MayBeBase(const Run &run)
 {
     const KeptImage &base = run.folder.images[run.plan.base];
@@ -300,7 +313,7 @@ static void DecideKind(Run &run)
         if (run.plan.base == noImage) {
             break;
         }
-        CheckChainFiles(run.folder, run.plan.base);
+        LookAtBase(run);
         if (MayBeBase(run)) {
             ProveBase(run);
             isSettled = MayBeBase(run);

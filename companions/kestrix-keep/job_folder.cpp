@@ -232,14 +232,19 @@ void NoteDifference(JobFolder &folder, size_t image, const reader::ImageFacts &f
     }
 }
 
-void CheckChainFiles(JobFolder &folder, size_t image)
+std::vector<size_t> CheckChainFiles(JobFolder &folder, size_t image)
 {
+    std::vector<size_t> damaged;
     for (const size_t i : ChainOf(folder, image)) {
         const KeptImage &file = folder.images[i];
         if (file.isThere && file.sidecar && file.doubt.empty()) {
             NoteDifference(folder, i, reader::ReadImageFacts(PathOf(folder, file), false));
+            if (file.isDamaged) {
+                damaged.push_back(i);
+            }
         }
     }
+    return damaged;
 }
 
 bool IsSound(const KeptImage &image)

@@ -47,8 +47,8 @@ reader::Result<JobFolder> ReadJobFolder(const std::string &path, const std::stri
 void NoteDifference(JobFolder &folder, size_t image, const reader::ImageFacts &facts);
 
 // Looks at header, table and trailer of the image and of all that it stands on, and notes what is not as the sidecars
-// say.
-void CheckChainFiles(JobFolder &folder, size_t image);
+// say. Gives the indices of those whose own file was found damaged now.
+std::vector<size_t> CheckChainFiles(JobFolder &folder, size_t image);
 
 // Whether the image is there, made by this job, and nothing is known against it and what it stands on.
 bool IsSound(const KeptImage &image);

@@ -499,7 +499,7 @@ class Year:
             kill(child)
         status, out = self.finish(process)
         report = self.report(out)
-        wasKilled = "kestrix was ended" in (report["failure"] or "")
+        wasKilled = "kestrix was ended" in out
         demand(status == (1 if wasKilled or job.spoiled else 0) or job.spoiled, out)
         demand((report["image"] is None) == wasKilled, f"an image of a capture that was killed: {out}")
         self.after(job, now, isWell=None if job.spoiled else not wasKilled)

@@ -329,6 +329,18 @@ class Bases(BackupTest):
         self.assertEqual(status, FAILED)
         self.assertIn(NAME, report["failure"])
 
+    def test_a_base_in_whose_place_another_image_of_equal_length_lies_is_none(self):
+        self.configure('new-full = { every = "1d" }')
+        first = self.well()
+        self.change_disk(0, b"other")
+        second = self.well(NOW + DAY)
+        self.configure()
+        self.assertEqual(os.path.getsize(self.place_path(first)), os.path.getsize(self.place_path(second)))
+        shutil.copyfile(self.place_path(first), self.place_path(second))
+        status, report = self.backup(NOW + 2 * DAY)
+        self.assertEqual((status, self.sidecar(report["image"])["base"]), (FAILED, first))
+        self.assertIn(f"{second} is no base: it is another image than its sidecar tells of", report["lines"])
+
     def test_a_base_whose_trailer_names_another_base_is_none(self):
         self.configure('base = "newest"')
         first, second = self.well(), self.well(NOW + DAY)
@@ -454,6 +466,15 @@ class BadCaptures(BackupTest):
         self.make_it_sound()
         self.assertEqual(self.names(), ["job.keep.json"])
         self.well(NOW + DAY)
+
+    def test_damage_that_was_found_before_does_not_hide_why_there_is_no_image(self):
+        self.kestrix_that("")
+        self.well()
+        kestrix_image.flip_byte(self.place_path(NAME), 64 + 2 * 72 + 5)
+        self.kestrix_that("exit 1")
+        _, report = self.backup(NOW + 8 * DAY)
+        self.assertRegex(report["failure"], f"{NAME}: .*its SHA-256 is another$")
+        self.assertIn("FAILED: kestrix ended with exit status 1", report["lines"])
 
     def test_an_image_of_a_kestrix_that_says_that_it_failed_gets_no_name(self):
         self.kestrix_that("exit 1")
