@@ -534,5 +534,5 @@ TEST(StatusPage, OfFourHundredImagesStaysSmallEvenWhereAllCellsDiffer)
     for (ChangeStrip &strip : facts.jobs[0].strips) {
         strip = Strip(cells, cells);
     }
-    EXPECT_LT(StatusPage(facts).size(), size_t{3} << 20);
+    EXPECT_LT(StatusPage(facts).size(), size_t{2} << 20);
 }
