@@ -1,6 +1,9 @@
 // JSON of a known form; whatever has another is refused as a whole.
 #include "kestrix-keep/sidecar.h"
 
+#include <map>
+#include <stdexcept>
+
 static constexpr int form = 1;
 
 std::string SidecarPath(const std::string &imagePath)
@@ -77,7 +80,18 @@ static DiskIdentity DiskOf(const Json &json)
     return disk;
 }
 
-// Throws what the library throws.
+// Of what lies beyond the year 9999 no calendar tells, and no sum of two overflows.
+static int64_t TimeAt(const Json &json, const char *key)
+{
+    constexpr int64_t endOfCalendar = 253402300800;
+    const int64_t time = json.at(key).get<int64_t>();
+    if (time < 0 || time >= endOfCalendar) {
+        throw std::out_of_range(std::string(key) + " is no time");
+    }
+    return time;
+}
+
+// Throws what the library throws, and std::out_of_range.
 static Sidecar SidecarOf(const Json &json)
 {
     Sidecar sidecar;
@@ -85,8 +99,8 @@ static Sidecar SidecarOf(const Json &json)
     json.at("machine").get_to(sidecar.machine);
     json.at("number").get_to(sidecar.number);
     sidecar.disk = DiskOf(json.at("disk"));
-    json.at("startedAt").get_to(sidecar.startedAt);
-    json.at("endedAt").get_to(sidecar.endedAt);
+    sidecar.startedAt = TimeAt(json, "startedAt");
+    sidecar.endedAt = TimeAt(json, "endedAt");
     json.at("startedLocal").get_to(sidecar.startedLocal);
     json.at("base").get_to(sidecar.base);
     json.at("baseIdentity").get_to(sidecar.baseIdentity);
@@ -100,7 +114,7 @@ static Sidecar SidecarOf(const Json &json)
     json.at("notes").get_to(sidecar.notes);
     json.at("isSound").get_to(sidecar.isSound);
     json.at("damage").get_to(sidecar.damage);
-    json.at("provedAt").get_to(sidecar.provedAt);
+    sidecar.provedAt = TimeAt(json, "provedAt");
     json.at("mayNotBeBase").get_to(sidecar.mayNotBeBase);
     return sidecar;
 }
@@ -110,8 +124,16 @@ static JobMemory MemoryOf(const Json &json)
     JobMemory memory;
     json.at("lastNumber").get_to(memory.lastNumber);
     json.at("stamps").get_to(memory.stamps);
+    if (!json.at("lastReport").is_null()) {
+        json.at("lastReport").at("startedLocal").get_ref<const std::string &>();
+    }
     memory.lastReport = json.at("lastReport");
-    memory.places = json.at("places");
+    memory.places = json.at("places").get<std::map<std::string, Json>>();
+    for (const Json &place : memory.places) {
+        if (place.get_ref<const Json::object_t &>().count("completeAt") != 0) {
+            TimeAt(place, "completeAt");
+        }
+    }
     return memory;
 }
 
@@ -124,7 +146,7 @@ static reader::Result<Value> ParseForm(const std::string &text, const std::strin
             return reader::Fault{reader::FaultKind::Unavailable, name + ": a newer kestrix-keep wrote it"};
         }
         return valueOf(json);
-    } catch (const Json::exception &error) {
+    } catch (const std::exception &error) {
         return reader::Fault{reader::FaultKind::Damaged, name + ": it is not what kestrix-keep wrote: " + error.what()};
     }
 }
