@@ -558,15 +558,16 @@ static bool LiesWhereItDid(Run &run, const CopyPlace &place, const std::string &
 static void MakeCopies(Run &run)
 {
     for (const CopyPlace &place : run.job.copies) {
-        const std::string name = place.rclone.empty() ? place.folder : "rclone:" + place.rclone;
+        const std::string name = NameOfPlace(place);
         if (!run.folder.memory.places.contains(name)) {
             run.folder.memory.places[name] = Json::object();
         }
         if (!LiesWhereItDid(run, place, name)) {
             continue;
         }
-        const CopyOutcome outcome =
-            CopyImages(run.folder, place, StateOfRetention(run), [&run](const std::string &line) { Say(run, line); });
+        const CopyOutcome outcome = CopyImages(
+            run.folder, place,
+            {StateOfRetention(run), run.options.showsProgress, [&run](const std::string &line) { Say(run, line); }});
         if (outcome.failure.empty()) {
             run.folder.memory.places[name]["completeAt"] = TimeNow(run);
         } else {

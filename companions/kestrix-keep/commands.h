@@ -34,7 +34,10 @@ struct StatusOptions {
     std::vector<std::string> jobs; // none: all
     std::string prometheusFile;    // empty: none is written
     std::string htmlFile;          // likewise
+    std::string place;             // of copies, as keep.toml names it; empty: the jobs' own folders
+    bool comparesCopies = false;   // there, by their digests
 };
+int StatusOfPlace(const KeepOptions &common, const StatusOptions &options);
 int Status(const KeepOptions &common, const StatusOptions &options);
 
 struct ScheduleOptions {
@@ -51,8 +54,9 @@ int Unschedule(const KeepOptions &common, const std::string &job);
 int Disks(const KeepOptions &common);
 
 struct RestoreOptions {
-    std::string folder;       // where images are looked for; empty: in those of the configuration
-    std::string image;        // path; empty: it is asked for
+    std::string from;         // a folder or rclone:..., where images are looked for; empty: those of the configuration
+    std::string image;        // path, or rclone:REMOTE:PATH/NAME; empty: it is asked for
+    std::string fetchTo;      // the folder for an image of rclone's; empty: it is asked for
     std::string disk;         // as FindDisk takes it; empty: it is asked for
     std::string yesOverwrite; // the disk's whole serial, or its size in bytes; empty: it is asked for
     std::string passwordFile; // empty: it is asked for

@@ -789,9 +789,8 @@ static CheckRules ReadCheck(Reading &reading, const Value &table)
     return rules;
 }
 
-// What is wrong with REMOTE:PATH; empty if nothing is. The remote must not be taken for an option or, by rclone, for a
-// backend or a drive.
-static std::string RcloneFault(const std::string &place, host::PathRules rules)
+// The remote must not be taken for an option or, by rclone, for a backend or a drive.
+std::string RcloneFault(const std::string &place, host::PathRules rules)
 {
     const std::string remote = place.substr(0, place.find(':'));
     if (remote.empty() || remote.size() + 1 >= place.size()) {

@@ -87,5 +87,9 @@ ReadingResult ParseConfiguration(const std::string &text, const std::string &pat
 // names for its password or as a program.
 ReadingResult ReadConfiguration(const std::string &path);
 
+// What is wrong with REMOTE:PATH as a place of rclone's, by the rules for paths of a platform, as a sentence; empty if
+// nothing is.
+std::string RcloneFault(const std::string &place, host::PathRules rules);
+
 // Where the configuration is if nothing else was said.
 std::string DefaultConfigurationPath();

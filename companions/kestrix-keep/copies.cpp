@@ -2,27 +2,25 @@
 // it is whole there and has its digest, its sidecar before its own name; then what goes.
 #include "kestrix-keep/copies.h"
 
+#include "kestrix-keep/place_images.h"
 #include "report/report.h"
 
 #include <algorithm>
-#include <set>
-
-static const char endingOfCopies[] = ".copying";
+#include <map>
 
 struct Copying {
-    const JobFolder &folder;
+    JobFolder &folder;
     const CopyPlace &wanted;
-    const RetentionState &chain;
-    const std::function<void(const std::string &)> &onLine;
+    const CopyOptions &options;
     Place place;
-    std::set<std::string> names; // there
+    std::map<std::string, std::optional<uint64_t>> files; // there, with their lengths
     CopyOutcome outcome;
 };
 
 static bool Fail(Copying &run, const std::string &sentence)
 {
     run.outcome.failure = run.outcome.failure.empty() ? sentence : run.outcome.failure;
-    run.onLine("copies: " + sentence);
+    run.options.onLine("copies: " + sentence);
     return false;
 }
 
@@ -36,7 +34,7 @@ static bool Succeeds(Copying &run, const std::optional<reader::Fault> &fault)
 // Those that the place's own rules would keep, and the newest sound one with all that it needs. Without rules all are.
 static std::vector<size_t> ImagesWanted(const Copying &run)
 {
-    RetentionState allowed = run.chain;
+    RetentionState allowed = run.options.chain;
     allowed.chainIsProved = true; // this decides about what is to come, not about what may go
     std::vector<RetainedImage> images = RetainedImagesOf(run.folder);
     for (RetainedImage &image : images) {
@@ -54,30 +52,75 @@ static std::vector<size_t> ImagesWanted(const Copying &run)
 
 // ---- Copying ----
 
-static bool CopyChecked(Copying &run, const KeptImage &image)
+// What a remote that has another kind of digest was compared by stays with the image: without its file here there would
+// be no other way to it.
+static bool RecordDigests(Copying &run, KeptImage &image, const OtherDigests &digests)
 {
-    const std::string path = PathOf(run.folder, image);
-    const std::string temporary = image.name + endingOfCopies;
-    if (!Succeeds(run, run.place.put(path, temporary))) {
-        return false;
+    if (digests == image.sidecar->otherDigests) {
+        return true;
     }
-    reader::Result<std::string> digest = run.place.digest(temporary, path);
-    if (!digest) {
-        return Fail(run, digest.fault.text);
-    }
-    if (*digest != image.sidecar->sha256) {
-        return Fail(run,
-                    run.place.name + ": " + image.name + ": what arrived is not what was sent: its SHA-256 is another");
-    }
-    // Of two files with one length a remote may take the one for the other, and leave the old one where it is.
-    if (run.names.count(image.name) != 0 && !Succeeds(run, run.place.remove(image.name))) {
-        return false;
-    }
-    return Succeeds(run, run.place.put(SidecarPath(path), SidecarPath(image.name))) &&
-           Succeeds(run, run.place.rename(temporary, image.name));
+    const std::string path = SidecarPath(PathOf(run.folder, image));
+    image.sidecar->otherDigests = digests;
+    const host::Trouble trouble = WriteSidecar(path, *image.sidecar);
+    return !trouble || Fail(run, path + ": it can't be written: " + *trouble);
 }
 
-static bool CopyOne(Copying &run, const KeptImage &image)
+static bool CompareThere(Copying &run, KeptImage &image, const std::string &name)
+{
+    WantedDigests wanted = {image.sidecar->sha256, image.sidecar->otherDigests, PathOf(run.folder, image)};
+    Progress progress(run.options.showsProgress, "reading back " + image.name, image.sidecar->fileBytes);
+    const std::optional<reader::Fault> fault =
+        run.place.compare(name, &wanted, [&progress](uint64_t bytes) { progress.Add(bytes); });
+    progress.Hide();
+    if (fault && fault->kind == reader::FaultKind::Damaged) {
+        return Fail(run, fault->text + ": what arrived is not what was sent");
+    }
+    return Succeeds(run, fault) && RecordDigests(run, image, wanted.others);
+}
+
+static bool Put(Copying &run, const KeptImage &image, const std::string &name)
+{
+    Progress progress(run.options.showsProgress, "copying " + image.name, image.sidecar->fileBytes);
+    const std::optional<reader::Fault> fault =
+        run.place.put(PathOf(run.folder, image), name, [&progress](uint64_t bytes) { progress.Add(bytes); });
+    progress.Hide();
+    return Succeeds(run, fault);
+}
+
+// Small enough to be read back whole.
+static bool PutSidecar(Copying &run, const KeptImage &image)
+{
+    const std::string path = SidecarPath(PathOf(run.folder, image));
+    const std::string name = SidecarPath(image.name);
+    std::string text;
+    if (const host::Trouble trouble = host::ReadSmallFile(path, &text)) {
+        return Fail(run, path + ": it can't be read: " + *trouble);
+    }
+    if (!Succeeds(run, run.place.put(path, name, nullptr))) {
+        return false;
+    }
+    reader::Result<std::string> there = run.place.read(name);
+    if (!there) {
+        return Fail(run, there.fault.text);
+    }
+    run.files[name] = text.size();
+    return *there == text || Fail(run, run.place.name + ": " + name + ": what arrived is not what was sent");
+}
+
+static bool CopyChecked(Copying &run, KeptImage &image)
+{
+    const std::string temporary = image.name + endingOfCopies;
+    if (!Put(run, image, temporary) || !CompareThere(run, image, temporary)) {
+        return false;
+    }
+    // Of two files with one length a remote may take the one for the other, and leave the old one where it is.
+    if (run.files.count(image.name) != 0 && !Succeeds(run, run.place.remove(image.name))) {
+        return false;
+    }
+    return PutSidecar(run, image) && Succeeds(run, run.place.rename(temporary, image.name));
+}
+
+static bool CopyOne(Copying &run, KeptImage &image)
 {
     if (run.place.isRemote && !image.sidecar->isSealed && !run.wanted.plainIsFine) {
         return Fail(run, run.place.name + ": " + image.name +
@@ -87,22 +130,41 @@ static bool CopyOne(Copying &run, const KeptImage &image)
     if (!CopyChecked(run, image)) {
         return false;
     }
-    run.onLine("copied: " + image.name + " to " + run.place.name);
+    run.options.onLine("copied: " + image.name + " to " + run.place.name);
     run.outcome.copied.push_back(image.name);
-    run.names.insert(image.name);
+    run.files[image.name] = image.sidecar->fileBytes;
     return true;
+}
+
+// A place that doesn't tell a length is believed.
+static bool HasLength(const Copying &run, const std::string &name, uint64_t bytes)
+{
+    const auto file = run.files.find(name);
+    return file != run.files.end() && file->second.value_or(bytes) == bytes;
+}
+
+static bool CopyIfWanting(Copying &run, KeptImage &image)
+{
+    uint64_t sidecarBytes = 0;
+    const std::string sidecar = SidecarPath(PathOf(run.folder, image));
+    if (const host::Trouble trouble = host::LengthOfFile(sidecar, &sidecarBytes)) {
+        return Fail(run, sidecar + ": it can't be looked at: " + *trouble);
+    }
+    const bool isThere = HasLength(run, image.name, image.sidecar->fileBytes);
+    if (run.files.count(image.name) != 0 && !isThere) {
+        run.options.onLine("copied again: " + image.name + ": at " + run.place.name + " it is not as long as it was");
+    }
+    if (!isThere || run.files.count(SidecarPath(image.name)) == 0) {
+        return CopyOne(run, image);
+    }
+    return HasLength(run, SidecarPath(image.name), sidecarBytes) || PutSidecar(run, image);
 }
 
 static bool CopyMissing(Copying &run)
 {
-    for (const size_t i : ImagesWanted(run)) { // in the order in which they were made: bases first
-        const KeptImage &image = run.folder.images[i];
-        const bool isThere = run.names.count(image.name) != 0 && run.names.count(SidecarPath(image.name)) != 0;
-        if (!isThere && !CopyOne(run, image)) {
-            return false;
-        }
-    }
-    return true;
+    const std::vector<size_t> wanted = ImagesWanted(run);
+    return std::all_of(wanted.begin(), wanted.end(), // in the order in which they were made: bases first
+                       [&run](size_t i) { return CopyIfWanting(run, run.folder.images[i]); });
 }
 
 // ---- Letting go ----
@@ -115,7 +177,7 @@ static reader::Result<std::optional<Sidecar>> SidecarAt(const Copying &run, cons
             return std::optional<Sidecar>(image.sidecar);
         }
     }
-    if (run.names.count(SidecarPath(name)) == 0) {
+    if (run.files.count(SidecarPath(name)) == 0) {
         return std::optional<Sidecar>();
     }
     reader::Result<std::string> text = run.place.read(SidecarPath(name));
@@ -129,7 +191,7 @@ static reader::Result<std::optional<Sidecar>> SidecarAt(const Copying &run, cons
 static bool ImagesThere(Copying &run, std::vector<std::string> *names, std::vector<RetainedImage> *images)
 {
     std::vector<std::string> bases;
-    for (const std::string &name : run.names) {
+    for (const auto &[name, bytes] : run.files) {
         const std::optional<int64_t> time = TimeOfImageName(run.folder.job, name);
         if (!time) {
             continue;
@@ -145,7 +207,7 @@ static bool ImagesThere(Copying &run, std::vector<std::string> *names, std::vect
             image.time = (*sidecar)->startedAt;
             image.isOurs = true;
             image.isSound = (*sidecar)->isSound;
-            image.isDamaged = !image.isSound;
+            image.isDamaged = !image.isSound || bytes.value_or((*sidecar)->fileBytes) != (*sidecar)->fileBytes;
         }
         names->push_back(name);
         images->push_back(image);
@@ -168,13 +230,16 @@ static void LetGoThere(Copying &run)
     if (!run.wanted.keep || !ImagesThere(run, &names, &images)) {
         return;
     }
-    const std::vector<Decision> decisions = DecideRetention(images, run.wanted.keep, run.chain);
+    const std::vector<Decision> decisions = DecideRetention(images, run.wanted.keep, run.options.chain);
     for (size_t i = names.size(); i-- > 0;) { // by their names what stands on another one comes behind it
-        if (decisions[i].isLetGo && Succeeds(run, run.place.remove(names[i])) &&
-            Succeeds(run, run.place.remove(SidecarPath(names[i])))) {
-            run.outcome.letGo.push_back(names[i]);
-            run.onLine("let go at " + run.place.name + ": " + names[i]);
+        if (!decisions[i].isLetGo) {
+            continue;
         }
+        if (!Succeeds(run, run.place.remove(names[i])) || !Succeeds(run, run.place.remove(SidecarPath(names[i])))) {
+            return;
+        }
+        run.outcome.letGo.push_back(names[i]);
+        run.options.onLine("let go at " + run.place.name + ": " + names[i]);
     }
 }
 
@@ -188,7 +253,7 @@ static bool IsDead(const Copying &run, const std::string &name)
 {
     for (const std::string &ending : {std::string(endingOfCopies), SidecarPath("")}) {
         const std::string image = EndsWith(name, ending) ? name.substr(0, name.size() - ending.size()) : std::string();
-        if (TimeOfImageName(run.folder.job, image) && (ending == endingOfCopies || run.names.count(image) == 0)) {
+        if (TimeOfImageName(run.folder.job, image) && (ending == endingOfCopies || run.files.count(image) == 0)) {
             return true;
         }
     }
@@ -197,11 +262,11 @@ static bool IsDead(const Copying &run, const std::string &name)
 
 static bool RemoveDeadCopies(Copying &run)
 {
-    for (auto name = run.names.begin(); name != run.names.end();) {
-        if (!IsDead(run, *name)) {
-            ++name;
-        } else if (Succeeds(run, run.place.remove(*name))) {
-            name = run.names.erase(name);
+    for (auto file = run.files.begin(); file != run.files.end();) {
+        if (!IsDead(run, file->first)) {
+            ++file;
+        } else if (Succeeds(run, run.place.remove(file->first))) {
+            file = run.files.erase(file);
         } else {
             return false;
         }
@@ -209,25 +274,34 @@ static bool RemoveDeadCopies(Copying &run)
     return true;
 }
 
-CopyOutcome CopyImages(const JobFolder &folder, const CopyPlace &wanted, const RetentionState &chain,
-                       const std::function<void(const std::string &)> &onLine)
+// A remote's folder is made where it has none: many a key may write into one and may not make one.
+static reader::Result<std::vector<PlaceFile>> ListThere(const Place &place)
 {
-    Copying run = {folder, wanted, chain, onLine, {}, {}, {}};
-    run.outcome.place = wanted.rclone.empty() ? wanted.folder : "rclone:" + wanted.rclone;
+    reader::Result<std::vector<PlaceFile>> listed = place.list();
+    return listed || !place.isRemote || place.prepare() ? std::move(listed) : place.list();
+}
+
+CopyOutcome CopyImages(JobFolder &folder, const CopyPlace &wanted, const CopyOptions &options)
+{
+    Copying run = {folder, wanted, options, {}, {}, {}};
+    run.outcome.place = NameOfPlace(wanted);
     reader::Result<Place> place = MakePlace(wanted);
     if (!place) {
         Fail(run, place.fault.text);
         return run.outcome;
     }
     run.place = std::move(*place);
-    reader::Result<std::vector<std::string>> names = run.place.list();
-    if (!names) {
-        Fail(run, names.fault.text);
+    reader::Result<std::vector<PlaceFile>> files = ListThere(run.place);
+    if (!files) {
+        Fail(run, files.fault.text);
         return run.outcome;
     }
-    run.names.insert(names->begin(), names->end());
-    if (RemoveDeadCopies(run) && CopyMissing(run)) {
-        LetGoThere(run);
+    for (const PlaceFile &file : *files) {
+        run.files[file.name] = file.bytes;
+    }
+    if (RemoveDeadCopies(run)) {
+        CopyMissing(run);
+        LetGoThere(run); // also where there was no room: it will not come by itself
     }
     return run.outcome;
 }

@@ -15,7 +15,12 @@ struct CopyOutcome {
     std::vector<std::string> letGo;
 };
 
-// Brings the place up to the folder, whose images have been looked at, and tells onLine what is done and why. chain
-// says whether the newest image's chain was proved lately, as it is for letting go in the folder.
-CopyOutcome CopyImages(const JobFolder &folder, const CopyPlace &wanted, const RetentionState &chain,
-                       const std::function<void(const std::string &)> &onLine);
+struct CopyOptions {
+    RetentionState chain; // whether the newest image's was proved lately, as it is for letting go in the folder
+    bool showsProgress = false;
+    std::function<void(const std::string &)> onLine; // is told what is done, and why
+};
+
+// Brings the place up to the folder, whose images have been looked at. Digests that a remote wants of an image are
+// added to its sidecar.
+CopyOutcome CopyImages(JobFolder &folder, const CopyPlace &wanted, const CopyOptions &options);

@@ -10,8 +10,14 @@
 #include <string>
 #include <vector>
 
+// A file of a chain in a place of rclone's.
+struct ChainFile {
+    std::string name;
+    Sidecar sidecar;
+};
+
 struct FoundImage {
-    std::string path;
+    std::string path; // of one that is not in a folder yet, the place's name and its own
     reader::ImageFacts facts;
     std::optional<Sidecar> sidecar; // that tells of this very file
     std::string sidecarDoubt;       // why there is none, or why it doesn't count
@@ -20,6 +26,8 @@ struct FoundImage {
     bool isSealed = false;          // it, or something that it stands on
     std::string whyNot;             // why it can't be restored; empty: nothing is known against it
     int64_t provedAt = 0;           // when the oldest of its files was last read whole and found sound; 0: not known
+    std::string place;              // of rclone's, from which it has to be fetched; empty: it lies in a folder
+    std::vector<ChainFile> toFetch; // with all that it stands on, bases first
     std::string passwordFile;       // that the configuration has for it; empty: none
 };
 

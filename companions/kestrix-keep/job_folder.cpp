@@ -61,21 +61,39 @@ static std::string ImageNameOf(const std::string &job, const std::string &name)
     return TimeOfImageName(job, image) ? image : std::string();
 }
 
-static void ReadOneSidecar(JobFolder &folder, KeptImage &image)
+void NoteSidecar(const JobFolder &folder, KeptImage &image, std::optional<reader::Result<Sidecar>> sidecar)
+{
+    if (!sidecar) {
+        image.doubt = "it has no sidecar: this job did not make it, or the sidecar was removed";
+    } else if (!*sidecar) {
+        image.doubt = sidecar->fault.text;
+    } else if ((*sidecar)->job != folder.job) {
+        image.doubt = "its sidecar names another job, " + (*sidecar)->job;
+    } else {
+        image.sidecar = std::move(**sidecar);
+        image.time = image.sidecar->startedAt;
+    }
+}
+
+static void ReadOneSidecar(const JobFolder &folder, KeptImage &image)
 {
     const std::string path = SidecarPath(PathOf(folder, image));
-    if (host::NameIsFree(path)) {
-        image.doubt = "it has no sidecar: this job did not make it, or the sidecar was removed";
+    const bool isNone = host::NameIsFree(path);
+    NoteSidecar(folder, image, isNone ? std::nullopt : std::optional<reader::Result<Sidecar>>(ReadSidecar(path)));
+}
+
+void JudgeLength(KeptImage &image, uint64_t fileBytes)
+{
+    if (!image.sidecar) {
         return;
     }
-    reader::Result<Sidecar> read = ReadSidecar(path);
-    if (!read) {
-        image.doubt = read.fault.text;
-    } else if (read->job != folder.job) {
-        image.doubt = "its sidecar names another job, " + read->job;
-    } else {
-        image.sidecar = std::move(*read);
-        image.time = image.sidecar->startedAt;
+    if (fileBytes != image.sidecar->fileBytes) {
+        image.doubt = "it has " + Counted(fileBytes, "byte") + ", not the " + std::to_string(image.sidecar->fileBytes) +
+                      " that it was made with";
+        image.isDamaged = true;
+    } else if (!image.sidecar->isSound) {
+        image.doubt = image.sidecar->damage;
+        image.isDamaged = true;
     }
 }
 
@@ -90,19 +108,14 @@ static void LookAtFile(const JobFolder &folder, KeptImage &image)
                 : image.doubt;
         return;
     }
+    uint64_t fileBytes = 0;
     if (!image.sidecar) {
         return;
     }
-    uint64_t fileBytes = 0;
     if (const host::Trouble trouble = host::LengthOfFile(PathOf(folder, image), &fileBytes)) {
         image.doubt = "it can't be looked at: " + *trouble;
-    } else if (fileBytes != image.sidecar->fileBytes) {
-        image.doubt = "it has " + Counted(fileBytes, "byte") + ", not the " + std::to_string(image.sidecar->fileBytes) +
-                      " that it was made with";
-        image.isDamaged = true;
-    } else if (!image.sidecar->isSound) {
-        image.doubt = image.sidecar->damage;
-        image.isDamaged = true;
+    } else {
+        JudgeLength(image, fileBytes);
     }
 }
 
@@ -136,6 +149,14 @@ static void LinkImages(JobFolder &folder)
         }
         image.chainLength = isBroken || !image.isThere ? 0 : base->chainLength + 1;
     }
+}
+
+void ArrangeImages(JobFolder &folder)
+{
+    const auto numberOf = [](const KeptImage &image) { return image.sidecar ? image.sidecar->number : 0; };
+    std::stable_sort(folder.images.begin(), folder.images.end(),
+                     [&](const KeptImage &left, const KeptImage &right) { return numberOf(left) < numberOf(right); });
+    LinkImages(folder);
 }
 
 reader::Result<JobFolder> ReadJobFolder(const std::string &path, const std::string &job)
@@ -175,10 +196,7 @@ reader::Result<JobFolder> ReadJobFolder(const std::string &path, const std::stri
             folder.images.push_back(std::move(image));
         }
     }
-    const auto numberOf = [](const KeptImage &image) { return image.sidecar ? image.sidecar->number : 0; };
-    std::stable_sort(folder.images.begin(), folder.images.end(),
-                     [&](const KeptImage &left, const KeptImage &right) { return numberOf(left) < numberOf(right); });
-    LinkImages(folder);
+    ArrangeImages(folder);
     return folder;
 }
 

@@ -46,6 +46,15 @@ reader::Result<JobFolder> ReadJobFolder(const std::string &path, const std::stri
 // against one that has no sidecar or that something is known against.
 void NoteDifference(JobFolder &folder, size_t image, const reader::ImageFacts &facts);
 
+// Takes the sidecar of an image of the folder's job, or notes why there is none that counts.
+void NoteSidecar(const JobFolder &folder, KeptImage &image, std::optional<reader::Result<Sidecar>> sidecar);
+
+// Notes what stands against an image that is there, by its sidecar and by how long its file is.
+void JudgeLength(KeptImage &image, uint64_t fileBytes);
+
+// Brings the folder's images into their order, and notes who stands on whom.
+void ArrangeImages(JobFolder &folder);
+
 // Looks at header, table and trailer of the image and of all that it stands on, and notes what is not as the sidecars
 // say. Gives the indices of those whose own file was found damaged now.
 std::vector<size_t> CheckChainFiles(JobFolder &folder, size_t image);

@@ -61,13 +61,24 @@ static void AddStatus(CLI::App &app, KeepCommandLine &line)
 {
     CLI::App *command = app.add_subcommand("status", "Tell what state jobs are in, by what lies in their folders");
     command->add_option("JOB", line.status.jobs, "Jobs of the configuration; all, if none is given");
+    CLI::Option *place =
+        command->add_option("--place", line.status.place, "Tell of the copies in this folder or rclone:REMOTE:PATH");
+    place->type_name("PLACE");
+    command->add_flag("--compare", line.status.comparesCopies, "Compare each copy there with its digest")->needs(place);
     command->add_option("--prometheus", line.status.prometheusFile, "Also write the figures for monitoring")
-        ->type_name("FILE");
+        ->type_name("FILE")
+        ->excludes(place);
     command->add_option("--html", line.status.htmlFile, "Also write a page with drawings; reads the images' tables")
-        ->type_name("FILE");
+        ->type_name("FILE")
+        ->excludes(place);
     AddCommon(command, line);
     AddConfiguration(command, line);
-    command->callback([&line] { line.run = [&line] { return Status(line.common, line.status); }; });
+    command->callback([&line] {
+        line.run = [&line] {
+            return line.status.place.empty() ? Status(line.common, line.status)
+                                             : StatusOfPlace(line.common, line.status);
+        };
+    });
 }
 
 static void AddSchedule(CLI::App &app, KeepCommandLine &line)
@@ -99,9 +110,11 @@ static void AddRestore(CLI::App &app, KeepCommandLine &line)
     CLI::App *command = app.add_subcommand("restore", "Write an image back over a whole disk, guided by questions");
     RestoreOptions &options = line.restore;
     CLI::Option *image = command->add_option("--image", options.image, "Restore this image")->type_name("PATH");
-    command->add_option("--from", options.folder, "Look for images there, and not in the configured folders")
-        ->type_name("FOLDER")
+    command->add_option("--from", options.from, "Look for images in this folder or rclone:REMOTE:PATH")
+        ->type_name("PLACE")
         ->excludes(image);
+    command->add_option("--fetch-to", options.fetchTo, "The folder into which images of rclone's are fetched")
+        ->type_name("FOLDER");
     CLI::Option *disk =
         command->add_option("--disk", options.disk, "Overwrite this disk: serial:..., wwn:..., or its number");
     disk->type_name("NAME");

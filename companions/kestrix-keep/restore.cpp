@@ -1,16 +1,17 @@
 // restore: the bad day, step by step.
 //
-// The steps: an image is found and chosen; its password; its audit, or the word of the last one; the disks are shown
-// with what keeps each from being overwritten; one is chosen, and named once more by a part of its serial; it is held,
-// looked at again, and written by kestrix; it is read back and compared; the backup table of a larger disk; what
-// remains to be done. Until kestrix runs nothing is written, and every question can end it. There is no default and no
-// time-out.
+// The steps: an image is found and chosen, and fetched where it lies in a place of rclone's; its password; its audit,
+// or the word of the last one; the disks are shown with what keeps each from being overwritten; one is chosen, and
+// named once more by a part of its serial; it is held, looked at again, and written by kestrix; it is read back and
+// compared; the backup table of a larger disk; what remains to be done. Until kestrix runs nothing is written, and
+// every question can end it. There is no default and no time-out.
 #include "host/host.h"
 #include "kestrix-keep/audit.h"
 #include "kestrix-keep/clock.h"
 #include "kestrix-keep/commands.h"
 #include "kestrix-keep/configuration.h"
 #include "kestrix-keep/disk_cards.h"
+#include "kestrix-keep/fetch.h"
 #include "kestrix-keep/found_images.h"
 #include "kestrix-keep/questions.h"
 #include "reader/compare.h"
@@ -44,6 +45,7 @@ struct RestoreRun {
     std::string failure;
     std::vector<FoundImage> images;
     std::optional<FoundImage> image;
+    std::vector<std::string> fetched; // file names
     std::string audit = "none";
     std::string passwordFile;
     host::SecretFile secret;
@@ -78,6 +80,24 @@ static std::string NameOfDisk(const DiskFacts &disk)
            (disk.serial.empty() ? ", no serial" : ", serial " + disk.serial) + ")";
 }
 
+static std::string RefusalText(const Refusal &refusal)
+{
+    return refusal.why + "; " + refusal.remedy;
+}
+
+// What the image that was chosen wants of a disk; what it lies on is not in it yet.
+static TargetRules RulesOf(RestoreRun &run)
+{
+    const ImageHeader &header = run.image->facts.header;
+    TargetRules rules;
+    run.medium = host::FindStartMedium();
+    rules.diskBytes = header.diskSize;
+    rules.sectorBytes = header.sectorSize;
+    rules.takesOtherSectors = run.options.takesOtherSectors;
+    rules.startDisks = run.medium.disks;
+    return rules;
+}
+
 // ---- The image ----
 
 static void LookIntoFolder(RestoreRun &run, const std::string &folder, const std::string &passwordFile)
@@ -90,7 +110,33 @@ static void LookIntoFolder(RestoreRun &run, const std::string &folder, const std
     }
 }
 
-// The folders of the jobs and those of their copies, each once.
+static std::optional<Fault> FindInRemote(const std::string &text, std::vector<FoundImage> *images)
+{
+    reader::Result<CopyPlace> parsed = ParsePlace(text);
+    if (!parsed) {
+        return parsed.fault;
+    }
+    reader::Result<Place> place = MakePlace(*parsed);
+    return place ? FindRemoteImages(*place, {}, images) : place.fault;
+}
+
+static void LookIntoPlace(RestoreRun &run, const std::string &text)
+{
+    if (!IsRemoteText(text)) {
+        LookIntoFolder(run, text, {});
+        return;
+    }
+    const size_t before = run.images.size();
+    Say(run.talk, "Reading what the sidecars in " + text + " say.");
+    if (const std::optional<Fault> fault = FindInRemote(text, &run.images)) {
+        Say(run.talk, fault->text);
+    } else if (run.images.size() == before) {
+        Say(run.talk, text + ": there are no images in it");
+    }
+}
+
+// The folders of the jobs and those of their copies, each once. Places of rclone's are named and not asked, which may
+// take long.
 static void LookIntoConfiguredFolders(RestoreRun &run)
 {
     const std::string &given = run.common.configuration;
@@ -114,18 +160,23 @@ static void LookIntoConfiguredFolders(RestoreRun &run)
         look(job.folder, job);
         for (const CopyPlace &copy : job.copies) {
             look(copy.folder, job);
+            if (!copy.rclone.empty()) {
+                Say(run.talk,
+                    "Copies lie in " + NameOfPlace(copy) + " too: --from " + NameOfPlace(copy) + " shows them.");
+            }
         }
     }
 }
 
-static bool AskForFolder(RestoreRun &run)
+static bool AskForPlace(RestoreRun &run)
 {
-    const std::optional<std::string> folder = Ask(run.talk, "In which folder do the images lie?");
-    if (!folder) {
+    const std::optional<std::string> place =
+        Ask(run.talk, "In which folder, or rclone:REMOTE:PATH, do the images lie?");
+    if (!place) {
         return EndTalk(run);
     }
-    if (!folder->empty()) {
-        LookIntoFolder(run, *folder, {});
+    if (!place->empty()) {
+        LookIntoPlace(run, *place);
     }
     return true;
 }
@@ -135,13 +186,13 @@ static bool GatherImages(RestoreRun &run)
     if (!run.images.empty()) {
         return true; // of an earlier round
     }
-    if (run.options.folder.empty()) {
+    if (run.options.from.empty()) {
         LookIntoConfiguredFolders(run);
     } else {
-        LookIntoFolder(run, run.options.folder, {});
+        LookIntoPlace(run, run.options.from);
     }
     while (run.images.empty()) {
-        if (!AskForFolder(run)) {
+        if (!AskForPlace(run)) {
             return false;
         }
     }
@@ -185,11 +236,44 @@ static std::optional<size_t> AskForImage(RestoreRun &run)
     }
 }
 
+// The place of what is named rclone:REMOTE:PATH/NAME.
+static std::string PlaceOfImage(const std::string &text)
+{
+    const size_t end = text.rfind('/');
+    if (end == std::string::npos || end == 0) {
+        return text;
+    }
+    return text.substr(0, text[end - 1] == ':' ? end + 1 : end);
+}
+
+static bool TakeGivenImage(RestoreRun &run)
+{
+    const std::string &given = run.options.image;
+    if (!IsRemoteText(given)) {
+        KnownFiles known;
+        run.image = LookAtImage(given, known);
+        return true;
+    }
+    std::vector<FoundImage> images;
+    if (const std::optional<Fault> fault = FindInRemote(PlaceOfImage(given), &images)) {
+        return Fail(run, fault->text);
+    }
+    const auto found = std::find_if(images.begin(), images.end(), [&given](const FoundImage &image) {
+        return host::NameOf(image.path) == host::NameOf(given);
+    });
+    if (found == images.end()) {
+        return Fail(run, given + ": there is no such image");
+    }
+    run.image = std::move(*found);
+    return true;
+}
+
 static bool ChooseImage(RestoreRun &run)
 {
     if (!run.options.image.empty()) {
-        KnownFiles known;
-        run.image = LookAtImage(run.options.image, known);
+        if (!TakeGivenImage(run)) {
+            return false;
+        }
         for (const std::string &line : ImageCard(*run.image)) {
             Say(run.talk, line);
         }
@@ -220,6 +304,103 @@ static Step RefuseImage(RestoreRun &run, const std::string &why)
     }
     Say(run.talk, "This image is not restored: " + why + ". Nothing was written.");
     return Step::Again;
+}
+
+// ---- Its way from a remote ----
+
+// Where the disk is known already, hours of fetching are not begun for one that will be refused.
+static bool CheckGivenDisk(RestoreRun &run, const std::vector<std::string> &fetchDisks)
+{
+    if (run.options.disk.empty()) {
+        Say(run.talk, "The disk that this folder lies on can't be overwritten then.");
+        return true;
+    }
+    std::vector<DiskFacts> disks;
+    if (const host::Trouble trouble = host::ListDisks(&disks)) {
+        return Fail(run, "the disks can't be listed: " + *trouble);
+    }
+    reader::Result<DiskFacts> disk = FindDisk(disks, run.options.disk);
+    if (!disk) {
+        return Fail(run, disk.fault.text);
+    }
+    TargetRules rules = RulesOf(run);
+    rules.imageDisks = fetchDisks;
+    const std::optional<Refusal> refusal = WhyNoTarget(*disk, disks, rules);
+    return !refusal || Fail(run, NameOfDisk(*disk) + " can't be overwritten: " + RefusalText(*refusal));
+}
+
+// A folder that was asked for and doesn't do can be changed for another one.
+static Step ChooseFetch(RestoreRun &run, std::string *folder, FetchPlan *plan)
+{
+    const std::string &given = run.options.fetchTo;
+    for (;;) {
+        const std::optional<std::string> typed =
+            given.empty() ? Ask(run.talk, "Into which folder are the image and what it stands on to be fetched?")
+                          : given;
+        if (!typed) {
+            EndTalk(run);
+            return Step::Ended;
+        }
+        if (typed->empty()) {
+            continue;
+        }
+        reader::Result<FetchPlan> made = PlanFetch(*run.image, *typed);
+        if (made) {
+            *folder = *typed;
+            *plan = std::move(*made);
+            return CheckGivenDisk(run, plan->disks) ? Step::Done : Step::Ended;
+        }
+        if (!given.empty()) {
+            Fail(run, made.fault.text);
+            return Step::Ended;
+        }
+        Say(run.talk, made.fault.text + ".");
+    }
+}
+
+static std::optional<Fault> FetchAll(RestoreRun &run, const std::string &folder, const FetchPlan &plan)
+{
+    reader::Result<CopyPlace> parsed = ParsePlace(run.image->place);
+    reader::Result<Place> place = parsed ? MakePlace(*parsed) : parsed.fault;
+    if (!place) {
+        return place.fault;
+    }
+    for (const ChainFile &file : plan.files) {
+        Say(run.talk, "Fetching " + file.name + ", " + SizeText(file.sidecar.fileBytes) + ".");
+        Progress progress(!run.common.quiet, file.name, file.sidecar.fileBytes);
+        std::optional<Fault> fault =
+            FetchFile(*place, file, folder, [&progress](uint64_t bytes) { progress.Add(bytes); });
+        progress.Hide();
+        if (fault) {
+            return fault;
+        }
+        run.fetched.push_back(file.name);
+    }
+    return std::nullopt;
+}
+
+// What is fetched stays, also where a later step fails: the next restore need not fetch it again.
+static Step SettleFetch(RestoreRun &run)
+{
+    std::string folder;
+    FetchPlan plan;
+    if (run.image->place.empty()) {
+        return Step::Done;
+    }
+    if (const Step step = ChooseFetch(run, &folder, &plan); step != Step::Done) {
+        return step;
+    }
+    Say(run.talk, "To be fetched from " + run.image->place + " into " + folder + ": " +
+                      std::to_string(plan.files.size()) + " of " + Counted(plan.allFiles, "file") + ", " +
+                      SizeText(plan.bytes) + "; there is room for " + SizeText(plan.freeBytes) + ".");
+    if (const std::optional<Fault> fault = FetchAll(run, folder, plan)) {
+        return RefuseImage(run, fault->text);
+    }
+    KnownFiles known;
+    const std::string passwordFile = run.image->passwordFile;
+    run.image = LookAtImage(folder + "/" + host::NameOf(run.image->path), known);
+    run.image->passwordFile = passwordFile;
+    return run.image->whyNot.empty() ? Step::Done : RefuseImage(run, run.image->path + ": " + run.image->whyNot);
 }
 
 // ---- Its password ----
@@ -364,7 +545,8 @@ static bool SettleImage(RestoreRun &run)
         if (!ChooseImage(run)) {
             return false;
         }
-        step = SettlePassword(run);
+        step = SettleFetch(run);
+        step = step == Step::Done ? SettlePassword(run) : step;
         step = step == Step::Done ? SettleAudit(run) : step;
         if (step == Step::Ended) {
             return false;
@@ -407,11 +589,6 @@ static void WarnOfUnknownMedium(RestoreRun &run)
         Say(run.talk, "WARNING: from which disk this system was started can't be told. It must not be the one that is "
                       "overwritten.");
     }
-}
-
-static std::string RefusalText(const Refusal &refusal)
-{
-    return refusal.why + "; " + refusal.remedy;
 }
 
 static void ShowDisks(RestoreRun &run)
@@ -523,12 +700,7 @@ static Step TakeProof(RestoreRun &run, const DiskFacts &disk)
 
 static bool SettleDisk(RestoreRun &run)
 {
-    const ImageHeader &header = run.image->facts.header;
-    run.rules.diskBytes = header.diskSize;
-    run.rules.sectorBytes = header.sectorSize;
-    run.rules.takesOtherSectors = run.options.takesOtherSectors;
-    run.medium = host::FindStartMedium();
-    run.rules.startDisks = run.medium.disks;
+    run.rules = RulesOf(run);
     FindImageDisks(run);
     for (;;) {
         std::optional<DiskFacts> disk = run.options.disk.empty() ? AskForDisk(run) : FindGivenDisk(run);
@@ -873,6 +1045,7 @@ static void ReportJson(const RestoreRun &run)
     output.Member("diskState", states[static_cast<size_t>(run.state)]);
     output.Member("equal", run.isEqual);
     output.Member("audit", run.audit);
+    output.Member("fetched", run.fetched);
     output.Member("image", run.image ? JsonOf(*run.image) : Json(nullptr));
     output.Member("disk", run.disk ? DiskJson(*run.disk) : Json(nullptr));
     output.Member("backupGptMoved", run.isBackupGptMoved);
@@ -890,12 +1063,33 @@ static bool RunSteps(RestoreRun &run)
     return true;
 }
 
+// What the options that name places ask of one another; empty if all is well.
+static std::string FaultOfPlaces(const RestoreRun &run)
+{
+    const RestoreOptions &options = run.options;
+    const std::string given = options.image.empty() ? options.from : PlaceOfImage(options.image);
+    reader::Result<CopyPlace> parsed = ParsePlace(given);
+    if (!parsed) {
+        return (options.image.empty() ? "--from: " : "--image: ") + parsed.fault.text;
+    }
+    if (run.isScript && IsRemoteText(given) && options.fetchTo.empty()) {
+        return "an image of rclone's has to be fetched: give --fetch-to";
+    }
+    return !given.empty() && !IsRemoteText(given) && !options.fetchTo.empty()
+               ? "--fetch-to is for images in a place of rclone's, as rclone:REMOTE:PATH"
+               : "";
+}
+
 int Restore(const KeepOptions &common, const RestoreOptions &options)
 {
     RestoreRun run(common, options);
     run.isScript = !options.image.empty() && !options.disk.empty() && !options.yesOverwrite.empty();
     if (common.json && !run.isScript) {
         PrintFault("with --json nobody is asked: give --image, --disk and --yes-overwrite");
+        return exitCommandLine;
+    }
+    if (const std::string fault = FaultOfPlaces(run); !fault.empty()) {
+        PrintFault(fault);
         return exitCommandLine;
     }
     run.talk.speaks = !common.json;

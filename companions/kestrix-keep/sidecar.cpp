@@ -58,6 +58,7 @@ Json JsonOf(const Sidecar &sidecar)
             {"identity", sidecar.identity},
             {"fileBytes", sidecar.fileBytes},
             {"sha256", sidecar.sha256},
+            {"otherDigests", sidecar.otherDigests},
             {"chunks", sidecar.chunks},
             {"storedChunks", sidecar.storedChunks},
             {"isSealed", sidecar.isSealed},
@@ -107,6 +108,7 @@ static Sidecar SidecarOf(const Json &json)
     json.at("identity").get_to(sidecar.identity);
     json.at("fileBytes").get_to(sidecar.fileBytes);
     json.at("sha256").get_to(sidecar.sha256);
+    sidecar.otherDigests = json.value("otherDigests", OtherDigests());
     json.at("chunks").get_to(sidecar.chunks);
     json.at("storedChunks").get_to(sidecar.storedChunks);
     json.at("isSealed").get_to(sidecar.isSealed);

@@ -6,6 +6,7 @@
 #include "report/report.h"
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -21,6 +22,9 @@ struct DiskIdentity {
 // Whether both are the same disk, as far as it can be told. Empty if so, else what differs, as a sentence.
 std::string DifferenceOf(const DiskIdentity &left, const DiskIdentity &right);
 
+// Digests as hexadecimal digits, by their kind as rclone calls it: "md5", "sha1".
+using OtherDigests = std::map<std::string, std::string>;
+
 struct Sidecar {
     std::string job;
     std::string machine; // the name of the one that captured
@@ -33,7 +37,8 @@ struct Sidecar {
     std::string baseIdentity; // as the image's trailer has it
     std::string identity;
     uint64_t fileBytes = 0;
-    std::string sha256; // of the whole file
+    std::string sha256;        // of the whole file
+    OtherDigests otherDigests; // of the same, for remotes that have no SHA-256; those that were wanted so far
     uint64_t chunks = 0;
     uint64_t storedChunks = 0;
     bool isSealed = false;

@@ -2,32 +2,12 @@
 import json
 import os
 import shutil
-import socket
-import subprocess
-import time
 
 import kestrix_image
 from harness import why_no_mounts, needs
 from keep_machine import COMMAND_LINE, FAILED, WELL
-from test_keep_backup import DAY, NAME, NOW, BackupTest
-
-RCLONE = "/usr/bin/rclone"
-
-
-class CopiesTest(BackupTest):
-    def setUp(self):
-        super().setUp()
-        self.there = os.path.join(self.folder, "there")
-        os.mkdir(self.there)
-
-    def there_names(self):
-        return sorted(name for name in os.listdir(self.there) if not name.startswith("."))
-
-    def check_same(self, *names):
-        for name in names:
-            for one in (name, name + ".json"):
-                with open(os.path.join(self.there, one), "rb") as file:
-                    self.assertEqual(file.read(), self.content(one), one)
+from keep_remotes import CopiesTest, RemoteTest
+from test_keep_backup import DAY, NAME, NOW
 
 
 class Folders(CopiesTest):
@@ -109,46 +89,7 @@ class Folders(CopiesTest):
                          (FAILED, [f"{self.there}: it last had all copies 48 hours ago"]))
 
 
-def free_port():
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
-
-
-class Remotes(CopiesTest):
-    """A server on the loopback address, over a folder."""
-
-    def serve(self, protocol):
-        self.port = free_port()
-        process = subprocess.Popen([RCLONE, "serve", protocol, self.there, "--addr", f"127.0.0.1:{self.port}",
-                                    "--dir-cache-time=0s",
-                                    *(["--no-auth"] if protocol == "sftp" else [])], stdin=subprocess.DEVNULL,
-                                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        self.addCleanup(process.wait)
-        self.addCleanup(process.kill)
-        for _ in range(200):
-            with socket.socket() as probe:
-                if probe.connect_ex(("127.0.0.1", self.port)) == 0:
-                    return process
-            time.sleep(0.05)
-        return self.fail("the server does not answer")
-
-    @staticmethod
-    def obscured():
-        return subprocess.run([RCLONE, "obscure", "p"], check=True, stdout=subprocess.PIPE, text=True).stdout.strip()
-
-    def copy_by(self, protocol, more=", plain-ok = true"):
-        remote = os.path.join(self.folder, "rclone.conf")
-        lines = {"webdav": f"type = webdav\nurl = http://127.0.0.1:{self.port}\nvendor = other\n",
-                 "sftp": f"type = sftp\nhost = 127.0.0.1\nport = {self.port}\nuser = u\npass = {self.obscured()}\n"
-                         "shell_type = none\n"}[protocol]
-        with open(remote, "w", encoding="ascii") as file:
-            file.write(f"[offsite]\n{lines}")
-        os.environ["RCLONE_CONFIG"] = remote
-        self.addCleanup(os.environ.pop, "RCLONE_CONFIG", None)
-        self.configure(f'copies = [{{ to = "rclone:offsite:images"{more} }}]')
-        self.there = os.path.join(self.there, "images")
-
+class Remotes(RemoteTest):
     def check_protocol(self, protocol):
         self.serve(protocol)
         self.copy_by(protocol)
@@ -164,15 +105,15 @@ class Remotes(CopiesTest):
         self.check_protocol("sftp")
 
     def test_a_plain_image_does_not_go_to_a_remote_unasked(self):
-        self.serve("webdav")
+        self.serve()
         self.copy_by("webdav", "")
         run = self.keep("backup", "--config", self.configuration)
         self.assertEqual(run.status, COMMAND_LINE)
         self.assertRegex(run.err, b"plain-ok = true\n$")
 
     def test_a_server_that_is_gone_costs_a_line_and_is_made_up_for(self):
-        process = self.serve("webdav")
-        self.copy_by("webdav")
+        process = self.serve()
+        self.copy_by()
         process.kill()
         process.wait()
         status, report = self.backup()
@@ -180,8 +121,8 @@ class Remotes(CopiesTest):
         self.assertTrue(any("rclone" in line for line in report["warnings"]), report)
 
     def test_a_copy_that_lost_its_sidecar_is_made_anew(self):
-        self.serve("webdav")
-        self.copy_by("webdav")
+        self.serve()
+        self.copy_by()
         first = self.well()
         os.unlink(os.path.join(self.there, first + ".json"))  # so that it is copied again
         kestrix_image.flip_byte(os.path.join(self.there, first), 100)

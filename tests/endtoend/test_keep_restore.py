@@ -21,7 +21,7 @@ OLD = kestrix_image.seeded_disk(len(DISK), 6)  # what a target holds before
 CHUNK = 4096
 PROVED = 1795312805
 
-FOLDER = "In which folder do the images lie\\?"
+FOLDER = "In which folder, or rclone:REMOTE:PATH, do the images lie\\?"
 IMAGE = "Which image is to be restored\\? [^\n]*:"
 PASSWORD = "Its password \\(it is not shown\\):"
 AUDIT = "Is the image to be checked first\\? 1 or 2:"

@@ -1,0 +1,113 @@
+// Names first, then sidecars, then who stands on whom, as in a job's own folder.
+#include "kestrix-keep/place_images.h"
+
+#include <algorithm>
+#include <map>
+
+using reader::Result;
+
+const char endingOfCopies[] = ".copying";
+
+using FilesByName = std::map<std::string, std::optional<uint64_t>>;
+
+// A name that leads out of a folder is no image's, wherever it comes from.
+static std::string JobOfImageName(const std::string &name)
+{
+    const size_t end = name.rfind('-');
+    const std::string job = end == std::string::npos ? std::string() : name.substr(0, end);
+    return job.find_first_of("/\\:") == std::string::npos && TimeOfImageName(job, name) ? job : std::string();
+}
+
+// The job that has a copy, a sidecar or half a copy of this name; empty for other files.
+static std::string JobOfFile(const std::string &name)
+{
+    for (const std::string &ending : {std::string(), std::string(endingOfCopies), SidecarPath("")}) {
+        if (name.size() > ending.size() && name.compare(name.size() - ending.size(), ending.size(), ending) == 0) {
+            const std::string job = JobOfImageName(name.substr(0, name.size() - ending.size()));
+            if (!job.empty()) {
+                return job;
+            }
+        }
+    }
+    return {};
+}
+
+static std::optional<reader::Fault> ReadImage(const Place &place, const FilesByName &files, JobFolder &folder,
+                                              KeptImage &image)
+{
+    const std::string sidecarName = SidecarPath(image.name);
+    if (files.count(sidecarName) == 0) {
+        NoteSidecar(folder, image, std::nullopt);
+        return std::nullopt;
+    }
+    Result<std::string> text = place.read(sidecarName);
+    if (!text) {
+        return text.fault;
+    }
+    NoteSidecar(folder, image, ParseSidecar(*text, place.name + ": " + sidecarName));
+    if (const std::optional<uint64_t> bytes = files.at(image.name)) {
+        JudgeLength(image, *bytes);
+    }
+    return std::nullopt;
+}
+
+static bool IsSidecarOfOne(const std::string &name, const FilesByName &files)
+{
+    const std::string ending = SidecarPath("");
+    const std::string image = name.substr(0, name.size() - std::min(name.size(), ending.size()));
+    return name == SidecarPath(image) && files.count(image) != 0;
+}
+
+static Result<JobFolder> ReadJob(const Place &place, const FilesByName &files, const std::string &job)
+{
+    JobFolder folder;
+    folder.path = place.name;
+    folder.job = job;
+    for (const auto &[name, bytes] : files) {
+        if (JobOfFile(name) != job) {
+            continue;
+        }
+        if (JobOfImageName(name).empty()) {
+            if (!IsSidecarOfOne(name, files)) {
+                folder.leftovers.push_back(name);
+            }
+            continue;
+        }
+        KeptImage image;
+        image.name = name;
+        image.time = *TimeOfImageName(job, name);
+        image.isThere = true;
+        if (const std::optional<reader::Fault> fault = ReadImage(place, files, folder, image)) {
+            return *fault;
+        }
+        folder.images.push_back(std::move(image));
+    }
+    ArrangeImages(folder);
+    return folder;
+}
+
+Result<std::vector<JobFolder>> ReadPlace(const Place &place, const std::vector<std::string> &jobs)
+{
+    Result<std::vector<PlaceFile>> listed = place.list();
+    if (!listed) {
+        return listed.fault;
+    }
+    FilesByName files;
+    std::vector<std::string> wanted = jobs;
+    for (const PlaceFile &file : *listed) {
+        const std::string job = JobOfFile(file.name);
+        files.emplace(file.name, file.bytes);
+        if (jobs.empty() && !job.empty() && std::find(wanted.begin(), wanted.end(), job) == wanted.end()) {
+            wanted.push_back(job);
+        }
+    }
+    std::vector<JobFolder> folders;
+    for (const std::string &job : wanted) {
+        Result<JobFolder> folder = ReadJob(place, files, job);
+        if (!folder) {
+            return folder.fault;
+        }
+        folders.push_back(std::move(*folder));
+    }
+    return folders;
+}
