@@ -14,8 +14,9 @@ using FilesByName = std::map<std::string, std::optional<uint64_t>>;
 static std::string JobOfImageName(const std::string &name)
 {
     const size_t end = name.rfind('-');
-    const std::string job = end == std::string::npos ? std::string() : name.substr(0, end);
-    return job.find_first_of("/\\:") == std::string::npos && TimeOfImageName(job, name) ? job : std::string();
+    std::string job = end == std::string::npos ? std::string() : name.substr(0, end);
+    const bool isOne = job.find_first_of("/\\:") == std::string::npos && TimeOfImageName(job, name);
+    return isOne ? std::move(job) : std::string();
 }
 
 // The job that has a copy, a sidecar or half a copy of this name; empty for other files.
@@ -23,7 +24,7 @@ static std::string JobOfFile(const std::string &name)
 {
     for (const std::string &ending : {std::string(), std::string(endingOfCopies), SidecarPath("")}) {
         if (name.size() > ending.size() && name.compare(name.size() - ending.size(), ending.size(), ending) == 0) {
-            const std::string job = JobOfImageName(name.substr(0, name.size() - ending.size()));
+            std::string job = JobOfImageName(name.substr(0, name.size() - ending.size()));
             if (!job.empty()) {
                 return job;
             }
@@ -32,7 +33,7 @@ static std::string JobOfFile(const std::string &name)
     return {};
 }
 
-static std::optional<reader::Fault> ReadImage(const Place &place, const FilesByName &files, JobFolder &folder,
+static std::optional<reader::Fault> ReadImage(const Place &place, const FilesByName &files, const JobFolder &folder,
                                               KeptImage &image)
 {
     const std::string sidecarName = SidecarPath(image.name);

@@ -37,7 +37,7 @@ static std::optional<reader::Fault> CompareImages(const Place &place, bool shows
         }
         WantedDigests wanted = {image.sidecar->sha256, image.sidecar->otherDigests, {}};
         Progress progress(showsProgress, "reading " + image.name, image.sidecar->fileBytes);
-        const std::optional<reader::Fault> fault =
+        std::optional<reader::Fault> fault =
             place.compare(image.name, &wanted, [&progress](uint64_t bytes) { progress.Add(bytes); });
         progress.Hide();
         if (fault && fault->kind == reader::FaultKind::Unavailable) {

@@ -1,0 +1,116 @@
+// What a place of copies may list, which may be anything, and what is made of it.
+#include "kestrix-keep/place_images.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+
+namespace
+{
+
+using Files = std::map<std::string, std::string>; // content by name
+
+Place PlaceOf(const Files &files)
+{
+    Place place;
+    place.name = "rclone:there:images";
+    place.isRemote = true;
+    place.list = [files]() -> reader::Result<std::vector<PlaceFile>> {
+        std::vector<PlaceFile> listed;
+        for (const auto &[name, content] : files) {
+            listed.push_back({name, content.size()});
+        }
+        return listed;
+    };
+    place.read = [files](const std::string &name) -> reader::Result<std::string> {
+        return std::string(files.at(name));
+    };
+    return place;
+}
+
+// An image of no bytes and its sidecar.
+void Add(Files &files, const std::string &name, uint64_t number, const std::string &base,
+         const std::string &job = "job")
+{
+    Sidecar sidecar;
+    sidecar.job = job;
+    sidecar.number = number;
+    sidecar.base = base;
+    sidecar.isSound = true;
+    files[name] = "";
+    files[SidecarPath(name)] = JsonOf(sidecar).dump();
+}
+
+std::string NameOf(int day)
+{
+    return "job-202611" + std::to_string(day) + "T020005Z.kstx";
+}
+
+std::vector<std::string> SoundOnes(const JobFolder &folder)
+{
+    std::vector<std::string> names;
+    for (const KeptImage &image : folder.images) {
+        if (IsSound(image)) {
+            names.push_back(image.name);
+        }
+    }
+    return names;
+}
+
+} // namespace
+
+TEST(Places, JobsAreFoundByTheNamesOfTheirImagesAndNamesThatLeadElsewhereAreNone)
+{
+    Files files;
+    Add(files, NameOf(22), 1, "");
+    Add(files, "job-2-20261122T020005Z.kstx", 1, "", "job-2");
+    for (const char *name :
+         {"../job-20261122T020005Z.kstx", "..\\job-20261122T020005Z.kstx", "C:job-20261122T020005Z.kstx",
+          "job-20261122T020005Z.kstx.jpg", "-20261122T020005Z.kstx", "20261122T020005Z.kstx", ""}) {
+        files[name] = "";
+    }
+    reader::Result<std::vector<JobFolder>> found = ReadPlace(PlaceOf(files), {});
+    ASSERT_TRUE(found);
+    ASSERT_EQ(found->size(), 2U);
+    EXPECT_EQ((*found)[0].job, "job-2");
+    EXPECT_EQ((*found)[1].job, "job");
+    EXPECT_EQ((*found)[1].images.size(), 1U);
+}
+
+TEST(Places, AChainThatLeadsInACircleOrIntoNothingIsNotSound)
+{
+    Files files;
+    Add(files, NameOf(21), 1, "");
+    Add(files, NameOf(22), 2, NameOf(23));
+    Add(files, NameOf(23), 3, NameOf(22));
+    Add(files, NameOf(24), 4, NameOf(24));
+    Add(files, NameOf(25), 5, "../" + NameOf(21));
+    Add(files, NameOf(26), 6, NameOf(21));
+    reader::Result<std::vector<JobFolder>> found = ReadPlace(PlaceOf(files), {"job"});
+    ASSERT_TRUE(found);
+    EXPECT_EQ(SoundOnes((*found)[0]), (std::vector<std::string>{NameOf(21), NameOf(26)}));
+}
+
+TEST(Places, WhatWasNotFinishedIsNoImage)
+{
+    Files files;
+    Add(files, NameOf(21), 1, "");
+    files[NameOf(22) + endingOfCopies] = "";
+    files[SidecarPath(NameOf(23))] = "{}";
+    reader::Result<std::vector<JobFolder>> found = ReadPlace(PlaceOf(files), {});
+    ASSERT_TRUE(found);
+    EXPECT_EQ((*found)[0].images.size(), 1U);
+    EXPECT_EQ((*found)[0].leftovers, (std::vector<std::string>{NameOf(22) + endingOfCopies, SidecarPath(NameOf(23))}));
+}
+
+TEST(Places, ASidecarThatIsNoneOrAnotherJobsDoesNotCount)
+{
+    Files files;
+    Add(files, NameOf(21), 1, "", "other");
+    Add(files, NameOf(22), 2, "");
+    files[SidecarPath(NameOf(22))] = "[";
+    reader::Result<std::vector<JobFolder>> found = ReadPlace(PlaceOf(files), {});
+    ASSERT_TRUE(found);
+    EXPECT_TRUE(SoundOnes((*found)[0]).empty());
+    EXPECT_EQ((*found)[0].images.size(), 2U);
+}
