@@ -54,15 +54,19 @@ static std::vector<size_t> ImagesWanted(const Copying &run)
 
 // What a remote that has another kind of digest was compared by stays with the image: without its file here there would
 // be no other way to it.
-static bool RecordDigests(Copying &run, const std::string &imagePath, const OtherDigests &digests, Sidecar *sidecar)
+static bool RecordDigests(Copying &run, KeptImage &image, const OtherDigests &digests)
 {
-    if (digests == sidecar->otherDigests) {
+    if (digests == image.sidecar->otherDigests) {
         return true;
     }
-    sidecar->otherDigests = digests;
-    const std::string path = SidecarPath(imagePath);
-    const host::Trouble trouble = WriteSidecar(path, *sidecar);
-    return !trouble || Fail(run, path + ": it can't be written: " + *trouble);
+    const std::string path = SidecarPath(PathOf(run.folder, image));
+    Sidecar sidecar = *image.sidecar;
+    sidecar.otherDigests = digests;
+    if (const host::Trouble trouble = WriteSidecar(path, sidecar)) {
+        return Fail(run, path + ": it can't be written: " + *trouble);
+    }
+    image.sidecar = std::move(sidecar);
+    return true;
 }
 
 static bool CompareThere(Copying &run, KeptImage &image, const std::string &name)
@@ -75,7 +79,7 @@ static bool CompareThere(Copying &run, KeptImage &image, const std::string &name
     if (fault && fault->kind == reader::FaultKind::Damaged) {
         return Fail(run, fault->text + ": what arrived is not what was sent");
     }
-    return Succeeds(run, fault) && RecordDigests(run, wanted.localPath, wanted.others, &*image.sidecar);
+    return Succeeds(run, fault) && RecordDigests(run, image, wanted.others);
 }
 
 static bool Put(Copying &run, const KeptImage &image, const std::string &name)

@@ -31,7 +31,8 @@ class Passage:
         self.listener = socket.create_server(("127.0.0.1", 0))
         self.port = self.listener.getsockname()[1]
         self.open, self.lock = [], threading.Lock()
-        threading.Thread(target=self.accept, daemon=True).start()
+        self.accepting = threading.Thread(target=self.accept, daemon=True)
+        self.accepting.start()
 
     def happens(self, direction, after, act):
         with self.lock:
@@ -82,6 +83,8 @@ class Passage:
         self.open = []
 
     def close(self):
+        self.listener.shutdown(socket.SHUT_RDWR)
+        self.accepting.join()  # or it would go on at the number that the next test's socket gets
         self.listener.close()
         self.cut()
 
