@@ -85,9 +85,9 @@ class OnTheWayThere(RemoteTest):
         self.check_same(NAME)
 
     def test_a_server_that_falls_silent_is_given_up_and_nothing_is_called_damaged(self):
-        self.serve("sftp")
+        self.serve()
         passage = self.passage()
-        self.copy_by("sftp", port=passage.port)
+        self.copy_by(port=passage.port)
         self.environment("RCLONE_TIMEOUT", "1s")
         passage.happens("up", MIB, lambda: None)
         status, report = self.backup()
