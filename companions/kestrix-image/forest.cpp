@@ -53,14 +53,50 @@ static void MeasureChains(std::vector<Node> &nodes)
     }
 }
 
+using FileNames = std::multimap<host::FileIdentity, size_t>;
+
+// Of the names of one file the one that the image names, or else the first.
+static size_t NamedNode(const std::vector<Node> &nodes, const FileNames &files, const host::FileIdentity &identity,
+                        const std::string &name)
+{
+    const auto [begin, end] = files.equal_range(identity);
+    const auto exact = std::find_if(
+        begin, end, [&](const auto &entry) { return host::NameOf(nodes[entry.second].facts.path) == name; });
+    return begin == end ? noNode : exact == end ? begin->second : exact->second;
+}
+
+static void NoteOtherNames(std::vector<Node> &nodes, const FileNames &files)
+{
+    for (const auto &[identity, index] : files) {
+        const auto [begin, end] = files.equal_range(identity);
+        const size_t own = index;
+        const auto other = std::find_if(begin, end, [own](const auto &entry) { return entry.second != own; });
+        nodes[index].sameFileAs = other == end ? noNode : other->second;
+    }
+}
+
+// All names of a file share what stands on it, whichever of them an image has.
+static void NoteNeeds(std::vector<Node> &nodes, const FileNames &files, const std::multimap<ImageId, size_t> &byId)
+{
+    for (size_t i = 0; i < nodes.size(); ++i) {
+        if (nodes[i].standsOn != noNode) {
+            const auto [begin, end] = files.equal_range(nodes[nodes[i].standsOn].facts.identity);
+            std::for_each(begin, end, [&](const auto &entry) { nodes[entry.second].neededBy.push_back(i); });
+        } else if (nodes[i].sameAsBase != noNode) {
+            const auto [begin, end] = byId.equal_range(nodes[i].facts.trailer->basePin);
+            std::for_each(begin, end, [&](const auto &entry) { nodes[entry.second].neededBy.push_back(i); });
+        }
+    }
+}
+
 std::vector<Node> MakeForest(std::vector<ImageFacts> images, const std::vector<ImageFacts> &others,
                              FindIdentity identityOfBase)
 {
     std::vector<Node> nodes;
-    std::map<host::FileIdentity, size_t> byIdentity;
-    std::map<ImageId, size_t> byId;
+    FileNames files;
+    std::multimap<ImageId, size_t> byId;
     for (ImageFacts &facts : images) {
-        byIdentity.emplace(facts.identity, nodes.size());
+        files.emplace(facts.identity, nodes.size());
         byId.emplace(facts.id, nodes.size());
         nodes.emplace_back();
         nodes.back().facts = std::move(facts);
@@ -71,8 +107,8 @@ std::vector<Node> MakeForest(std::vector<ImageFacts> images, const std::vector<I
             continue;
         }
         const std::optional<host::FileIdentity> identity = identityOfBase(node.facts);
-        const auto named = identity ? byIdentity.find(*identity) : byIdentity.end();
-        const size_t below = named == byIdentity.end() ? noNode : named->second;
+        const size_t below =
+            identity ? NamedNode(nodes, files, *identity, node.facts.trailer->baseName.c_str()) : noNode;
         if (!identity) {
             node.base = BaseState::Missing;
         } else if (below == noNode) {
@@ -87,6 +123,8 @@ std::vector<Node> MakeForest(std::vector<ImageFacts> images, const std::vector<I
             node.sameAsBase = same->second;
         }
     }
+    NoteOtherNames(nodes, files);
+    NoteNeeds(nodes, files, byId);
     MeasureChains(nodes);
     return nodes;
 }

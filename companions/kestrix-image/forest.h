@@ -24,16 +24,19 @@ struct Node {
     reader::ImageFacts facts; // of the kind Image
     BaseState base = BaseState::None;
     size_t standsOn = noNode;     // index of the base, where it is present
-    std::vector<size_t> children; // indices of what stands on it
+    std::vector<size_t> children; // indices of what stands on it, under this name of it
+    std::vector<size_t> neededBy; // indices of all that would be lost with it: its children, those of its other names,
+                                  // and those that miss their base and pin this image
     size_t sameAsBase = noNode; // where the base is missing or replaced: a file of another name that is the one pinned
+    size_t sameFileAs = noNode; // the first other name of the same file
     std::optional<uint64_t> length; // images of its chain, itself and the full one among them; none if it is broken
 };
 
 // Where the file lies that an image names as its base, as far as anything lies there.
 using FindIdentity = std::optional<host::FileIdentity> (*)(const reader::ImageFacts &facts);
 
-// Links the images of one folder; others are its files that are none. identityOfBase asks the file system; the rest is
-// decided from the facts alone.
+// Links the images of one folder, in which a file may have several names; others are its files that are none.
+// identityOfBase asks the file system; the rest is decided from the facts alone.
 std::vector<Node> MakeForest(std::vector<reader::ImageFacts> images, const std::vector<reader::ImageFacts> &others,
                              FindIdentity identityOfBase);
 

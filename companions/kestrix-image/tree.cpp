@@ -70,6 +70,12 @@ static bool IsBroken(const Node &node)
     return !node.length || IsTooLong(node);
 }
 
+// What consolidate would take as it is, and nobody would miss.
+static bool IsEndToConsolidate(const Node &node)
+{
+    return node.facts.trailer && !IsBroken(node) && node.neededBy.empty();
+}
+
 // A file that another program of ours or of kestrix has begun and not ended.
 static bool IsUnfinished(const ImageFacts &facts)
 {
@@ -89,9 +95,9 @@ static Json NameOrNull(const std::vector<Node> &nodes, size_t index)
 static Json NodeJson(const std::vector<Node> &nodes, const Node &node)
 {
     const ImageHeader &header = node.facts.header;
-    Json children = Json::array();
-    for (const size_t child : node.children) {
-        children.push_back(host::NameOf(nodes[child].facts.path));
+    Json needs = Json::array();
+    for (const size_t other : node.neededBy) {
+        needs.push_back(host::NameOf(nodes[other].facts.path));
     }
     Json base = nullptr;
     if (node.facts.trailer) {
@@ -112,10 +118,11 @@ static Json NodeJson(const std::vector<Node> &nodes, const Node &node)
             {"bytesMissing", node.facts.bytesMissing},
             {"base", base},
             {"standsOn", NameOrNull(nodes, node.standsOn)},
-            {"stoodOnBy", children},
+            {"sameFileAs", NameOrNull(nodes, node.sameFileAs)},
+            {"stoodOnBy", needs},
             {"chainLength", node.length ? Json(*node.length) : Json(nullptr)},
             {"takesMore", node.length ? Json(RoomLeft(node)) : Json(nullptr)},
-            {"consolidatedBytes", node.children.empty() ? Json(ConsolidatedBytes(node)) : Json(nullptr)}};
+            {"consolidatedBytes", IsEndToConsolidate(node) ? Json(ConsolidatedBytes(node)) : Json(nullptr)}};
 }
 
 // ---- As lines ----
@@ -140,7 +147,26 @@ static std::string BaseText(const std::vector<Node> &nodes, const Node &node)
     return text;
 }
 
-static std::string NodeText(const std::vector<Node> &nodes, const Node &node)
+// isAllKnown: no file is there of which nobody can tell what it stands on.
+static std::string NeedText(const std::vector<Node> &nodes, const Node &node, bool isAllKnown)
+{
+    std::string text;
+    if (node.sameFileAs != noNode) {
+        text = "; the same file as " + host::NameOf(nodes[node.sameFileAs].facts.path);
+    }
+    for (const size_t other : node.neededBy) {
+        if (nodes[other].standsOn == noNode) {
+            text += "; " + host::NameOf(nodes[other].facts.path) + " stands on it, but looks for it as " +
+                    nodes[other].facts.trailer->baseName.c_str();
+        }
+    }
+    if (node.neededBy.empty()) {
+        text += isAllKnown ? "; nothing stands on it" : "; nothing that can be read stands on it";
+    }
+    return text;
+}
+
+static std::string NodeText(const std::vector<Node> &nodes, const Node &node, bool isAllKnown)
 {
     const ImageHeader &header = node.facts.header;
     std::string text = host::NameOf(node.facts.path) + ": " + (reader::IsThin(header) ? "thin" : "full") +
@@ -155,15 +181,11 @@ static std::string NodeText(const std::vector<Node> &nodes, const Node &node)
     } else if (node.length) {
         text += "; chain of " + std::to_string(*node.length) + ", takes " + std::to_string(RoomLeft(node)) + " more";
     }
-    text += BaseText(nodes, node);
-    if (node.children.empty()) {
-        text += "; nothing stands on it";
-        text += node.facts.trailer && node.length ? "; consolidated: " + SizeText(ConsolidatedBytes(node)) : "";
-    }
-    return text;
+    text += BaseText(nodes, node) + NeedText(nodes, node, isAllKnown);
+    return text + (IsEndToConsolidate(node) ? "; consolidated: " + SizeText(ConsolidatedBytes(node)) : "");
 }
 
-static void PrintForest(const std::vector<Node> &nodes)
+static void PrintForest(const std::vector<Node> &nodes, bool isAllKnown)
 {
     std::vector<std::pair<size_t, size_t>> toDo; // index and depth, the next one last
     for (size_t i = nodes.size(); i > 0; --i) {
@@ -174,7 +196,7 @@ static void PrintForest(const std::vector<Node> &nodes)
     while (!toDo.empty()) {
         const auto [index, depth] = toDo.back();
         toDo.pop_back();
-        PrintLine(std::string(2 * depth, ' ') + NodeText(nodes, nodes[index]));
+        PrintLine(std::string(2 * depth, ' ') + NodeText(nodes, nodes[index], isAllKnown));
         const std::vector<size_t> &children = nodes[index].children;
         for (auto child = children.rbegin(); child != children.rend(); ++child) {
             toDo.emplace_back(*child, depth + 1);
@@ -237,7 +259,7 @@ static int ReportFolder(JsonOutput &output, const std::string &folder, const Fol
     const auto cut = static_cast<uint64_t>(std::count_if(
         content.nodes.begin(), content.nodes.end(), [](const Node &node) { return node.facts.bytesMissing != 0; }));
     const bool isGood = broken == 0 && cut == 0 && content.damaged.empty();
-    output.Member("result", isGood ? "whole" : "broken");
+    output.Member("result", !isGood ? "broken" : content.unreadable.empty() ? "whole" : "unreadable");
     output.BeginList("images");
     for (const Node &node : content.nodes) {
         output.Item(output.wanted ? NodeJson(content.nodes, node) : Json());
@@ -249,7 +271,7 @@ static int ReportFolder(JsonOutput &output, const std::string &folder, const Fol
                                                        : Counted(content.unreadable.size(), "file") + " UNREADABLE"
                           : std::to_string(broken) + " with a BROKEN chain, " +
                                 std::to_string(cut + content.damaged.size()) + " DAMAGED"));
-        PrintForest(content.nodes);
+        PrintForest(content.nodes, content.damaged.empty() && content.unreadable.empty());
     }
     ReportFiles(output, "damaged", content.damaged);
     ReportFiles(output, "unreadable", content.unreadable);

@@ -153,8 +153,11 @@ class Tree(CommandTest):
         base = self.image("a", self.content)
         self.image("b", self.changed(1), base=base)
         os.rename(self.path("a"), self.path("other"))
-        told = self.tree(FOUND)[0]["b"]["base"]
+        images, _ = self.tree(FOUND)
+        told = images["b"]["base"]
         self.assertEqual((told["state"], told["sameUnderAnotherName"]), ("missing", "other"))
+        self.assertEqual(images["other"]["stoodOnBy"], ["b"])
+        self.assertIn(b"; b stands on it, but looks for it as a\n", self.image_program("tree", ".").out)
         self.image("a", self.changed(3))
         told = self.tree(FOUND)[0]["b"]["base"]
         self.assertEqual((told["state"], told["sameUnderAnotherName"]), ("replaced", "other"))
@@ -163,6 +166,38 @@ class Tree(CommandTest):
         images, said = self.tree(FOUND)
         self.assertEqual((images["b"]["base"]["sameUnderAnotherName"], images["b"]["chainLength"]), (None, None))
         self.assertEqual(said["result"], "broken")
+
+    def test_names_of_one_file_are_none_of_them_called_free(self):
+        base = self.image("base", self.content)
+        self.image("thin", self.changed(1), base=base)
+        os.link(self.path("base"), self.path("a"))
+        os.symlink("base", self.path("z"))
+        images, _ = self.tree(GOOD)
+        self.assertEqual({name: (images[name]["stoodOnBy"], images[name]["sameFileAs"]) for name in ("a", "base", "z")},
+                         {"a": (["thin"], "base"), "base": (["thin"], "a"), "z": (["thin"], "a")})
+        self.assertEqual(images["thin"]["standsOn"], "base")
+        said = self.image_program("tree", ".").out.decode()
+        self.assertEqual([line.split(":")[0].strip() for line in said.splitlines() if "nothing" in line], ["thin"])
+        self.assertIn("a: full", said)
+        self.assertEqual(said.count("; the same file as "), 3)
+
+    def test_beside_a_file_that_cannot_be_read_no_image_is_called_free(self):
+        self.image("a", self.content)
+        self.assertIn(b"; nothing stands on it", self.image_program("tree", ".").out)
+        with open(self.path("begun"), "wb") as file:
+            fcntl.flock(file, fcntl.LOCK_EX)
+            _, said = self.tree(IMPOSSIBLE)
+            self.assertEqual(said["result"], "unreadable")
+            text = self.image_program("tree", ".").out
+        self.assertIn(b"; nothing that can be read stands on it", text)
+        self.assertNotIn(b"; nothing stands on it", text)
+
+    def test_what_a_consolidation_takes_is_told_of_ends_of_whole_chains_alone(self):
+        base = self.image("a", self.content)
+        self.image("b", self.changed(1), base=base)
+        self.assertEqual([image["consolidatedBytes"] for image in self.tree(GOOD)[0].values()], [None, TABLE + 3 * CHUNK + 100])
+        os.unlink(self.path("a"))
+        self.assertEqual([image["consolidatedBytes"] for image in self.tree(FOUND)[0].values()], [None])
 
     def test_other_files_are_sorted_by_what_they_are(self):
         self.file("notes", b"text")
