@@ -63,6 +63,20 @@ static void ForgetCached(int descriptor)
     posix_fadvise(descriptor, 0, 0, POSIX_FADV_DONTNEED);
 }
 
+// Gives the system's error, or 0. Where the file system knows no locks nobody has one, and kestrix reads as well.
+static int LockShared(int descriptor)
+{
+    while (flock(descriptor, LOCK_SH | LOCK_NB) != 0) {
+        if (errno == ENOLCK || errno == ENOSYS || errno == EOPNOTSUPP) {
+            return 0;
+        }
+        if (errno != EINTR) {
+            return errno;
+        }
+    }
+    return 0;
+}
+
 Trouble OpenFileToRead(const std::string &path, Caching caching, Source *source)
 {
     struct stat found = {};
@@ -75,8 +89,8 @@ Trouble OpenFileToRead(const std::string &path, Caching caching, Source *source)
     if (!S_ISREG(found.st_mode)) {
         return "it is no ordinary file";
     }
-    if (flock(descriptor, LOCK_SH | LOCK_NB) != 0) {
-        return errno == EWOULDBLOCK ? beingWritten : SystemText(errno);
+    if (const int error = LockShared(descriptor)) {
+        return error == EWOULDBLOCK ? beingWritten : SystemText(error);
     }
     source->sizeBytes = static_cast<uint64_t>(found.st_size);
     source->identity = IdentityOfFile(found);
@@ -215,7 +229,10 @@ BasePlace FindBase(const std::string &imagePath, const std::string &baseName)
     BasePlace place;
     place.path = FolderOf(imagePath) + baseName.c_str();
     struct stat found = {};
-    place.exists = stat(place.path.c_str(), &found) == 0;
+    // What can't be looked at for another reason may well be there: opening it tells the reason.
+    const bool isAbsent =
+        stat(place.path.c_str(), &found) != 0 && (errno == ENOENT || errno == ENOTDIR || errno == ENAMETOOLONG);
+    place.exists = !isAbsent;
     return place;
 }
 

@@ -23,7 +23,7 @@ namespace host
 
 namespace fs = std::filesystem;
 
-static const std::string folderPrefix = "kestrix-keep-";
+static const std::string folderPrefix = "kestrix-keep-disk-";
 
 struct HeldDiskState {
     HeldDiskState() = default;
@@ -55,20 +55,48 @@ void ReleaseHeldDisk::operator()(HeldDiskState *state) const
 
 // ---- A place for programs ----
 
+// What was made here, by its names, and nothing else: a folder that holds more stays, whoever made it.
+static void RemoveHeldFolder(const std::string &folder)
+{
+    const std::string devices = folder + "/devices";
+    std::error_code ignored;
+    for (const fs::directory_entry &entry : fs::directory_iterator(devices, ignored)) {
+        if (entry.is_symlink(ignored)) {
+            unlink(entry.path().c_str());
+        }
+    }
+    rmdir(devices.c_str());
+    unlink((folder + "/kestrix").c_str());
+    rmdir(folder.c_str());
+}
+
+// Whether it looks as such a folder does, and is nobody's mount.
+static bool LooksHeld(const std::string &path, dev_t parentDevice)
+{
+    constexpr size_t lettersOfMkdtemp = 6;
+    const std::string name = NameOf(path);
+    struct stat found = {};
+    return name.rfind(folderPrefix, 0) == 0 && name.size() == folderPrefix.size() + lettersOfMkdtemp &&
+           lstat(path.c_str(), &found) == 0 && S_ISDIR(found.st_mode) && (found.st_mode & 0777) == 0700 &&
+           found.st_uid == geteuid() && found.st_dev == parentDevice;
+}
+
 // Folders of processes that are no more: nobody holds their lock.
 static void RemoveDeadFolders(const std::string &parent)
 {
+    struct stat around = {};
+    if (stat(parent.c_str(), &around) != 0) {
+        return;
+    }
     std::error_code error;
     for (const fs::directory_entry &entry : fs::directory_iterator(parent, error)) {
         const std::string path = entry.path().string();
-        struct stat found = {};
-        if (NameOf(path).rfind(folderPrefix, 0) != 0 || lstat(path.c_str(), &found) != 0 || !S_ISDIR(found.st_mode) ||
-            found.st_uid != geteuid()) {
+        if (!LooksHeld(path, around.st_dev)) {
             continue;
         }
         const int lock = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
         if (lock >= 0 && flock(lock, LOCK_EX | LOCK_NB) == 0) {
-            fs::remove_all(entry.path(), error);
+            RemoveHeldFolder(path);
         }
         if (lock >= 0) {
             close(lock);

@@ -274,6 +274,9 @@ enum class Existing {
 // Writes all byteCount bytes at offsetBytes. Any thread may call it at any time.
 [[nodiscard]] Trouble WriteAt(const NewFile &file, uint64_t offsetBytes, const void *data, size_t byteCount);
 
+// Brings what was written to the disk; the file goes on as it was. It makes the finishing that follows short.
+[[nodiscard]] Trouble FlushNewFile(const NewFile &file);
+
 // Brings the file to the disk, gives it its name, and that to the disk too. Never replaces what has the name meanwhile.
 // After a trouble the name is nobody's.
 [[nodiscard]] Trouble FinishNewFile(NewFile *file);

@@ -86,6 +86,21 @@ bool NameIsFree(const std::string &path)
     return lstat(path.c_str(), &found) != 0 && errno == ENOENT;
 }
 
+// Gives the system's error, or 0.
+static int OpenUnfinished(NewFile &file, const std::string &unfinishedPath)
+{
+    file.unfinishedPath = unfinishedPath; // known before there is a file
+    MarkForRemoval(file.unfinishedPath);
+    file.handle->descriptor = open(file.unfinishedPath.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    if (file.handle->descriptor >= 0) {
+        return 0;
+    }
+    const int error = errno;
+    UnmarkForRemoval(file.unfinishedPath);
+    file.unfinishedPath.clear();
+    return error;
+}
+
 Trouble CreateNewFile(const std::string &path, Existing existing, NewFile *file)
 {
     struct stat found = {};
@@ -94,16 +109,13 @@ Trouble CreateNewFile(const std::string &path, Existing existing, NewFile *file)
     }
     file->handle.reset(new OpenHandle);
     file->path = path;
-    file->unfinishedPath = path + "." + std::to_string(getpid()) + unfinishedEnding; // known before there is a file
-    MarkForRemoval(file->unfinishedPath);
-    file->handle->descriptor = open(file->unfinishedPath.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-    if (file->handle->descriptor < 0) {
-        const int error = errno;
-        UnmarkForRemoval(file->unfinishedPath);
-        file->unfinishedPath.clear();
-        return SystemText(error);
+    // In a container the program may have the number of one that died there.
+    int error = OpenUnfinished(*file, path + "." + std::to_string(getpid()) + unfinishedEnding);
+    for (unsigned i = 2; error == EEXIST && i < 100; ++i) {
+        error =
+            OpenUnfinished(*file, path + "." + std::to_string(getpid()) + "-" + std::to_string(i) + unfinishedEnding);
     }
-    return {};
+    return error == 0 ? Trouble() : Trouble(SystemText(error));
 }
 
 Trouble SetLength(const NewFile &file, uint64_t lengthBytes)
@@ -176,6 +188,11 @@ static Trouble CloseOnDisk(NewFile &file)
         return SystemText(errno);
     }
     return {};
+}
+
+Trouble FlushNewFile(const NewFile &file)
+{
+    return fsync(file.handle->descriptor) != 0 ? Trouble(SystemText(errno)) : Trouble();
 }
 
 static Trouble FinishNamed(NewFile *file, bool hasName)

@@ -110,6 +110,11 @@ static Trouble Finish(NewFile *file, DWORD flags)
     return {};
 }
 
+Trouble FlushNewFile(const NewFile &file)
+{
+    return FlushFileBuffers(file.handle->file) ? Trouble() : Trouble(SystemText(GetLastError()));
+}
+
 Trouble FinishNewFile(NewFile *file)
 {
     return Finish(file, 0);

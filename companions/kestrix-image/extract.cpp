@@ -207,9 +207,13 @@ static std::optional<reader::Fault> BeginFiles(ExtractRun &run)
                    : OpenTwinPlaces(run.common, run.options.twins, run.options.twinDisk, &run.twinPlaces);
 }
 
+// A map without its disk looks like the end of a run: it gets its name when the disk has nothing left to wait for.
 static std::optional<reader::Fault> FinishFiles(ExtractRun &run)
 {
     if (!run.options.map.empty()) {
+        if (const host::Trouble trouble = host::FlushNewFile(run.out)) {
+            return OutFault(run, trouble);
+        }
         const std::string text = MakeMap(run);
         host::Trouble trouble = host::WriteAt(run.map, 0, text.data(), text.size());
         trouble = trouble ? trouble : host::FinishNewFile(&run.map);

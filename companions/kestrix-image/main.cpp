@@ -32,6 +32,12 @@ static std::string CheckDiskNumber(const std::string &text)
     return isNumber && (text == "0" || text[0] != '0') ? "" : "a disk's number is wanted, not " + text;
 }
 
+// An empty word is what an unset variable of a shell leaves, and no wish.
+static std::string CheckName(const std::string &text)
+{
+    return text.empty() ? "a name is wanted, not nothing" : "";
+}
+
 static std::optional<uint32_t> DiskNumber(const std::string &text)
 {
     return text.empty() ? std::nullopt : std::optional<uint32_t>(static_cast<uint32_t>(std::stoul(text)));
@@ -96,7 +102,7 @@ static void AddCompare(CLI::App &app, CommandLine &line)
     command->add_option("IMAGE", line.compare.image, "The image file")->required();
     CLI::App *with = command->add_option_group("With", "What the image is compared with");
     with->add_option("--disk", line.diskText, "A disk, by its number")->check(CheckDiskNumber)->type_name("N");
-    with->add_option("--file", line.compare.file, "A raw file of a disk")->type_name("PATH");
+    with->add_option("--file", line.compare.file, "A raw file of a disk")->check(CheckName)->type_name("PATH");
     with->require_option(1);
     AddCommon(command, line);
     AddThreads(command, line);
@@ -118,7 +124,9 @@ static void AddDiff(CLI::App &app, CommandLine &line)
 
 static void AddTwins(CLI::App *command, CommandLine &line, std::string &folder)
 {
-    command->add_option("--twins", folder, "Take bad chunks from the images of a folder")->type_name("FOLDER");
+    command->add_option("--twins", folder, "Take bad chunks from the images of a folder")
+        ->check(CheckName)
+        ->type_name("FOLDER");
     command->add_option("--twin-disk", line.twinDiskText, "Take bad chunks from a disk, by its number")
         ->check(CheckDiskNumber)
         ->type_name("N");
@@ -129,11 +137,11 @@ static void AddExtract(CLI::App &app, CommandLine &line)
     CLI::App *command = app.add_subcommand("extract", "Write the disk of an image into a raw, sparse file");
     ExtractOptions &options = line.extract;
     command->add_option("IMAGE", options.image, "The image file")->required();
-    command->add_option("--out", options.out, "The new file")->required()->type_name("FILE");
+    command->add_option("--out", options.out, "The new file")->required()->check(CheckName)->type_name("FILE");
     CLI::Option *keepGoing = command->add_flag("--keep-going", options.keepGoing, "Leave a hole for each bad chunk");
     CLI::Option *map =
         command->add_option("--map", options.map, "A new file that tells, as ddrescue does, what is missing");
-    map->type_name("FILE")->needs(keepGoing);
+    map->check(CheckName)->type_name("FILE")->needs(keepGoing);
     keepGoing->needs(map);
     AddTwins(command, line, options.twins);
     AddCommon(command, line);
@@ -154,7 +162,7 @@ static void AddRepair(CLI::App &app, CommandLine &line)
     CLI::App *command = app.add_subcommand("repair", "Write a damaged image anew, made whole from its twins");
     RepairOptions &options = line.repair;
     command->add_option("IMAGE", options.image, "The image file")->required();
-    command->add_option("--out", options.out, "The new file")->required()->type_name("FILE");
+    command->add_option("--out", options.out, "The new file")->required()->check(CheckName)->type_name("FILE");
     AddTwins(command, line, options.twins);
     AddCommon(command, line);
     AddThreads(command, line);

@@ -334,8 +334,9 @@ static bool HasRoom(Run &run, const host::FileSystemFacts &facts)
     return true;
 }
 
-// The second of the run, or the next one that no image was ever named by.
-static int64_t FreeTime(const Run &run)
+// The second of the run, or the next one that no image was ever named by. None: a whole day has none, as where the
+// folder can't be looked at any more.
+static std::optional<int64_t> FreeTime(const Run &run)
 {
     const std::vector<std::string> &used = run.folder.memory.stamps;
     int64_t time = TimeNow(run);
@@ -344,10 +345,11 @@ static int64_t FreeTime(const Run &run)
         return std::find(used.begin(), used.end(), StampOf(one)) != used.end() || !host::NameIsFree(path) ||
                !host::NameIsFree(SidecarPath(path));
     };
-    while (isUsed(time)) {
+    const int64_t end = time + secondsPerDay;
+    while (time != end && isUsed(time)) {
         ++time;
     }
-    return time;
+    return time == end ? std::nullopt : std::optional<int64_t>(time);
 }
 
 static CaptureOutcome CaptureTo(Run &run, const std::string &path)
@@ -447,7 +449,11 @@ static bool AuditAndName(Run &run, const std::string &path, const std::string &n
 
 static bool MakeImage(Run &run)
 {
-    const std::string name = ImageName(run.job.name, FreeTime(run));
+    const std::optional<int64_t> time = FreeTime(run);
+    if (!time) {
+        return Fail(run, run.job.folder + ": no name for an image is free there, or it can't be looked at any more");
+    }
+    const std::string name = ImageName(run.job.name, *time);
     const std::string path = run.folder.path + "/" + NameInTheMaking(name);
     Say(run, "capturing into " + name);
     const CaptureOutcome outcome = CaptureTo(run, path);
@@ -458,6 +464,23 @@ static bool MakeImage(Run &run)
         }
     }
     return isMade;
+}
+
+// The file that is damaged is no base again, nor is what stands on it. Where each passes by itself, it is the newest
+// that doesn't fit.
+static void KeepChainDamage(Run &run, size_t newest, const std::string &what)
+{
+    bool isFound = false;
+    for (const size_t i : ChainOf(run.folder, newest)) {
+        const AuditFault fault = AuditOwnChunks(PathOf(run.folder, run.folder.images[i]), OptionsOfAudit(run));
+        if (fault && fault->kind == reader::FaultKind::Damaged) {
+            KeepDamage(run, i, fault->text);
+            isFound = true;
+        }
+    }
+    if (!isFound) {
+        KeepDamage(run, newest, what);
+    }
 }
 
 // With what the run added to it.
@@ -471,7 +494,7 @@ static void AuditChainIfDue(Run &run)
     if (const AuditFault fault = AuditChain(PathOf(run.folder, run.folder.images[newest]), OptionsOfAudit(run))) {
         Fail(run, "the chain did not pass its audit: " + fault->text);
         if (fault->kind == reader::FaultKind::Damaged) {
-            KeepDamage(run, newest, fault->text);
+            KeepChainDamage(run, newest, fault->text);
         }
         return;
     }

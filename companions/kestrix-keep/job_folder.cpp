@@ -41,17 +41,29 @@ std::string PathOf(const JobFolder &folder, const KeptImage &image)
 
 // ---- What there is ----
 
+// Whether what stands before the ending is a name that this job gives its images.
+static bool IsImagesWith(const std::string &job, const std::string &name, const std::string &ending)
+{
+    return EndsWith(name, ending) && TimeOfImageName(job, name.substr(0, name.size() - ending.size()));
+}
+
+// The name of a file in the making without what tells whose it is: NAME of NAME.1234.unfinished.
+static std::string NameOfUnfinished(const std::string &name)
+{
+    if (!EndsWith(name, host::unfinishedEnding)) {
+        return {};
+    }
+    const size_t end = name.size() - std::string(host::unfinishedEnding).size();
+    const size_t dot = name.rfind('.', end == 0 ? 0 : end - 1);
+    return dot == std::string::npos ? std::string() : name.substr(0, dot);
+}
+
 // What runs of this job have begun and not finished: images in the making, and files that got no name.
 static bool IsLeftover(const std::string &job, const std::string &name)
 {
-    for (const std::string &beginning : {job + "-", job + ".keep.json."}) {
-        if (name.compare(0, beginning.size(), beginning) == 0) {
-            return EndsWith(name, std::string(imageEnding) + endingInTheMaking) ||
-                   EndsWith(name, SidecarPath(imageEnding) + endingOfWhatGoes) ||
-                   (EndsWith(name, host::unfinishedEnding) && name.find(".json.") != std::string::npos);
-        }
-    }
-    return false;
+    const std::string unfinished = NameOfUnfinished(name);
+    return IsImagesWith(job, name, endingInTheMaking) || IsImagesWith(job, name, SidecarPath("") + endingOfWhatGoes) ||
+           unfinished == job + ".keep.json" || IsImagesWith(job, unfinished, SidecarPath(""));
 }
 
 // The image's name, of an image or a sidecar; empty for other files.

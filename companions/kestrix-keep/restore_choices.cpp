@@ -170,8 +170,7 @@ Proof ProofForPerson(const DiskFacts &disk, const std::vector<DiskFacts> &all)
     constexpr size_t leastCharacters = 4;
     const std::string serial = Typable(disk.serial);
     const std::vector<const DiskFacts *> others = OthersOf(disk, all);
-    for (size_t characters = std::min(leastCharacters, serial.size()); characters != 0 && characters <= serial.size();
-         ++characters) {
+    for (size_t characters = leastCharacters; characters <= serial.size(); ++characters) {
         const std::string end = EndOf(serial, characters);
         const bool tells = std::none_of(others.begin(), others.end(), [&](const DiskFacts *other) {
             return EndOf(Typable(other->serial), characters) == end;

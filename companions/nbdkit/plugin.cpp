@@ -182,7 +182,7 @@ int GetReady()
         options.threads = reader::CoreCount();
         reader::Result<reader::Chain> chain = reader::OpenChain(settings.image, options);
         if (!chain) {
-            nbdkit_error("%s", chain.fault.text.c_str());
+            nbdkit_error("%s", host::PrintableText(chain.fault.text).c_str());
             return -1;
         }
         const std::string obstacle = FindObstacle(*chain, settings.cacheBytes);
@@ -235,7 +235,7 @@ void Served::TellOnce(uint64_t i, const std::string &what)
     const std::lock_guard<std::mutex> lock(mutex);
     if (!isTold[i]) {
         isTold[i] = true;
-        nbdkit_error("%s", what.c_str());
+        nbdkit_error("%s", host::PrintableText(what).c_str());
     }
 }
 
@@ -246,7 +246,7 @@ bool Served::Fetch(uint64_t i, uint8_t *out)
     try {
         const std::optional<reader::Fault> fault = reader::FetchChunk(chain, i, out);
         if (fault && fault->kind == reader::FaultKind::Unavailable) {
-            nbdkit_error("%s", fault->text.c_str());
+            nbdkit_error("%s", host::PrintableText(fault->text).c_str());
         } else if (fault) {
             TellOnce(i, fault->text);
         }

@@ -127,3 +127,23 @@ TEST(HostDisks, LinksThatLeadToNoDeviceAreATrouble)
     }
     EXPECT_TRUE(host::FollowDeviceLink("", &device));
 }
+
+TEST(HostNewFile, IsMadeWhereOneOfThisProcessesNumberDied)
+{
+    const std::filesystem::path folder = std::filesystem::temp_directory_path() / "of-one-that-died";
+    std::filesystem::create_directories(folder);
+    const std::string path = (folder / "new").string();
+    const std::string left = path + "." + std::to_string(getpid()) + host::unfinishedEnding;
+    std::ofstream(left) << "half";
+    {
+        host::NewFile file;
+        ASSERT_FALSE(host::CreateNewFile(path, host::Existing::IsTrouble, &file));
+        ASSERT_FALSE(host::WriteAt(file, 0, "whole", 5));
+        ASSERT_FALSE(host::FinishNewFile(&file));
+    }
+    std::ifstream made(path);
+    std::ifstream half(left);
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(made), {}), "whole");
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(half), {}), "half");
+    std::filesystem::remove_all(folder);
+}

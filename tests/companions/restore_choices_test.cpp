@@ -197,9 +197,11 @@ TEST(RestoreProof, IsAsManyCharactersAsTellTheDisksApart)
     EXPECT_EQ(Asked(Disk(1, "AB1234"), {Disk(2, "CB1234"), Disk(3, "AX1234")}), "end of 6");
 }
 
-TEST(RestoreProof, IsTheWholeOfAShortSerial)
+TEST(RestoreProof, IsTheSizeWhereTheSerialHasLessThanFourCharacters)
 {
-    EXPECT_EQ(Asked(Disk(1, "A1"), {Disk(2, "B1")}), "end of 2");
+    EXPECT_EQ(Asked(Disk(1, "0", 512), {Disk(2, "B1", 513)}), "size 512");
+    EXPECT_EQ(Asked(Disk(1, "0AB", 512), {Disk(2, "B1", 512)}), "nothing");
+    EXPECT_EQ(Asked(Disk(1, "0ABC", 512), {Disk(2, "B1", 512)}), "end of 4");
 }
 
 TEST(RestoreProof, IsTheSizeWhereTheSerialSaysNothing)

@@ -195,7 +195,8 @@ class Tree(CommandTest):
     def test_what_a_consolidation_takes_is_told_of_ends_of_whole_chains_alone(self):
         base = self.image("a", self.content)
         self.image("b", self.changed(1), base=base)
-        self.assertEqual([image["consolidatedBytes"] for image in self.tree(GOOD)[0].values()], [None, TABLE + 3 * CHUNK + 100])
+        self.assertEqual([image["consolidatedBytes"] for image in self.tree(GOOD)[0].values()],
+                         [None, TABLE + 3 * CHUNK + 100])
         os.unlink(self.path("a"))
         self.assertEqual([image["consolidatedBytes"] for image in self.tree(FOUND)[0].values()], [None])
 

@@ -206,7 +206,52 @@ class Limits(SurroundingsTest):
         self.assertEqual(outcomes, {GOOD, IMPOSSIBLE})
 
 
+class FailingCalls(SurroundingsTest):
+    """The program under strace, which makes its calls fail, or tells their order."""
+
+    def traced(self, *arguments):
+        return subprocess.run(["strace", "-f", "-qq", "-o", self.path("trace"), *arguments], cwd=self.images,
+                              check=False, timeout=TIME_LIMIT, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                              stderr=subprocess.PIPE, env={**SANITIZERS, **os.environ})
+
+    def test_an_image_on_a_file_system_without_locks_is_read_as_kestrix_reads_it(self):
+        self.image("a", self.content)
+        for error in ("ENOLCK", "EOPNOTSUPP", "ENOSYS", "EINTR:when=1"):
+            run = self.traced("-e", f"inject=flock:error={error}", self.imageProgram, "check", "a")
+            self.assertEqual(run.returncode, GOOD, (error, run))
+        run = self.traced("-e", "inject=flock:error=EIO", self.imageProgram, "check", "a")
+        self.assertEqual(run.returncode, IMPOSSIBLE, run)
+
+    def test_a_base_that_can_not_be_looked_at_is_not_missing(self):
+        base = self.image("a", self.content)
+        self.image("b", self.content, base=base)
+        for call in ("stat", "newfstatat"):
+            run = self.traced("-e", f"inject={call}:error=EACCES", "-P", "./a", "-P", "a", self.imageProgram, "check",
+                              "b")
+            self.assertNotIn(b"DAMAGED", run.stdout, run)
+            self.assertIn(run.returncode, (GOOD, IMPOSSIBLE), run)
+
+    def test_a_map_gets_its_name_when_its_disk_has_nothing_left_to_wait_for(self):
+        self.damaged_image()
+        run = self.traced("-y", "-e", "trace=fsync,renameat2", self.imageProgram, "extract", "a", "--out", "o",
+                          "--keep-going", "--map", "m")
+        self.assertEqual(run.returncode, FOUND, run)
+        with open(self.path("trace"), encoding="utf-8") as file:
+            calls = [line.split(None, 1)[1] for line in file]
+        disk = next(i for i, call in enumerate(calls) if call.startswith("fsync(") and "/o." in call)
+        named = next(i for i, call in enumerate(calls) if call.startswith("renameat2(") and '"m"' in call)
+        self.assertLess(disk, named, calls)
+
+
 class Names(SurroundingsTest):
+    def test_an_empty_name_is_no_name(self):
+        self.damaged_image()
+        for words in (("--out", ""), ("--out", "o", "--twins", ""), ("--out", "o", "--keep-going", "--map", "")):
+            run = self.image_program("extract", "a", *words)
+            self.assertEqual((run.status, self.left()), (COMMAND_LINE, []), words)
+        for words in (("repair", "a", "--out", ""), ("compare", "a", "--file", "")):
+            self.assertEqual(self.image_program(*words).status, COMMAND_LINE)
+
     def test_a_name_in_brackets_is_one_name(self):
         self.image("a", self.content)
         self.image("[a]", self.content)

@@ -151,6 +151,23 @@ class OneRun(BackupTest):
             self.well()
         self.assertEqual(os.listdir(temporary), [])
 
+    def test_folders_that_look_like_those_of_dead_runs_keep_what_no_run_put_there(self):
+        temporary = os.path.join(self.folder, "temporary")
+        for name in ("kestrix-keep-images", "kestrix-keep-disk-abcdef/devices", "kestrix-keep-disk-dead01/devices"):
+            os.makedirs(os.path.join(temporary, name))
+            os.chmod(os.path.join(temporary, name.split("/")[0]), stat.S_IRWXU)
+        kept = ["kestrix-keep-disk-abcdef/devices/precious", "kestrix-keep-disk-abcdef/precious",
+                "kestrix-keep-images/kestrix"]
+        for name in [*kept, "kestrix-keep-disk-dead01/kestrix"]:
+            with open(os.path.join(temporary, name), "wb"):
+                pass
+        os.symlink("nothing", os.path.join(temporary, "kestrix-keep-disk-dead01/devices/C:"))
+        with mock.patch.dict(os.environ, TMPDIR=temporary):
+            self.well()
+        self.assertEqual(sorted(os.path.relpath(os.path.join(folder, name), temporary)
+                                for folder, _, names in os.walk(temporary) for name in names), kept)
+        self.assertEqual(sorted(os.listdir(temporary)), ["kestrix-keep-disk-abcdef", "kestrix-keep-images"])
+
     def test_a_folder_that_nothing_is_said_of_is_warned_about(self):
         _, report = self.backup()
         self.assertRegex(report["warnings"][0], "set folder-must-be$")
@@ -364,10 +381,11 @@ class Bases(BackupTest):
         status, report = self.backup(NOW + 8 * DAY)
         self.assertEqual((status, report["letGo"]), (FAILED, []))
         self.assertIn("the chain did not pass its audit: ", report["failure"])
-        self.assertFalse(self.sidecar(report["image"])["isSound"])
+        self.assertFalse(self.sidecar(NAME)["isSound"])
         status, next_ = self.backup(NOW + 9 * DAY)
         self.assertEqual((status, next_["letGo"]), (FAILED, []))
-        self.assertIn(f"{report['image']}: DAMAGED", next_["failure"])
+        self.assertIn(f"{NAME}: DAMAGED", next_["failure"])
+        self.assertEqual(self.sidecar(next_["image"])["base"], "")
         self.assertTrue(os.path.exists(self.place_path(thin)))
 
     def test_a_base_that_was_deleted_makes_the_next_image_full_and_says_why(self):
@@ -506,7 +524,8 @@ class DeadRuns(BackupTest):
         self.assertEqual([name for name in self.names() if second in name], [])
 
     def test_files_of_other_jobs_and_people_are_not_taken_for_leftovers(self):
-        names = ["job2-20261121T020005Z.kstx.in-the-making", "job-x.in-the-making", "job-notes.unfinished"]
+        names = ["job2-20261121T020005Z.kstx.in-the-making", "job-x.in-the-making", "job-notes.unfinished",
+                 "job-x.kstx.in-the-making", "job-x.kstx", "job-x.kstx.json.let-go", "job-x.json.7.unfinished"]
         for name in names:
             with open(self.place_path(name), "wb") as file:
                 file.write(b"half")
