@@ -672,7 +672,7 @@ static std::string PathOf(Reading &reading, const Value &value, const std::strin
 // kestrix takes the bytes of a path for units of 16 bits there, so that only ASCII leads anywhere.
 static std::string PathForKestrix(Reading &reading, const Value &value, const std::string &text)
 {
-    const std::string path = PathOf(reading, value, text);
+    std::string path = PathOf(reading, value, text);
     const bool isAscii =
         std::all_of(path.begin(), path.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
     if (isAscii || reading.rules == host::PathRules::Linux) {
