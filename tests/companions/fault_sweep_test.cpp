@@ -25,9 +25,9 @@ int KestrixImageMain(int argc, char **argv); // the program's entry point, under
 namespace
 {
 #ifdef __SANITIZE_ADDRESS__
-constexpr uint64_t everySoMany = 7; // requests for memory; so much slower are these processes
+constexpr uint64_t everySoMany = 13; // requests for memory; so much slower are these processes
 #else
-constexpr uint64_t everySoMany = 1;
+constexpr uint64_t everySoMany = 3;
 #endif
 
 using Files = std::map<std::string, Bytes>;

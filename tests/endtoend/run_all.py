@@ -98,6 +98,7 @@ def take_down(folder):
 def main():
     parser = argparse.ArgumentParser(description="Run the end-to-end tests of Kestrix.")
     parser.add_argument("names", nargs="*", help="run only tests whose id contains one of these")
+    parser.add_argument("--but", nargs="+", default=[], help="and none whose id contains one of these")
     parser.add_argument("--list", action="store_true", help="print the ids of the tests and run none")
     parser.add_argument("--windows", action="store_true", help="the tests of the Windows program, which run under Wine")
     parser.add_argument("--browse", action="store_true", help="the tests that start small virtual machines")
@@ -107,7 +108,8 @@ def main():
     folder = os.path.join(HERE, "windows" if options.windows else "browse" if options.browse else "")
     suite = unittest.TestLoader().discover(folder, pattern="test_*.py", top_level_dir=folder)
     tests = [test for test in tests_of(suite)
-             if not options.names or any(name in test.id() for name in options.names)]
+             if (not options.names or any(name in test.id() for name in options.names)) and
+             not any(name in test.id() for name in options.but)]
     if options.list:
         print("\n".join(test.id() for test in tests))
         return 0

@@ -4,8 +4,8 @@
 //
 // Whatever fails: nothing is used or closed twice, no new image that verify takes holds anything but the disk, a
 // restore's target holds what was written up to the fault and nothing else that is new, and no snapshot is left to a
-// process that ended by itself. Control queries are never cut short: they answer whole or not at all. With
-// KESTRIX_FIGURES naming a folder the counts are written to faults.tsv there.
+// process that ended by itself. Control queries are never cut short: they answer whole or not at all. On Windows one
+// call in three fails. With KESTRIX_FIGURES naming a folder the counts are written to faults.tsv there.
 #include "sweep/story.h"
 
 #include <gtest/gtest.h>
@@ -18,6 +18,12 @@ using namespace sweep;
 
 namespace
 {
+#ifdef _WIN32
+constexpr size_t everySoMany = 3; // calls of a run, other ones in each kind; what it is run with opens files slowly
+#else
+constexpr size_t everySoMany = 1;
+#endif
+
 // Counts of runs by how they ended.
 struct Figures {
     size_t calls = 0;       // of the good run, that can fail
@@ -273,6 +279,9 @@ TEST_P(FaultSweep, EveryCallThatFailsHasItsStatedEnding)
             continue;
         }
         ++nth;
+        if ((nth + GetParam()) % everySoMany != 0) {
+            continue;
+        }
         SweepCall(place, nth, Damage::Failed, false);
         SweepCall(place, nth, Damage::Failed, true);
         if (!AsShort(good[place]).empty()) {
