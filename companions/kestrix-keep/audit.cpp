@@ -61,6 +61,32 @@ AuditFault AuditChain(const std::string &path, const AuditOptions &options)
     return Audit(path, options, false);
 }
 
+PasswordTrial TryPassword(const std::string &path, const AuditOptions &options)
+{
+    reader::Result<reader::Chain> chain =
+        reader::OpenChain(path, {options.passwordFile, host::Caching::Cached, options.threads, false});
+    if (!chain) {
+        return {chain.fault, false, {}};
+    }
+    reader::ChunkReader reader(*chain);
+    for (size_t level = chain->images.size(); level-- > 0;) {
+        const reader::ImageFacts &facts = chain->images[level].facts;
+        const auto stored = std::find(chain->storedIn.begin(), chain->storedIn.end(), level);
+        if (stored == chain->storedIn.end() || !reader::IsSealed(facts.header)) {
+            continue;
+        }
+        const auto chunk = static_cast<uint64_t>(stored - chain->storedIn.begin());
+        const std::optional<reader::ChunkFault> fault = reader.Read(chunk);
+        if (fault && fault->cause == reader::ChunkCause::Seal) {
+            return {reader::Fault{reader::FaultKind::Unavailable,
+                                  facts.path + ": the password does not open it, or it is damaged in its chunk " +
+                                      std::to_string(chunk)},
+                    true, facts.path};
+        }
+    }
+    return {};
+}
+
 reader::Result<FileDigest> DigestFile(const std::string &path, host::Caching caching)
 {
     constexpr size_t blockBytes = size_t{4} << 20;

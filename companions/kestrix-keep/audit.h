@@ -21,6 +21,16 @@ AuditFault AuditOwnChunks(const std::string &path, const AuditOptions &options);
 // Reads and checks every chunk that the image at path depends on, in whichever file it lies.
 AuditFault AuditChain(const std::string &path, const AuditOptions &options);
 
+// What came of opening sealed chunks with a password.
+struct PasswordTrial {
+    AuditFault fault;           // none: all were opened
+    bool mayBePassword = false; // what is wrong: it is another one, or the chunk is damaged
+    std::string image;          // path of the one to blame, where it may be the password
+};
+
+// Opens the chain of the image at path, and of each sealed image in it one chunk that is needed, the deepest first.
+PasswordTrial TryPassword(const std::string &path, const AuditOptions &options);
+
 // The SHA-256 of the file at path, as hexadecimal digits, and its length.
 struct FileDigest {
     std::string sha256;

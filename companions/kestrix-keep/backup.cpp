@@ -233,6 +233,11 @@ static void KeepDamage(Run &run, size_t index, const std::string &damage)
     NoteDamage(run.folder, index, damage);
 }
 
+static std::string ChangedText(const KeptImage &image)
+{
+    return image.name + ": it is no longer what was written: its SHA-256 is another";
+}
+
 // Reads the whole file, and writes into its sidecar what came of it.
 static void ProveFile(Run &run, size_t index)
 {
@@ -243,8 +248,7 @@ static void ProveFile(Run &run, size_t index)
         return;
     }
     if (!digest || digest->sha256 != image.sidecar->sha256) {
-        const std::string damage =
-            digest ? image.name + ": it is no longer what was written: its SHA-256 is another" : digest.fault.text;
+        const std::string damage = digest ? ChangedText(image) : digest.fault.text;
         KeepDamage(run, index, damage);
         Fail(run, damage);
         return;
@@ -302,7 +306,68 @@ static void LookAtBase(Run &run)
 static bool MayBeBase(const Run &run)
 {
     const KeptImage &base = run.folder.images[run.plan.base];
-    return base.doubt.empty() && base.chainLength != 0;
+    return base.doubt.empty() && base.chainLength != 0 && base.whyNoBase.empty();
+}
+
+static AuditOptions OptionsOfAudit(const Run &run)
+{
+    return {run.job.passwordFile, run.options.threads, run.options.showsProgress};
+}
+
+// No image stands on this one, nor on what stands on it.
+static void RefuseAsBase(Run &run, size_t refused, const std::string &why)
+{
+    for (size_t i = 0; i < run.folder.images.size(); ++i) {
+        const std::vector<size_t> chain = ChainOf(run.folder, i);
+        if (std::find(chain.begin(), chain.end(), refused) != chain.end()) {
+            run.folder.images[i].whyNoBase = why;
+        }
+    }
+}
+
+// What the password does not open is damaged, or was sealed with another one: its digest tells which.
+static void JudgeUnopened(Run &run, size_t index)
+{
+    const KeptImage &image = run.folder.images[index];
+    reader::Result<FileDigest> digest = DigestFile(PathOf(run.folder, image), host::Caching::Medium);
+    if (!digest) {
+        RefuseAsBase(run, index, digest.fault.text);
+        return;
+    }
+    if (digest->sha256 != image.sidecar->sha256) {
+        const std::string damage = ChangedText(image);
+        RefuseAsBase(run, index, damage);
+        if (!run.options.isDryRun) {
+            KeepDamage(run, index, damage);
+            Fail(run, damage);
+        }
+        return;
+    }
+    const std::string why = "the password in " + run.job.passwordFile + " does not open " + image.name +
+                            ", which is as it was made: the password file was changed";
+    RefuseAsBase(run, index, why);
+    Warn(run, why + ". No image is made that needs two passwords; keep the old one as long as you keep that image and "
+                    "those that stand on it");
+}
+
+// An image of a chain that was sealed with another password would need two of them, and be lost with either.
+static void TryPasswordOnBase(Run &run)
+{
+    const size_t base = run.plan.base;
+    const std::vector<size_t> chain = ChainOf(run.folder, base);
+    const auto isSealed = [&run](size_t i) { return run.folder.images[i].sidecar->isSealed; };
+    if (std::none_of(chain.begin(), chain.end(), isSealed)) {
+        return;
+    }
+    const PasswordTrial trial = TryPassword(PathOf(run.folder, run.folder.images[base]), OptionsOfAudit(run));
+    const auto blamed = std::find_if(chain.begin(), chain.end(), [&](size_t i) {
+        return trial.mayBePassword && run.folder.images[i].name == host::NameOf(trial.image);
+    });
+    if (blamed != chain.end()) {
+        JudgeUnopened(run, *blamed);
+    } else if (trial.fault) {
+        RefuseAsBase(run, base, trial.fault->text);
+    }
 }
 
 // A base is looked at before it is one; what is found against it may leave another one, or none.
@@ -314,6 +379,9 @@ static void DecideKind(Run &run)
             break;
         }
         LookAtBase(run);
+        if (MayBeBase(run)) {
+            TryPasswordOnBase(run);
+        }
         if (MayBeBase(run)) {
             ProveBase(run);
             isSettled = MayBeBase(run);
@@ -368,11 +436,6 @@ static CaptureOutcome CaptureTo(Run &run, const std::string &path)
         }
     }
     return outcome;
-}
-
-static AuditOptions OptionsOfAudit(const Run &run)
-{
-    return {run.job.passwordFile, run.options.threads, run.options.showsProgress};
 }
 
 // The sidecar of an image that has passed its audit.

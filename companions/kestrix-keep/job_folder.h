@@ -15,6 +15,7 @@ struct KeptImage {
     bool isThere = false;     // false: there is only a sidecar; its image is gone
     std::string doubt;        // why it can't be counted on; empty: nothing is known against it
     bool isDamaged = false;   // what is doubted is damage
+    std::string whyNoBase;    // found in this run: why no image may stand on it, though it be sound
     size_t base = noImage;    // index of what it stands on
     uint32_t chainLength = 0; // images of its chain, itself among them; 0: it is broken
 };

@@ -21,6 +21,9 @@ static std::string WhyNoBase(const Job &job, const KeptImage &image, const DiskI
     if (image.sidecar->isSealed && job.passwordFile.empty()) {
         return "it is sealed, and the job has no password file";
     }
+    if (!image.whyNoBase.empty()) {
+        return image.whyNoBase;
+    }
     const std::string difference = DifferenceOf(image.sidecar->disk, disk);
     return difference.empty() ? "" : "the disk is another: " + difference;
 }

@@ -405,38 +405,6 @@ static Step SettleFetch(RestoreRun &run)
 
 // ---- Its password ----
 
-struct Opening {
-    std::optional<Fault> fault;
-    bool mayBePassword = false; // what is wrong
-};
-
-// Opens the chain, and one sealed chunk of each image in it.
-static Opening TryToOpen(const RestoreRun &run)
-{
-    reader::Result<reader::Chain> chain =
-        reader::OpenChain(run.image->path, {run.passwordFile, host::Caching::Cached, run.common.threads, false});
-    if (!chain) {
-        return {chain.fault, false};
-    }
-    reader::ChunkReader reader(*chain);
-    for (size_t level = 0; level < chain->images.size(); ++level) {
-        const auto stored = std::find(chain->storedIn.begin(), chain->storedIn.end(), level);
-        if (stored == chain->storedIn.end() || !reader::IsSealed(chain->images[level].facts.header)) {
-            continue;
-        }
-        const auto chunk = static_cast<uint64_t>(stored - chain->storedIn.begin());
-        const std::optional<reader::ChunkFault> fault = reader.Read(chunk);
-        if (fault && fault->cause == reader::ChunkCause::Seal) {
-            return {Fault{reader::FaultKind::Unavailable,
-                          chain->images[level].facts.path +
-                              ": the password does not open it, or it is damaged in its chunk " +
-                              std::to_string(chunk)},
-                    true};
-        }
-    }
-    return {};
-}
-
 static bool TypePassword(RestoreRun &run)
 {
     if (const std::string why = host::WhyNoSecretFiles(); !why.empty()) {
@@ -485,14 +453,14 @@ static Step SettlePassword(RestoreRun &run)
         if (isAsked && !TakePassword(run)) {
             return Step::Ended;
         }
-        const Opening opening = TryToOpen(run);
-        if (!opening.fault) {
+        const PasswordTrial trial = TryPassword(run.image->path, {run.passwordFile, run.common.threads, false});
+        if (!trial.fault) {
             return Step::Done;
         }
-        if (!isAsked || !opening.mayBePassword) {
-            return RefuseImage(run, opening.fault->text);
+        if (!isAsked || !trial.mayBePassword) {
+            return RefuseImage(run, trial.fault->text);
         }
-        Say(run.talk, opening.fault->text + ".");
+        Say(run.talk, trial.fault->text + ".");
     }
 }
 

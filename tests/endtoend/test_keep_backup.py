@@ -73,6 +73,14 @@ class BackupTest(KeepMachineTest):
         with open(self.place_path(name + ".json"), "w", encoding="utf-8") as file:
             json.dump(sidecar, file)
 
+    def password(self, text):
+        """Writes the password file; gives the line that names it."""
+        path = os.path.join(self.folder, "password")
+        with open(path, "w", encoding="ascii") as file:
+            file.write(text + "\n")
+        os.chmod(path, 0o600)
+        return f'password-file = "{path}"'
+
     def change_disk(self, offset, data):
         with open(self.disk_path(1), "r+b") as file:
             file.seek(offset)
@@ -122,11 +130,7 @@ class OneRun(BackupTest):
         self.assertEqual({name: self.content(name) for name in os.listdir(self.place)}, before)
 
     def test_images_of_a_job_with_a_password_are_sealed_thin_ones_too(self):
-        password = os.path.join(self.folder, "password")
-        with open(password, "w", encoding="ascii") as file:
-            file.write("secret\n")
-        os.chmod(password, 0o600)
-        self.configure(f'password-file = "{password}"')
+        self.configure(self.password("secret"))
         self.well()
         name = self.well(NOW + DAY)
         image = kestrix_image.read_image(self.place_path(name), b"secret")
@@ -336,6 +340,42 @@ class Bases(BackupTest):
         self.assertEqual(status, FAILED)
         self.assertEqual(self.sidecar(report["image"])["base"], "")
         self.assertIn(f"{NAME}: DAMAGED", report["failure"])
+
+    def check_changed_password(self, scheme, names):
+        """The image of the night after the password was changed stands on none of these."""
+        self.assertEqual(self.backup(NOW + 3 * DAY, "--dry-run")[0], WELL)
+        disk = self.change_disk(0, b"another night")
+        status, report = self.backup(NOW + 3 * DAY)
+        self.assertEqual((status, self.sidecar(report["image"])["base"]), (WELL, ""), report)
+        image = kestrix_image.read_image(self.place_path(report["image"]), b"second")
+        self.assertTrue(image.disk() == disk)
+        self.assertIn(f"does not open {names[0]}, which is as it was made: the password file was changed",
+                      "".join(report["warnings"]))
+        self.assertTrue(all(self.sidecar(name)["isSound"] for name in names))
+        self.assertEqual(self.sidecar(self.well(NOW + 4 * DAY))["base"], report["image"], scheme)
+
+    def test_no_image_stands_on_one_that_was_sealed_with_another_password(self):
+        for scheme in ("full", "newest"):
+            with self.subTest(scheme=scheme):
+                for name in self.names():
+                    os.unlink(self.place_path(name))
+                self.configure(f'base = "{scheme}"\n{self.password("first")}')
+                names = []
+                for i in range(3):
+                    self.change_disk(4 * MIB, b"%d" % i)
+                    names.append(self.well(NOW + i * DAY))
+                self.password("second")
+                self.check_changed_password(scheme, names)
+
+    def test_a_sealed_base_that_is_damaged_is_not_taken_for_one_with_another_password(self):
+        self.configure(self.password("first"))
+        self.well()
+        kestrix_image.flip_byte(self.place_path(NAME), 64 + 2 * 72 + 5)
+        status, report = self.backup(NOW + DAY)
+        self.assertEqual((status, self.sidecar(report["image"])["base"]), (FAILED, ""))
+        self.assertIn("its SHA-256 is another", report["failure"])
+        self.assertNotIn("password", "".join(report["warnings"]))
+        self.assertFalse(self.sidecar(NAME)["isSound"])
 
     def test_a_base_that_is_another_image_is_none(self):
         self.well()
