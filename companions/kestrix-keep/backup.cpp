@@ -29,7 +29,7 @@ struct Run {
     host::HeldDisk held;
     JobFolder folder;
     CapturePlan plan;
-    bool chainIsDue = false; // its files were read whole in this run; the audit of the chain as one is still to come
+    bool chainIsDue = false; // the audit of the newest chain as one is still to come, or was not passed in this run
 };
 
 // ---- Saying what is done ----
@@ -259,28 +259,47 @@ static void ProveFile(Run &run, size_t index)
     }
 }
 
-// When the oldest proof of a chain's files was made. A proof from the future proves nothing.
-static int64_t ChainProvedAt(const Run &run, size_t image)
+// A proof from the future proves nothing.
+static int64_t TimeOfProof(const Run &run, int64_t provedAt)
+{
+    return provedAt > TimeNow(run) + secondsPerDay ? 0 : provedAt;
+}
+
+// When the oldest proof of a chain's files was made.
+static int64_t FilesProvedAt(const Run &run, size_t image)
 {
     int64_t oldest = TimeNow(run);
     for (const size_t i : ChainOf(run.folder, image)) {
         const KeptImage &one = run.folder.images[i];
-        const int64_t provedAt = one.sidecar ? one.sidecar->provedAt : 0;
-        oldest = std::min(oldest, provedAt > TimeNow(run) + secondsPerDay ? 0 : provedAt);
+        oldest = std::min(oldest, TimeOfProof(run, one.sidecar ? one.sidecar->provedAt : 0));
     }
     return oldest;
 }
 
-static bool ChainIsProved(const Run &run, size_t image)
+// When the image's chain last passed an audit as one. What came onto it since was audited by itself.
+static int64_t ChainPassedAt(const Run &run, size_t image)
 {
-    return image != noImage && TimeNow(run) - ChainProvedAt(run, image) < run.job.check.wholeEverySeconds;
+    const PassedChain &passed = run.folder.memory.passedChain;
+    const bool isMeant = passed.full == run.folder.images[ChainOf(run.folder, image).back()].name;
+    return isMeant ? TimeOfProof(run, passed.at) : 0;
+}
+
+static bool IsLately(const Run &run, int64_t time)
+{
+    return TimeNow(run) - time < run.job.check.wholeEverySeconds;
+}
+
+static void NoteChainPassed(Run &run, size_t newest)
+{
+    run.folder.memory.passedChain = {run.folder.images[ChainOf(run.folder, newest).back()].name, TimeNow(run)};
+    run.chainIsDue = false;
 }
 
 // A file that was changed since it was made is found before anything stands on it.
 static void ProveBase(Run &run)
 {
     const size_t base = run.plan.base;
-    if (run.options.isDryRun || ChainIsProved(run, base)) {
+    if (run.options.isDryRun || IsLately(run, FilesProvedAt(run, base))) {
         return;
     }
     Say(run, run.folder.images[base].name + " and all that it stands on are read whole first, since that is due");
@@ -550,7 +569,16 @@ static void KeepChainDamage(Run &run, size_t newest, const std::string &what)
 static void AuditChainIfDue(Run &run)
 {
     const size_t newest = NewestSound(run.folder);
-    if (newest == noImage || !run.chainIsDue) {
+    if (newest == noImage) {
+        return;
+    }
+    run.chainIsDue = run.chainIsDue || !IsLately(run, ChainPassedAt(run, newest));
+    const bool isNew = run.folder.images[newest].name == run.report.image;
+    if (isNew && (run.plan.base == noImage || run.job.check.each == CheckDepth::Whole)) {
+        NoteChainPassed(run, newest); // its own audit was that of its chain
+        return;
+    }
+    if (!run.chainIsDue) {
         return;
     }
     Say(run, "the chain of " + run.folder.images[newest].name + " is audited as one, since that is due");
@@ -561,7 +589,7 @@ static void AuditChainIfDue(Run &run)
         }
         return;
     }
-    run.chainIsDue = false;
+    NoteChainPassed(run, newest);
 }
 
 // ---- Letting go ----
@@ -569,13 +597,16 @@ static void AuditChainIfDue(Run &run)
 static RetentionState StateOfRetention(const Run &run)
 {
     const size_t newest = NewestSound(run.folder);
-    const std::string since = newest == noImage
-                                  ? "there is no sound image"
-                                  : "the last one was " + AgeText(TimeNow(run) - ChainProvedAt(run, newest)) + " ago";
+    if (newest == noImage) {
+        return {TimeNow(run), false, "there is no sound image"};
+    }
     if (run.chainIsDue) {
         return {TimeNow(run), false, "it did not pass the one of this run"};
     }
-    return {TimeNow(run), ChainIsProved(run, newest), since};
+    const int64_t provedAt = std::min(FilesProvedAt(run, newest), ChainPassedAt(run, newest));
+    const std::string since = provedAt == 0 ? "when it last did is not known"
+                                            : "the last one was " + AgeText(TimeNow(run) - provedAt) + " ago";
+    return {TimeNow(run), IsLately(run, provedAt), since};
 }
 
 static std::string Joined(const std::vector<std::string> &sentences)

@@ -136,6 +136,10 @@ static JobMemory MemoryOf(const Json &json)
             TimeAt(place, "completeAt");
         }
     }
+    if (json.contains("passedChain")) { // earlier versions did not remember it
+        json.at("passedChain").at("full").get_to(memory.passedChain.full);
+        memory.passedChain.at = TimeAt(json.at("passedChain"), "at");
+    }
     return memory;
 }
 
@@ -201,5 +205,6 @@ host::Trouble WriteMemory(const std::string &path, const JobMemory &memory)
                             {"lastNumber", memory.lastNumber},
                             {"stamps", memory.stamps},
                             {"lastReport", memory.lastReport},
-                            {"places", memory.places}});
+                            {"places", memory.places},
+                            {"passedChain", {{"full", memory.passedChain.full}, {"at", memory.passedChain.at}}}});
 }

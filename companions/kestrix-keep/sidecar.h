@@ -65,12 +65,19 @@ reader::Result<Sidecar> ParseSidecar(const std::string &text, const std::string 
 Json JsonOf(const Sidecar &sidecar);
 Json JsonOf(const DiskIdentity &disk);
 
+// The chain that last passed an audit as one: all that one image needs, read together.
+struct PassedChain {
+    std::string full; // file name of the full image that it begins with; empty: none has
+    int64_t at = 0;
+};
+
 // What the job's own file, JOB.keep.json, remembers.
 struct JobMemory {
     uint64_t lastNumber = 0;         // of an image
     std::vector<std::string> stamps; // all that were ever in a name
     Json lastReport;                 // null: there is none yet
     Json places = Json::object();    // of copies: what is remembered of each, by its name
+    PassedChain passedChain;
 };
 std::string MemoryPath(const std::string &folder, const std::string &job);
 

@@ -99,4 +99,6 @@ TEST_F(MemoryOfJobs, OfAnotherFormIsRefusedWhole)
     EXPECT_FALSE(MemoryWith("places", {{"/mnt/usb", 7}}));
     EXPECT_FALSE(MemoryWith("places", {{"/mnt/usb", {{"completeAt", INT64_MAX}}}}));
     EXPECT_FALSE(MemoryWith("places", {{"/mnt/usb", {{"completeAt", "never"}}}}));
+    EXPECT_FALSE(MemoryWith("passedChain", {{"full", "a.kstx"}, {"at", -1}}));
+    EXPECT_FALSE(MemoryWith("passedChain", {{"full", 7}, {"at", 0}}));
 }

@@ -295,7 +295,20 @@ class FailingCalls(BackupTest):
         self.assertIn("the chain did not pass its audit: ", report["failure"])
         names = self.image_names()
         self.assertEqual(len(names), 3)
-        self.assertEqual(sorted(self.backup(NOW + 9 * DAY)[1]["letGo"]), names[1:])
+        # The next night only its head is looked at before the audit, which is still due.
+        status, report = self.report_of(self.traced(NOW + 9 * DAY, "-e", "trace=openat", "-e",
+                                                    "inject=openat:error=EIO:when=2+", "-P", self.place_path(NAME)))
+        self.assertEqual((status, report["letGo"]), (FAILED, []), report)
+        self.assertIn("the chain did not pass its audit: ", report["failure"])
+        names = self.image_names()
+        self.assertEqual(len(names), 4)
+        self.assertEqual(sorted(self.backup(NOW + 10 * DAY)[1]["letGo"]), names[1:])
+
+    def test_a_chain_is_audited_as_one_no_more_often_than_is_due(self):
+        for i in range(9):
+            _, report = self.backup(NOW + i * DAY)
+            isAudited = any("is audited as one" in line for line in report["lines"])
+            self.assertEqual(isAudited, i == 7, report["lines"])
 
     def check_folder(self, disks):
         """Every image under its final name gives back a disk that there was, and has a sidecar or is let go."""
