@@ -6,16 +6,31 @@
 
 #include <algorithm>
 
-static AuditFault FaultOf(const reader::Chain &chain, const reader::Verdicts &verdicts)
+// The first fault of a chunk, damage before what could not be read: a medium that fails tells nothing of the image.
+static AuditFault ChunkFaultOf(const reader::Chain &chain, const reader::Verdicts &verdicts)
 {
     const uint64_t bad = verdicts.CountBad();
+    AuditFault first;
     for (uint64_t i = 0; i < chain.ChunkCount(); ++i) {
-        if (const reader::ChunkFault *fault = verdicts.FaultOf(i)) {
-            reader::Fault told = reader::DescribeChunkFault(chain, i, *fault);
-            told.text += bad == 1 ? "" : "; " + std::to_string(bad) + " chunks are bad";
-            told.kind = reader::FaultKind::Damaged;
-            return told;
+        const reader::ChunkFault *fault = verdicts.FaultOf(i);
+        const bool isUnread = fault != nullptr && fault->cause == reader::ChunkCause::Unreadable;
+        if (fault == nullptr || (first && isUnread)) {
+            continue;
         }
+        first = reader::DescribeChunkFault(chain, i, *fault);
+        first->text += bad == 1 ? "" : "; " + std::to_string(bad) + " chunks are bad";
+        first->kind = isUnread ? reader::FaultKind::Unavailable : reader::FaultKind::Damaged;
+        if (!isUnread) {
+            break;
+        }
+    }
+    return first;
+}
+
+static AuditFault FaultOf(const reader::Chain &chain, const reader::Verdicts &verdicts)
+{
+    if (AuditFault fault = ChunkFaultOf(chain, verdicts)) {
+        return fault;
     }
     for (const reader::ImageFile &image : chain.images) {
         if (image.facts.bytesTooMany != 0) {
@@ -99,7 +114,7 @@ reader::Result<FileDigest> DigestFile(const std::string &path, host::Caching cac
     for (uint64_t offset = 0; offset < source.sizeBytes;) {
         const size_t step = std::min<uint64_t>(blockBytes, source.sizeBytes - offset);
         if (const host::Trouble trouble = host::ReadAt(source, offset, block.get(), step)) {
-            return reader::Fault{reader::FaultKind::Damaged,
+            return reader::Fault{reader::FaultKind::Unavailable,
                                  path + ": it can't be read at byte " + std::to_string(offset) + ": " + *trouble};
         }
         digesting.Add(block.get(), step);

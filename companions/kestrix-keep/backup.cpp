@@ -209,7 +209,9 @@ static bool ReadFolder(Run &run)
         }
     }
     for (const std::string &note : run.folder.notes) {
-        Warn(run, note);
+        if (std::find(run.report.warnings.begin(), run.report.warnings.end(), note) == run.report.warnings.end()) {
+            Warn(run, note);
+        }
     }
     return true;
 }
@@ -233,6 +235,18 @@ static void KeepDamage(Run &run, size_t index, const std::string &damage)
     NoteDamage(run.folder, index, damage);
 }
 
+// The same for what could not be read, which is no verdict on the image.
+static void KeepUnread(Run &run, size_t index, const std::string &why)
+{
+    KeptImage &image = run.folder.images[index];
+    image.sidecar->unread = why;
+    if (const host::Trouble trouble = StoreSidecar(run, image)) {
+        Warn(run, SidecarPath(PathOf(run.folder, image)) + ": " + *trouble);
+    }
+    NoteUnread(run.folder, index, why);
+    Fail(run, why + ". That is no verdict on the image: it is read again in the next run");
+}
+
 static std::string ChangedText(const KeptImage &image)
 {
     return image.name + ": it is no longer what was written: its SHA-256 is another";
@@ -243,16 +257,17 @@ static void ProveFile(Run &run, size_t index)
 {
     KeptImage &image = run.folder.images[index];
     reader::Result<FileDigest> digest = DigestFile(PathOf(run.folder, image), host::Caching::Medium);
-    if (!digest && digest.fault.kind == reader::FaultKind::Unavailable) {
-        Warn(run, digest.fault.text);
+    if (!digest) {
+        KeepUnread(run, index, digest.fault.text);
         return;
     }
-    if (!digest || digest->sha256 != image.sidecar->sha256) {
-        const std::string damage = digest ? ChangedText(image) : digest.fault.text;
+    if (digest->sha256 != image.sidecar->sha256) {
+        const std::string damage = ChangedText(image);
         KeepDamage(run, index, damage);
         Fail(run, damage);
         return;
     }
+    image.sidecar->unread.clear();
     image.sidecar->provedAt = TimeNow(run);
     if (const host::Trouble trouble = StoreSidecar(run, image)) {
         Warn(run, SidecarPath(PathOf(run.folder, image)) + ": " + *trouble);
@@ -295,6 +310,23 @@ static void NoteChainPassed(Run &run, size_t newest)
     run.chainIsDue = false;
 }
 
+// What could not be read whole is read once more: nobody else would clear it of that.
+static void ReadUnreadAgain(Run &run)
+{
+    bool isAnyRead = false;
+    for (size_t i = 0; i < run.folder.images.size() && !run.options.isDryRun; ++i) {
+        const KeptImage &image = run.folder.images[i];
+        if (image.isThere && !image.isDamaged && image.sidecar && !image.sidecar->unread.empty()) {
+            Say(run, image.name + " could not be read, and is read whole again");
+            ProveFile(run, i);
+            isAnyRead = isAnyRead || image.sidecar->unread.empty();
+        }
+    }
+    if (isAnyRead) {
+        ReadFolder(run);
+    }
+}
+
 // A file that was changed since it was made is found before anything stands on it.
 static void ProveBase(Run &run)
 {
@@ -315,9 +347,14 @@ static void ProveBase(Run &run)
 static void LookAtBase(Run &run)
 {
     for (const size_t i : CheckChainFiles(run.folder, run.plan.base)) {
-        if (!run.options.isDryRun) {
-            const std::string damage = run.folder.images[i].doubt;
-            KeepDamage(run, i, damage);
+        const std::string found = run.folder.images[i].doubt;
+        if (run.options.isDryRun) {
+            continue;
+        }
+        if (run.folder.images[i].isDamaged) {
+            KeepDamage(run, i, found);
+        } else {
+            KeepUnread(run, i, found);
         }
     }
 }
@@ -714,6 +751,7 @@ static void RunSteps(Run &run)
     if (!CheckFileSystem(run, facts) || !TakeFolder(run) || !FindTheDisk(run, facts) || !ReadFolder(run)) {
         return;
     }
+    ReadUnreadAgain(run);
     DecideKind(run);
     const bool hasRoom = HasRoom(run, facts);
     if (run.options.isDryRun) {

@@ -106,6 +106,8 @@ void JudgeLength(KeptImage &image, uint64_t fileBytes)
     } else if (!image.sidecar->isSound) {
         image.doubt = image.sidecar->damage;
         image.isDamaged = true;
+    } else if (!image.sidecar->unread.empty()) {
+        image.doubt = image.sidecar->unread;
     }
 }
 
@@ -158,6 +160,8 @@ static void LinkImages(JobFolder &folder)
             image.doubt = image.sidecar->base + ", which it stands on, is " +
                           (base == nullptr || !base->isThere ? "gone" : "damaged");
             image.isDamaged = true;
+        } else if (!isBroken && !base->doubt.empty() && image.doubt.empty()) {
+            image.doubt = base->name + ", which it stands on, can't be counted on: " + base->doubt;
         }
         image.chainLength = isBroken || !image.isThere ? 0 : base->chainLength + 1;
     }
@@ -233,6 +237,13 @@ void NoteDamage(JobFolder &folder, size_t image, const std::string &what)
     LinkImages(folder);
 }
 
+void NoteUnread(JobFolder &folder, size_t image, const std::string &what)
+{
+    KeptImage &file = folder.images[image];
+    file.doubt = file.doubt.empty() ? what : file.doubt;
+    LinkImages(folder);
+}
+
 // Empty if the file's header, table and trailer are those that the sidecar tells of.
 static std::string DifferenceOfFile(const reader::ImageFacts &facts, const Sidecar &sidecar)
 {
@@ -258,23 +269,23 @@ void NoteDifference(JobFolder &folder, size_t image, const reader::ImageFacts &f
     if (!difference.empty() && facts.kind != reader::FileKind::Unreadable) {
         NoteDamage(folder, image, difference);
     } else if (!difference.empty()) {
-        file.doubt = difference;
+        NoteUnread(folder, image, difference);
     }
 }
 
 std::vector<size_t> CheckChainFiles(JobFolder &folder, size_t image)
 {
-    std::vector<size_t> damaged;
+    std::vector<size_t> found;
     for (const size_t i : ChainOf(folder, image)) {
         const KeptImage &file = folder.images[i];
         if (file.isThere && file.sidecar && file.doubt.empty()) {
             NoteDifference(folder, i, reader::ReadImageFacts(PathOf(folder, file), false));
-            if (file.isDamaged) {
-                damaged.push_back(i);
+            if (!file.doubt.empty()) {
+                found.push_back(i);
             }
         }
     }
-    return damaged;
+    return found;
 }
 
 bool IsSound(const KeptImage &image)

@@ -57,7 +57,7 @@ void JudgeLength(KeptImage &image, uint64_t fileBytes);
 void ArrangeImages(JobFolder &folder);
 
 // Looks at header, table and trailer of the image and of all that it stands on, and notes what is not as the sidecars
-// say. Gives the indices of those whose own file was found damaged now.
+// say. Gives the indices of those whose own file was found damaged now, or could not be read.
 std::vector<size_t> CheckChainFiles(JobFolder &folder, size_t image);
 
 // Whether the image is there, made by this job, and nothing is known against it and what it stands on.
@@ -73,6 +73,9 @@ std::vector<RetainedImage> RetainedImagesOf(const JobFolder &folder);
 size_t NewestSound(const JobFolder &folder);
 
 std::string PathOf(const JobFolder &folder, const KeptImage &image);
+
+// Notes against an image that it could not be read, which is no verdict on it, and against all that stands on it.
+void NoteUnread(JobFolder &folder, size_t image, const std::string &what);
 
 // Notes against an image that it is damaged, and against all that stands on it.
 void NoteDamage(JobFolder &folder, size_t image, const std::string &what);

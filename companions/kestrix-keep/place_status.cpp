@@ -40,11 +40,12 @@ static std::optional<reader::Fault> CompareImages(const Place &place, bool shows
         std::optional<reader::Fault> fault =
             place.compare(image.name, &wanted, [&progress](uint64_t bytes) { progress.Add(bytes); });
         progress.Hide();
-        if (fault && fault->kind == reader::FaultKind::Unavailable) {
-            return fault;
-        }
-        if (fault) {
+        if (fault && fault->kind == reader::FaultKind::Damaged) {
             NoteDamage(folder, i, fault->text);
+        } else if (fault && place.isRemote) { // the others can't be reached either
+            return fault;
+        } else if (fault) {
+            NoteUnread(folder, i, fault->text);
         }
     }
     return std::nullopt;

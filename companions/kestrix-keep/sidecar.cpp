@@ -66,6 +66,7 @@ Json JsonOf(const Sidecar &sidecar)
             {"notes", sidecar.notes},
             {"isSound", sidecar.isSound},
             {"damage", sidecar.damage},
+            {"unread", sidecar.unread},
             {"provedAt", sidecar.provedAt},
             {"mayNotBeBase", sidecar.mayNotBeBase}};
 }
@@ -116,6 +117,7 @@ static Sidecar SidecarOf(const Json &json)
     json.at("notes").get_to(sidecar.notes);
     json.at("isSound").get_to(sidecar.isSound);
     json.at("damage").get_to(sidecar.damage);
+    sidecar.unread = json.value("unread", std::string());
     sidecar.provedAt = TimeAt(json, "provedAt");
     json.at("mayNotBeBase").get_to(sidecar.mayNotBeBase);
     return sidecar;

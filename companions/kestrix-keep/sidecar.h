@@ -46,6 +46,7 @@ struct Sidecar {
     std::vector<std::string> notes;        // what of it one has to know
     bool isSound = false;
     std::string damage;       // why it is not
+    std::string unread;       // why the medium did not give it when it was last to be read whole; empty: it did
     int64_t provedAt = 0;     // when the medium last gave all of the file as it was made
     std::string mayNotBeBase; // the reason; empty: an image may stand on it
 };

@@ -91,6 +91,24 @@ TEST(Places, AChainThatLeadsInACircleOrIntoNothingIsNotSound)
     EXPECT_EQ(SoundOnes((*found)[0]), (std::vector<std::string>{NameOf(21), NameOf(26)}));
 }
 
+TEST(Places, WhatStandsOnAnImageThatCouldNotBeReadIsNotSoundAndNotDamaged)
+{
+    Files files;
+    for (int day = 21; day <= 23; ++day) {
+        Add(files, NameOf(day), static_cast<uint64_t>(day), day == 21 ? "" : NameOf(day - 1));
+    }
+    Json unread = Json::parse(files[SidecarPath(NameOf(21))]);
+    unread["unread"] = "it can't be read at byte 7";
+    files[SidecarPath(NameOf(21))] = unread.dump();
+    reader::Result<std::vector<JobFolder>> found = ReadPlace(PlaceOf(files), {"job"});
+    ASSERT_TRUE(found);
+    EXPECT_TRUE(SoundOnes((*found)[0]).empty());
+    for (const KeptImage &image : (*found)[0].images) {
+        EXPECT_FALSE(image.isDamaged) << image.name;
+        EXPECT_NE(image.doubt.find("it can't be read at byte 7"), std::string::npos) << image.doubt;
+    }
+}
+
 TEST(Places, WhatWasNotFinishedIsNoImage)
 {
     Files files;

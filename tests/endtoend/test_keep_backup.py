@@ -246,7 +246,7 @@ class FailingCalls(BackupTest):
 
     def traced(self, now, *rules):
         command = ["strace", "-o", os.path.join(self.folder, "trace"), *rules, self.keepProgram, "backup", "--json",
-                   "--quiet", "--now", str(now), "--config", self.configuration]
+                   "--quiet", "-j1", "--now", str(now), "--config", self.configuration]
         started = Started(command, self.images)
         self.addCleanup(self.end, started)
         return started
@@ -303,6 +303,52 @@ class FailingCalls(BackupTest):
         names = self.image_names()
         self.assertEqual(len(names), 4)
         self.assertEqual(sorted(self.backup(NOW + 10 * DAY)[1]["letGo"]), names[1:])
+
+    def reads_of(self, path, now):
+        """The reads of a file that a run makes, as strace has them; the folder is then as it was before."""
+        before = self.place + "-before"
+        shutil.copytree(self.place, before)
+        self.assertEqual(self.report_of(self.traced(now, "-e", "trace=pread64", "-P", path))[0], WELL)
+        shutil.rmtree(self.place)
+        os.rename(before, self.place)
+        with open(os.path.join(self.folder, "trace"), encoding="utf-8") as file:
+            return [line for line in file if line.startswith("pread64(")]
+
+    def with_failing_reads(self, path, now, which):
+        return self.report_of(self.traced(now, "-e", "trace=pread64", "-P", path, "-e",
+                                          f"inject=pread64:error=EIO:when={which}"))
+
+    def test_an_image_that_can_not_be_read_is_not_damaged_and_nothing_counts_on_it_until_it_is_read_again(self):
+        self.configure('keep = { last = 1 }\ncheck = { whole-every = "2d" }')
+        thin = [self.well(NOW), self.well(NOW + DAY)][1]
+        path = self.place_path(NAME)
+        reads = self.reads_of(path, NOW + 2 * DAY)
+        whole = next(i for i, line in enumerate(reads, 1) if f", {4 * MIB}, 0)" in line)
+        for which in (1, whole):  # of its head, and of all of it
+            with self.subTest(failing=which):
+                for name in self.image_names()[2:]:
+                    for one in (name, name + ".json"):
+                        os.unlink(self.place_path(one))
+                self.rewrite_sidecar(NAME, unread="", provedAt=NOW)
+                status, report = self.with_failing_reads(path, NOW + 2 * DAY, f"{which}+")
+                self.assertEqual((status, report["letGo"], self.sidecar(report["image"])["base"]), (FAILED, [], ""))
+                self.assertIn("Input/output error", report["failure"])
+                self.assertTrue(self.sidecar(NAME)["isSound"])
+                self.assertIn("Input/output error", self.sidecar(NAME)["unread"])
+        status, next_ = self.backup(NOW + 3 * DAY)
+        self.assertIn(f"{NAME} could not be read, and is read whole again", next_["lines"])
+        self.assertEqual((status, self.sidecar(next_["image"])["base"]), (WELL, report["image"]))
+        self.assertEqual(sorted(next_["letGo"]), [NAME, thin])
+
+    def test_a_chain_that_can_not_be_read_for_its_audit_is_not_damaged(self):
+        self.configure('check = { whole-every = "2d" }')
+        self.well()
+        reads = len(self.reads_of(self.place_path(NAME), NOW + 2 * DAY))
+        status, report = self.with_failing_reads(self.place_path(NAME), NOW + 2 * DAY, reads)
+        self.assertEqual(status, FAILED)
+        self.assertIn("the chain did not pass its audit: ", report["failure"])
+        self.assertTrue(all(self.sidecar(name)["isSound"] for name in self.image_names()))
+        self.assertEqual(self.sidecar(self.well(NOW + 3 * DAY))["base"], NAME)
 
     def test_a_chain_is_audited_as_one_no_more_often_than_is_due(self):
         for i in range(9):
