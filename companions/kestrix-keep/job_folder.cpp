@@ -92,6 +92,27 @@ static void ReadOneSidecar(const JobFolder &folder, KeptImage &image)
     const std::string path = SidecarPath(PathOf(folder, image));
     const bool isNone = host::NameIsFree(path);
     NoteSidecar(folder, image, isNone ? std::nullopt : std::optional<reader::Result<Sidecar>>(ReadSidecar(path)));
+    if (image.sidecar && !IsOfThisMachine(*image.sidecar)) {
+        image.otherMachine = image.sidecar->machine;
+    }
+}
+
+// Two machines whose jobs have one name would go on with each other's images.
+static void NoteOtherMachines(JobFolder &folder)
+{
+    std::map<std::string, size_t> images;
+    for (const KeptImage &image : folder.images) {
+        images[image.otherMachine] += image.otherMachine.empty() ? 0 : 1;
+    }
+    for (const auto &[machine, count] : images) {
+        if (!machine.empty()) {
+            folder.notes.push_back(folder.path + ": " + Counted(count, "image") + " of this job's name " +
+                                   (count == 1 ? "was" : "were") + " made by another machine, " + machine +
+                                   "; none of them becomes a base or is let go here. Give each machine a folder of its "
+                                   "own; if this one was only renamed, remove them by hand when they are not needed "
+                                   "any more");
+        }
+    }
 }
 
 void JudgeLength(KeptImage &image, uint64_t fileBytes)
@@ -213,6 +234,7 @@ reader::Result<JobFolder> ReadJobFolder(const std::string &path, const std::stri
         }
     }
     ArrangeImages(folder);
+    NoteOtherMachines(folder);
     return folder;
 }
 
@@ -300,7 +322,7 @@ std::vector<RetainedImage> RetainedImagesOf(const JobFolder &folder)
         RetainedImage retained;
         retained.number = image.sidecar ? image.sidecar->number : 0;
         retained.time = image.time;
-        retained.isOurs = image.sidecar.has_value();
+        retained.isOurs = image.sidecar.has_value() && image.otherMachine.empty();
         retained.isSound = IsSound(image);
         retained.isDamaged = image.isDamaged;
         retained.base = image.base;
@@ -312,7 +334,7 @@ std::vector<RetainedImage> RetainedImagesOf(const JobFolder &folder)
 size_t NewestSound(const JobFolder &folder)
 {
     for (size_t i = folder.images.size(); i-- > 0;) {
-        if (IsSound(folder.images[i])) {
+        if (IsSound(folder.images[i]) && folder.images[i].otherMachine.empty()) {
             return i;
         }
     }

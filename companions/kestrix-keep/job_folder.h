@@ -12,6 +12,7 @@ struct KeptImage {
     std::string name; // of the file
     int64_t time = 0; // by the clock when it was begun
     std::optional<Sidecar> sidecar;
+    std::string otherMachine; // that made it; empty: this one did, or a folder of copies does not ask
     bool isThere = false;     // false: there is only a sidecar; its image is gone
     std::string doubt;        // why it can't be counted on; empty: nothing is known against it
     bool isDamaged = false;   // what is doubted is damage
@@ -69,7 +70,7 @@ std::vector<size_t> ChainOf(const JobFolder &folder, size_t image);
 // The images as retention sees them, in the same order.
 std::vector<RetainedImage> RetainedImagesOf(const JobFolder &folder);
 
-// The newest image that nothing is known against; noImage where there is none.
+// The newest image of this machine that nothing is known against; noImage where there is none.
 size_t NewestSound(const JobFolder &folder);
 
 std::string PathOf(const JobFolder &folder, const KeptImage &image);

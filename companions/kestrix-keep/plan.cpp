@@ -15,6 +15,9 @@ static std::string WhyNoBase(const Job &job, const KeptImage &image, const DiskI
     if (!image.sidecar || image.chainLength == 0) {
         return "what it stands on is not whole";
     }
+    if (!image.otherMachine.empty()) {
+        return "another machine made it, " + image.otherMachine;
+    }
     if (!image.sidecar->mayNotBeBase.empty()) {
         return image.sidecar->mayNotBeBase;
     }

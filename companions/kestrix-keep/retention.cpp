@@ -44,7 +44,7 @@ static void KeepWhatDoesNotCount(Retention &run)
     for (size_t i = 0; i < run.images.size(); ++i) {
         const RetainedImage &image = run.images[i];
         if (!image.isOurs) {
-            Keep(run, i, "this job did not make it");
+            Keep(run, i, "this job of this machine did not make it");
         } else if (IsFromTheFuture(run, image)) {
             Keep(run, i, "its time lies in the future: " + LocalTimeText(image.time));
         } else if (!image.isSound) {

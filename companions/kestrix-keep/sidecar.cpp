@@ -16,6 +16,12 @@ std::string MemoryPath(const std::string &folder, const std::string &job)
     return folder + "/" + job + ".keep.json";
 }
 
+bool IsOfThisMachine(const Sidecar &sidecar)
+{
+    const std::string own = host::MachineName();
+    return sidecar.machine.empty() || own.empty() || sidecar.machine == own;
+}
+
 std::string DifferenceOf(const DiskIdentity &left, const DiskIdentity &right)
 {
     const auto named = [](const std::string &text) { return text.empty() ? std::string("none") : text; };

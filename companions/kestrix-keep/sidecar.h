@@ -51,6 +51,9 @@ struct Sidecar {
     std::string mayNotBeBase; // the reason; empty: an image may stand on it
 };
 
+// Whether this machine captured it, as far as machines tell their names.
+bool IsOfThisMachine(const Sidecar &sidecar);
+
 // "NAME.kstx.json" for the image at path.
 std::string SidecarPath(const std::string &imagePath);
 

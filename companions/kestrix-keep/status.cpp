@@ -128,6 +128,7 @@ JobStatus StatusOf(const Job &job, const JobFolder &folder, int64_t now)
         JudgeChain(job, folder, newest, now, status);
     }
     JudgeAge(job, now, status);
+    status.problems.insert(status.problems.end(), folder.notes.begin(), folder.notes.end());
     CountImages(folder, now, status);
     ReadLastReport(folder, status);
     JudgeCopies(job, folder, now, status);

@@ -55,7 +55,7 @@ class Nights:
     def sidecar(self, written, startedAt, base):
         with open(written.path, "rb") as file:
             content = file.read()
-        return {"form": 1, "job": self.job, "machine": "server", "number": self.number,
+        return {"form": 1, "job": self.job, "machine": os.uname().nodename, "number": self.number,
                 "disk": {"model": "Model", "serial": "SERIAL1", "wwn": "", "sizeBytes": len(self.disk),
                          "sectorBytes": CHUNK},
                 "startedAt": startedAt, "endedAt": startedAt + 60, "startedLocal": "", "identity":

@@ -546,6 +546,21 @@ class LettingGo(BackupTest):
         self.assertEqual(report["letGo"], [])
         self.assertEqual(self.image_names(), [NAME, report["image"]])
 
+    def test_an_image_that_another_machine_made_is_no_base_and_stays_and_that_is_said(self):
+        self.configure('keep = { last = 1 }')
+        first, second = self.well(), self.well(NOW + DAY)
+        self.rewrite_sidecar(first, machine="elsewhere")
+        self.rewrite_sidecar(second, machine="elsewhere")
+        for i in (2, 3):
+            status, report = self.backup(NOW + i * DAY)
+            self.assertEqual((status, len(self.image_names())), (WELL, i + 1), report)
+            self.assertIn("2 images of this job's name were made by another machine, elsewhere",
+                          "".join(report["warnings"]))
+        self.assertEqual([self.sidecar(name)["base"] for name in self.image_names()],
+                         ["", first, "", self.image_names()[2]])
+        self.assertTrue(any(f"{first} is no base: another machine made it, elsewhere" in line
+                            for line in self.backup(NOW + 4 * DAY, "--dry-run")[1]["lines"]))
+
     def test_a_dry_run_lets_nothing_go_and_takes_nothing_away(self):
         for i in range(3):
             self.well(NOW + i * DAY)
