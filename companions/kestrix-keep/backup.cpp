@@ -1,9 +1,10 @@
 // One run of a job.
 //
-// The steps: the program before; the folder's file system; its lock; the disk, held; what lies in the folder, and what
-// dead runs left of it; full or thin, and on what, which is read whole first where that is due; room; the capture under
-// a name that is no image's; the audit of what it wrote; sidecar and final name; the chain as one, where its audit is
-// due; what is let go; the report, and the programs that want it. What fails ends the run, but for the report.
+// The steps: a look whether another run is under way; the program before; the folder's file system; its lock; the disk,
+// held; what lies in the folder, and what dead runs left of it; full or thin, and on what, which is read whole first
+// where that is due; room; the capture under a name that is no image's; the audit of what it wrote; sidecar and final
+// name; the chain as one, where its audit is due; what is let go; the report, and the programs that want it. What fails
+// ends the run, but for the report.
 #include "kestrix-keep/backup.h"
 
 #include "kestrix-keep/audit.h"
@@ -15,6 +16,7 @@
 #include "report/report.h"
 
 #include <algorithm>
+#include <set>
 
 static const char lockName[] = ".kestrix-keep.lock";
 
@@ -176,19 +178,26 @@ static void FinishOrRemove(Run &run, const std::string &name)
     const std::string imagePath = run.folder.path + "/" + imageName;
     const std::string goes = WithoutEnding(name, std::string(".json") + endingOfWhatGoes);
     host::Trouble trouble;
+    std::string done;
     if (!goes.empty()) { // it was being let go
-        trouble = host::RemoveName(run.folder.path + "/" + goes);
+        const std::string goesPath = run.folder.path + "/" + goes;
+        trouble = host::RemoveName(goesPath);
+        // Where no renaming refuses to replace, the sidecar has both names for a moment.
+        trouble = trouble ? trouble : host::RemoveName(SidecarPath(goesPath));
         trouble = trouble ? trouble : host::RemoveName(path);
-        Say(run, goes + ": an earlier run let it go and did not come to its end; it is gone now");
+        done = goes + ": an earlier run let it go and did not come to its end; it is gone now";
     } else if (!imageName.empty() && !host::NameIsFree(SidecarPath(imagePath)) && host::NameIsFree(imagePath)) {
         trouble = host::GiveFinalName(path, imagePath);
-        Say(run, imageName + ": an earlier run had made and checked it, and was ended before it had its name");
+        done = imageName + ": an earlier run had made and checked it, and was ended before it had its name; it has it "
+                           "now";
     } else {
         trouble = host::RemoveName(path);
-        Say(run, name + ": an earlier run did not come to its end; this is what it left, and is removed");
+        done = name + ": an earlier run did not come to its end; this is what it left, and it is removed";
     }
     if (trouble) {
-        Warn(run, path + ": " + *trouble);
+        Warn(run, path + ": an earlier run left it, and it can't be put in order: " + *trouble);
+    } else {
+        Say(run, done);
     }
 }
 
@@ -462,12 +471,12 @@ static bool HasRoom(Run &run, const host::FileSystemFacts &facts)
 // folder can't be looked at any more.
 static std::optional<int64_t> FreeTime(const Run &run)
 {
-    const std::vector<std::string> &used = run.folder.memory.stamps;
+    const std::vector<std::string> &stamps = run.folder.memory.stamps;
+    const std::set<std::string> used(stamps.begin(), stamps.end());
     int64_t time = TimeNow(run);
     const auto isUsed = [&](int64_t one) {
         const std::string path = run.folder.path + "/" + ImageName(run.job.name, one);
-        return std::find(used.begin(), used.end(), StampOf(one)) != used.end() || !host::NameIsFree(path) ||
-               !host::NameIsFree(SidecarPath(path));
+        return used.count(StampOf(one)) != 0 || !host::NameIsFree(path) || !host::NameIsFree(SidecarPath(path));
     };
     const int64_t end = time + secondsPerDay;
     while (time != end && isUsed(time)) {
@@ -536,7 +545,13 @@ static bool NameImage(Run &run, const std::string &path, const std::string &name
     trouble = trouble ? trouble : WriteSidecar(SidecarPath(finalPath), sidecar);
     trouble = trouble ? trouble : host::GiveFinalName(path, finalPath);
     if (trouble) {
-        return Fail(run, finalPath + ": it can't get its name: " + *trouble);
+        Fail(run, finalPath + ": it can't get its name: " + *trouble);
+        if (host::NameIsFree(finalPath)) { // or its sidecar would tell of an image that is gone
+            if (const host::Trouble left = host::RemoveName(SidecarPath(finalPath))) {
+                Warn(run, SidecarPath(finalPath) + ": it can't be removed: " + *left);
+            }
+        }
+        return false;
     }
     run.report.image = name;
     return true;
@@ -686,8 +701,17 @@ static void ApplyRetention(Run &run)
 
 // ---- Copies ----
 
-// Where a folder of copies lay before: an unmounted disk leaves a folder of the same name.
-static bool LiesWhereItDid(Run &run, const CopyPlace &place, const std::string &name)
+static bool IsSameFolder(const std::string &left, const std::string &right)
+{
+    host::FileIdentity first;
+    host::FileIdentity second;
+    return host::ResolvedPath(left) == host::ResolvedPath(right) ||
+           (!host::IdentityOf(left, &first) && !host::IdentityOf(right, &second) && first == second);
+}
+
+// Where a folder of copies lay before: an unmounted disk leaves a folder of the same name. Where it lies now is learnt
+// of when it has got its copies.
+static bool LiesWhereItDid(Run &run, const CopyPlace &place, const std::string &name, std::string *liesOn)
 {
     host::FileSystemFacts there;
     host::FileSystemFacts here;
@@ -696,6 +720,7 @@ static bool LiesWhereItDid(Run &run, const CopyPlace &place, const std::string &
         return true; // what stands in the way is told when it is listed
     }
     const std::string fileSystem = there.uuid.empty() ? there.source : there.uuid;
+    *liesOn = fileSystem;
     const Json known = run.folder.memory.places[name].value("fileSystem", Json());
     if (known.is_string() && known != fileSystem) {
         Warn(run, name + ": it lies on " + fileSystem + ", and lay on " + known.get<std::string>() +
@@ -705,7 +730,6 @@ static bool LiesWhereItDid(Run &run, const CopyPlace &place, const std::string &
     if (there.source == here.source && there.uuid == here.uuid) {
         Warn(run, name + ": it lies on the same file system as the images themselves, and is lost with them");
     }
-    run.folder.memory.places[name]["fileSystem"] = fileSystem;
     return true;
 }
 
@@ -716,14 +740,26 @@ static void MakeCopies(Run &run)
         if (!run.folder.memory.places.contains(name)) {
             run.folder.memory.places[name] = Json::object();
         }
-        if (!LiesWhereItDid(run, place, name)) {
+        if (place.rclone.empty() && IsSameFolder(place.folder, run.job.folder)) {
+            Fail(run, name + ": it is the folder of the images themselves, by a link or a mount: name another one");
             continue;
         }
-        const CopyOutcome outcome = CopyImages(
-            run.folder, place,
-            {StateOfRetention(run), run.options.showsProgress, [&run](const std::string &line) { Say(run, line); }});
+        std::string liesOn;
+        if (!LiesWhereItDid(run, place, name, &liesOn)) {
+            continue;
+        }
+        const CopyOutcome outcome =
+            CopyImages(run.folder, place,
+                       {StateOfRetention(run), run.job.check.wholeEverySeconds, run.options.showsProgress,
+                        [&run](const std::string &line) { Say(run, line); }});
+        for (const std::string &note : outcome.notes) {
+            Warn(run, note);
+        }
         if (outcome.failure.empty()) {
             run.folder.memory.places[name]["completeAt"] = TimeNow(run);
+            if (!liesOn.empty()) {
+                run.folder.memory.places[name]["fileSystem"] = liesOn;
+            }
         } else {
             Warn(run, outcome.failure + "; it is made up for next time");
         }
@@ -784,6 +820,17 @@ static bool RunHook(Run &run, const std::vector<std::string> &program, const cha
     return isWell || Fail(run, std::string(key) + ": " + program[0] + ": " + how);
 }
 
+// A look before the first program, which must not disturb the run that is under way. It holds nothing: that program may
+// be the one that mounts the folder's file system.
+static bool IsHeldByAnother(const Run &run)
+{
+    host::Lock lock;
+    std::string trouble;
+    const std::string path = run.job.folder + "/" + lockName;
+    return !run.options.isDryRun && !host::NameIsFree(path) &&
+           host::TakeLock(path, &lock, &trouble) == host::LockResult::Busy;
+}
+
 static std::string ReportText(const Run &run)
 {
     return JsonOf(run.report).dump(1, ' ', false, Json::error_handler_t::replace) + "\n";
@@ -819,13 +866,19 @@ RunReport RunJob(const Job &job, const RunOptions &options)
         PrintLine(job.name + ", " + LocalTimeText(run.report.startedAt) +
                   (options.isDryRun ? ", nothing is done" : ""));
     }
-    if (RunHook(run, job.before, "before", "")) {
+    if (IsHeldByAnother(run)) {
+        Fail(run, job.folder + ": another run holds it", exitBusy);
+    } else if (RunHook(run, job.before, "before", "")) {
         RunSteps(run);
+    }
+    if (run.report.status != exitBusy) { // what these would undo is the other run's
         RunHook(run, job.after, "after", ReportText(run));
     }
     run.report.endedAt = TimeNow(run);
-    const bool isWell = run.report.status == exitWell;
-    RunHook(run, isWell ? job.onSuccess : job.onFailure, isWell ? "on-success" : "on-failure", ReportText(run));
+    if (run.report.status != exitBusy) {
+        const bool isWell = run.report.status == exitWell;
+        RunHook(run, isWell ? job.onSuccess : job.onFailure, isWell ? "on-success" : "on-failure", ReportText(run));
+    }
     RememberReport(run);
     return run.report;
 }

@@ -1,12 +1,16 @@
 // The steps: what is there; which sound images are not, bases before what stands on them; each under another name until
-// it is whole there and has its digest, its sidecar before its own name; then what goes.
+// it is whole there and has its digest, its sidecar before its own name; then what goes, once the newest chain there
+// has been compared lately.
 #include "kestrix-keep/copies.h"
 
+#include "kestrix-keep/audit.h"
+#include "kestrix-keep/clock.h"
 #include "kestrix-keep/place_images.h"
 #include "report/report.h"
 
 #include <algorithm>
 #include <map>
+#include <set>
 
 struct Copying {
     JobFolder &folder;
@@ -19,7 +23,7 @@ struct Copying {
 
 static bool Fail(Copying &run, const std::string &sentence)
 {
-    run.outcome.failure = run.outcome.failure.empty() ? sentence : run.outcome.failure;
+    run.outcome.failure += (run.outcome.failure.empty() ? "" : "; ") + sentence;
     run.options.onLine("copies: " + sentence);
     return false;
 }
@@ -41,13 +45,52 @@ static std::vector<size_t> ImagesWanted(const Copying &run)
         image.isDamaged = false;
     }
     const std::vector<Decision> decisions = DecideRetention(images, run.wanted.keep, allowed);
-    std::vector<size_t> wanted;
+    std::set<size_t> wanted;
     for (size_t i = 0; i < images.size(); ++i) {
-        if (IsSound(run.folder.images[i]) && !decisions[i].isLetGo) {
-            wanted.push_back(i);
+        const KeptImage &image = run.folder.images[i];
+        if (IsSound(image) && image.otherMachine.empty() && !decisions[i].isLetGo) {
+            const std::vector<size_t> chain = ChainOf(run.folder, i);
+            wanted.insert(chain.begin(), chain.end());
         }
     }
-    return wanted;
+    return {wanted.begin(), wanted.end()};
+}
+
+// ---- When each copy was compared last ----
+
+// By names of images; whatever else lay there is forgotten.
+static Json &ComparedTimes(Copying &run)
+{
+    Json &compared = run.folder.memory.places[run.outcome.place]["compared"];
+    if (!compared.is_object()) {
+        compared = Json::object();
+    }
+    return compared;
+}
+
+// A time from the future tells nothing.
+static int64_t ComparedAt(Copying &run, const std::string &name)
+{
+    const Json time = ComparedTimes(run).value(name, Json());
+    const int64_t at = time.is_number_integer() ? time.get<int64_t>() : 0;
+    return at > run.options.chain.now + secondsPerDay ? 0 : at;
+}
+
+static void NoteCompared(Copying &run, const std::string &name)
+{
+    ComparedTimes(run)[name] = run.options.chain.now;
+}
+
+static void ForgetWhatIsGone(Copying &run)
+{
+    Json &compared = ComparedTimes(run);
+    Json left = Json::object();
+    for (const auto &[name, bytes] : run.files) {
+        if (compared.contains(name)) {
+            left[name] = compared[name];
+        }
+    }
+    compared = left;
 }
 
 // ---- Copying ----
@@ -137,6 +180,7 @@ static bool CopyOne(Copying &run, KeptImage &image)
     run.options.onLine("copied: " + image.name + " to " + run.place.name);
     run.outcome.copied.push_back(image.name);
     run.files[image.name] = image.sidecar->fileBytes;
+    NoteCompared(run, image.name);
     return true;
 }
 
@@ -164,11 +208,35 @@ static bool CopyIfWanting(Copying &run, KeptImage &image)
     return HasLength(run, SidecarPath(image.name), sidecarBytes) || PutSidecar(run, image);
 }
 
-static bool CopyMissing(Copying &run)
+// Whether the file here is why it can't be copied. Otherwise it is the place, where each further image would cost as
+// much again.
+static bool IsFileToBlame(Copying &run, const KeptImage &image)
 {
-    const std::vector<size_t> wanted = ImagesWanted(run);
-    return std::all_of(wanted.begin(), wanted.end(), // in the order in which they were made: bases first
-                       [&run](size_t i) { return CopyIfWanting(run, run.folder.images[i]); });
+    const std::string path = PathOf(run.folder, image);
+    reader::Result<FileDigest> digest = DigestFile(path, host::Caching::Medium);
+    if (!digest) {
+        Fail(run, digest.fault.text);
+    } else if (digest->sha256 != image.sidecar->sha256) {
+        Fail(run, path + ": it is no longer what was written, and is not copied: its SHA-256 is another");
+    }
+    return !digest || digest->sha256 != image.sidecar->sha256;
+}
+
+static void CopyMissing(Copying &run)
+{
+    std::set<size_t> missing;
+    for (const size_t i : ImagesWanted(run)) { // in the order in which they were made: bases first
+        KeptImage &image = run.folder.images[i];
+        if (missing.count(image.base) != 0) {
+            Fail(run, image.name + " is not copied, since " + image.sidecar->base + ", which it stands on, was not");
+            missing.insert(i);
+        } else if (!CopyIfWanting(run, image)) {
+            missing.insert(i);
+            if (!IsFileToBlame(run, image)) {
+                return;
+            }
+        }
+    }
 }
 
 // ---- Letting go ----
@@ -192,9 +260,19 @@ static reader::Result<std::optional<Sidecar>> SidecarAt(const Copying &run, cons
     return std::optional<Sidecar>(sidecar && sidecar->job == run.folder.job ? sidecar.value : std::nullopt);
 }
 
-static bool ImagesThere(Copying &run, std::vector<std::string> *names, std::vector<RetainedImage> *images)
+namespace
 {
-    std::vector<std::string> bases;
+
+struct ImagesAtPlace {
+    std::vector<std::string> names;
+    std::vector<std::optional<Sidecar>> sidecars;
+    std::vector<RetainedImage> images;
+};
+
+} // namespace
+
+static bool FindImagesThere(Copying &run, ImagesAtPlace &there)
+{
     for (const auto &[name, bytes] : run.files) {
         const std::optional<int64_t> time = TimeOfImageName(run.folder.job, name);
         if (!time) {
@@ -209,19 +287,70 @@ static bool ImagesThere(Copying &run, std::vector<std::string> *names, std::vect
         if (*sidecar) {
             image.number = (*sidecar)->number;
             image.time = (*sidecar)->startedAt;
-            image.isOurs = true;
+            image.isOurs = IsOfThisMachine(**sidecar);
             image.isSound = (*sidecar)->isSound;
             image.isDamaged = !image.isSound || bytes.value_or((*sidecar)->fileBytes) != (*sidecar)->fileBytes;
         }
-        names->push_back(name);
-        images->push_back(image);
-        bases.push_back(*sidecar ? (*sidecar)->base : "");
+        there.names.push_back(name);
+        there.images.push_back(image);
+        there.sidecars.push_back(std::move(*sidecar));
     }
-    for (size_t i = 0; i < bases.size(); ++i) {
-        const auto base = std::find(names->begin(), names->end(), bases[i]);
-        const bool isMissing = !bases[i].empty() && base == names->end();
-        (*images)[i].base = base == names->end() ? noImage : static_cast<size_t>(base - names->begin());
-        (*images)[i].isSound = (*images)[i].isSound && !isMissing;
+    for (size_t i = 0; i < there.names.size(); ++i) {
+        const std::string name = there.sidecars[i] ? there.sidecars[i]->base : "";
+        const auto base = std::find(there.names.begin(), there.names.end(), name);
+        const bool isThere = base != there.names.end();
+        there.images[i].base = isThere ? static_cast<size_t>(base - there.names.begin()) : noImage;
+        there.images[i].isSound = there.images[i].isSound && (isThere || name.empty());
+    }
+    return true;
+}
+
+static size_t NewestThere(const ImagesAtPlace &there)
+{
+    size_t newest = noImage;
+    for (size_t i = 0; i < there.images.size(); ++i) {
+        const RetainedImage &image = there.images[i];
+        const bool isNewer = newest == noImage || image.number > there.images[newest].number;
+        newest = image.isOurs && image.isSound && isNewer ? i : newest;
+    }
+    return newest;
+}
+
+// Compares one copy with its digest. What is damaged there is copied once more, if it is still here.
+static bool CompareOneThere(Copying &run, const std::string &name, const Sidecar &sidecar)
+{
+    const auto here = std::find_if(run.folder.images.begin(), run.folder.images.end(),
+                                   [&name](const KeptImage &image) { return image.name == name && IsSound(image); });
+    const bool isHere = here != run.folder.images.end();
+    WantedDigests wanted = {sidecar.sha256, sidecar.otherDigests, isHere ? PathOf(run.folder, *here) : ""};
+    Progress progress(run.options.showsProgress, "comparing " + name, sidecar.fileBytes);
+    const std::optional<reader::Fault> fault =
+        run.place.compare(name, &wanted, [&progress](uint64_t bytes) { progress.Add(bytes); });
+    progress.Hide();
+    if (!fault) {
+        NoteCompared(run, name);
+        return true;
+    }
+    if (fault->kind != reader::FaultKind::Damaged) {
+        return Fail(run, fault->text);
+    }
+    run.outcome.notes.push_back(fault->text + ": the copy is DAMAGED" +
+                                (isHere ? ", and is made once more; look at the medium there"
+                                        : "; nothing goes there any more before it is removed, with its sidecar"));
+    return isHere ? CopyOne(run, *here) : Fail(run, run.place.name + ": " + name + " is damaged there");
+}
+
+// A copy that nobody reads may be gone long before it is needed, and what could stand in for it must not go first.
+static bool CompareNewestChain(Copying &run, const ImagesAtPlace &there)
+{
+    size_t image = NewestThere(there);
+    for (size_t level = 0; image != noImage && level < there.images.size(); ++level) {
+        const bool isDue =
+            run.options.chain.now - ComparedAt(run, there.names[image]) >= run.options.compareEverySeconds;
+        if (isDue && !CompareOneThere(run, there.names[image], *there.sidecars[image])) {
+            return false;
+        }
+        image = there.images[image].base;
     }
     return true;
 }
@@ -229,21 +358,27 @@ static bool ImagesThere(Copying &run, std::vector<std::string> *names, std::vect
 // Image first: a sidecar that is left alone is a dead one.
 static void LetGoThere(Copying &run)
 {
-    std::vector<std::string> names;
-    std::vector<RetainedImage> images;
-    if (!run.wanted.keep || !ImagesThere(run, &names, &images)) {
+    ImagesAtPlace there;
+    if (!run.wanted.keep || !FindImagesThere(run, there)) {
         return;
     }
-    const std::vector<Decision> decisions = DecideRetention(images, run.wanted.keep, run.options.chain);
-    for (size_t i = names.size(); i-- > 0;) { // by their names what stands on another one comes behind it
+    const std::vector<Decision> decisions = DecideRetention(there.images, run.wanted.keep, run.options.chain);
+    const bool anyGoes =
+        std::any_of(decisions.begin(), decisions.end(), [](const Decision &one) { return one.isLetGo; });
+    if (!anyGoes || !CompareNewestChain(run, there)) {
+        return;
+    }
+    for (size_t i = there.names.size(); i-- > 0;) { // by their names what stands on another one comes behind it
+        const std::string &name = there.names[i];
         if (!decisions[i].isLetGo) {
             continue;
         }
-        if (!Succeeds(run, run.place.remove(names[i])) || !Succeeds(run, run.place.remove(SidecarPath(names[i])))) {
+        if (!Succeeds(run, run.place.remove(name)) || !Succeeds(run, run.place.remove(SidecarPath(name)))) {
             return;
         }
-        run.outcome.letGo.push_back(names[i]);
-        run.options.onLine("let go at " + run.place.name + ": " + names[i]);
+        run.files.erase(name);
+        run.outcome.letGo.push_back(name);
+        run.options.onLine("let go at " + run.place.name + ": " + name);
     }
 }
 
@@ -252,12 +387,15 @@ static bool EndsWith(const std::string &text, const std::string &ending)
     return text.size() > ending.size() && text.compare(text.size() - ending.size(), ending.size(), ending) == 0;
 }
 
-// What an earlier run began to copy, or to let go of: half a copy, and a sidecar without its image.
+// What an earlier run began to copy, or to let go of: half a copy or sidecar, and a sidecar without its image.
 static bool IsDead(const Copying &run, const std::string &name)
 {
+    const std::string unfinished = NameOfUnfinished(name);
+    const std::string &own = unfinished.empty() ? name : unfinished;
     for (const std::string &ending : {std::string(endingOfCopies), SidecarPath("")}) {
-        const std::string image = EndsWith(name, ending) ? name.substr(0, name.size() - ending.size()) : std::string();
-        if (TimeOfImageName(run.folder.job, image) && (ending == endingOfCopies || run.files.count(image) == 0)) {
+        const std::string image = EndsWith(own, ending) ? own.substr(0, own.size() - ending.size()) : std::string();
+        const bool isWhole = unfinished.empty() && ending != endingOfCopies;
+        if (TimeOfImageName(run.folder.job, image) && (!isWhole || run.files.count(image) == 0)) {
             return true;
         }
     }
@@ -306,6 +444,7 @@ CopyOutcome CopyImages(JobFolder &folder, const CopyPlace &wanted, const CopyOpt
     if (RemoveDeadCopies(run)) {
         CopyMissing(run);
         LetGoThere(run); // also where there was no room: it will not come by itself
+        ForgetWhatIsGone(run);
     }
     return run.outcome;
 }

@@ -13,14 +13,16 @@ struct CopyOutcome {
     std::string failure; // why the place does not have all that it should; empty: it has
     std::vector<std::string> copied;
     std::vector<std::string> letGo;
+    std::vector<std::string> notes; // what one has to know though it was made good
 };
 
 struct CopyOptions {
     RetentionState chain; // whether the newest image's was proved lately, as it is for letting go in the folder
+    int64_t compareEverySeconds = 0; // before something is let go, the newest chain there has been compared since
     bool showsProgress = false;
     std::function<void(const std::string &)> onLine; // is told what is done, and why
 };
 
 // Brings the place up to the folder, whose images have been looked at. Digests that a remote wants of an image are
-// added to its sidecar.
+// added to its sidecar, and when each copy was compared last to the folder's memory.
 CopyOutcome CopyImages(JobFolder &folder, const CopyPlace &wanted, const CopyOptions &options);

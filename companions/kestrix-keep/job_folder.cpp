@@ -47,8 +47,7 @@ static bool IsImagesWith(const std::string &job, const std::string &name, const 
     return EndsWith(name, ending) && TimeOfImageName(job, name.substr(0, name.size() - ending.size()));
 }
 
-// The name of a file in the making without what tells whose it is: NAME of NAME.1234.unfinished.
-static std::string NameOfUnfinished(const std::string &name)
+std::string NameOfUnfinished(const std::string &name)
 {
     if (!EndsWith(name, host::unfinishedEnding)) {
         return {};

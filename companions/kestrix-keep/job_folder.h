@@ -37,6 +37,9 @@ std::optional<int64_t> TimeOfImageName(const std::string &job, const std::string
 // The name that an image has while it is made: no image's. And what stood before the ending.
 std::string NameInTheMaking(const std::string &imageName);
 
+// The name of a file in the making without what tells whose it is: NAME of NAME.1234.unfinished. Empty: it is none.
+std::string NameOfUnfinished(const std::string &name);
+
 // What the sidecar's name ends with from the moment on that its image is let go.
 extern const char endingOfWhatGoes[];
 

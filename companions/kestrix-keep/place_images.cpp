@@ -20,8 +20,10 @@ static std::string JobOfImageName(const std::string &name)
 }
 
 // The job that has a copy, a sidecar or half a copy of this name; empty for other files.
-static std::string JobOfFile(const std::string &name)
+static std::string JobOfFile(const std::string &listed)
 {
+    const std::string unfinished = NameOfUnfinished(listed);
+    const std::string &name = unfinished.empty() ? listed : unfinished;
     for (const std::string &ending : {std::string(), std::string(endingOfCopies), SidecarPath("")}) {
         if (name.size() > ending.size() && name.compare(name.size() - ending.size(), ending.size(), ending) == 0) {
             std::string job = JobOfImageName(name.substr(0, name.size() - ending.size()));

@@ -1,8 +1,11 @@
 // What a place of copies may list, which may be anything, and what is made of it.
+#include "kestrix-keep/copies.h"
 #include "kestrix-keep/place_images.h"
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <fstream>
 #include <map>
 
 namespace
@@ -115,10 +118,12 @@ TEST(Places, WhatWasNotFinishedIsNoImage)
     Add(files, NameOf(21), 1, "");
     files[NameOf(22) + endingOfCopies] = "";
     files[SidecarPath(NameOf(23))] = "{}";
+    files[NameOf(24) + ".copying.77.unfinished"] = "";
     reader::Result<std::vector<JobFolder>> found = ReadPlace(PlaceOf(files), {});
     ASSERT_TRUE(found);
     EXPECT_EQ((*found)[0].images.size(), 1U);
-    EXPECT_EQ((*found)[0].leftovers, (std::vector<std::string>{NameOf(22) + endingOfCopies, SidecarPath(NameOf(23))}));
+    EXPECT_EQ((*found)[0].leftovers, (std::vector<std::string>{NameOf(22) + endingOfCopies, SidecarPath(NameOf(23)),
+                                                               NameOf(24) + ".copying.77.unfinished"}));
 }
 
 TEST(Places, ASidecarThatIsNoneOrAnotherJobsDoesNotCount)
@@ -131,4 +136,86 @@ TEST(Places, ASidecarThatIsNoneOrAnotherJobsDoesNotCount)
     ASSERT_TRUE(found);
     EXPECT_TRUE(SoundOnes((*found)[0]).empty());
     EXPECT_EQ((*found)[0].images.size(), 2U);
+}
+
+// ---- Letting go there ----
+
+namespace
+{
+
+// A place whose three images, the last two a chain, are no longer in the job's own folder.
+class LettingGoThere : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        std::filesystem::create_directories(m_folder);
+        Add(m_files, NameOf(21), 1, "");
+        Add(m_files, NameOf(22), 2, "");
+        Add(m_files, NameOf(23), 3, NameOf(22));
+        for (const auto &[name, content] : m_files) {
+            Write(name, content);
+        }
+    }
+
+    void TearDown() override
+    {
+        std::filesystem::remove_all(m_folder);
+    }
+
+    // An image of no bytes, and a sidecar that has its digest or another one.
+    void Digest(const std::string &name, const std::string &sha256)
+    {
+        Json sidecar = Json::parse(m_files[SidecarPath(name)]);
+        sidecar["sha256"] = sha256;
+        Write(SidecarPath(name), sidecar.dump());
+    }
+
+    // The images that go by the rule that one stays.
+    std::vector<std::string> WhatGoes(CopyOutcome *outcome)
+    {
+        JobFolder folder;
+        folder.job = "job";
+        CopyPlace place;
+        place.folder = m_folder.string();
+        place.keep = KeepRules{1, 0, 0, 0};
+        *outcome = CopyImages(folder, place, {{now, true, ""}, secondsOfDay, false, [](const std::string &) {}});
+        m_memory = folder.memory.places[place.folder];
+        return outcome->letGo;
+    }
+
+    static constexpr int64_t now = 1795312805;
+    Json m_memory;
+
+private:
+    void Write(const std::string &name, const std::string &content) const
+    {
+        std::ofstream(m_folder / name) << content;
+    }
+
+    Files m_files;
+    std::filesystem::path m_folder =
+        std::filesystem::temp_directory_path() / testing::UnitTest::GetInstance()->current_test_info()->name();
+};
+
+constexpr char digestOfNothing[] = "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855";
+
+} // namespace
+
+TEST_F(LettingGoThere, TheNewestChainIsComparedFirstAndThatIsRemembered)
+{
+    CopyOutcome outcome;
+    Digest(NameOf(22), digestOfNothing);
+    Digest(NameOf(23), digestOfNothing);
+    EXPECT_EQ(WhatGoes(&outcome), std::vector<std::string>{NameOf(21)}) << outcome.failure;
+    EXPECT_EQ(m_memory["compared"], Json({{NameOf(22), now}, {NameOf(23), now}}));
+}
+
+TEST_F(LettingGoThere, NothingGoesWhereTheNewestChainIsDamagedAndCanNotBeCopiedAgain)
+{
+    CopyOutcome outcome;
+    Digest(NameOf(22), std::string(64, '0'));
+    Digest(NameOf(23), digestOfNothing);
+    EXPECT_TRUE(WhatGoes(&outcome).empty());
+    EXPECT_NE(outcome.failure.find(NameOf(22) + " is damaged there"), std::string::npos) << outcome.failure;
 }

@@ -172,6 +172,34 @@ class OneRun(BackupTest):
                                 for folder, _, names in os.walk(temporary) for name in names), kept)
         self.assertEqual(sorted(os.listdir(temporary)), ["kestrix-keep-disk-abcdef", "kestrix-keep-images"])
 
+    def test_snapshots_that_there_are_none_of_are_in_the_report_and_in_the_sidecar(self):
+        self.configure("snapshots = true")
+        name = self.well()
+        self.assertRegex("".join(self.sidecar(name)["notes"]), "^--vss: .* - reading live instead")
+        self.assertEqual(self.backup(NOW + DAY)[1]["notes"][:1], self.sidecar(name)["notes"][:1])
+
+    def test_whole_checks_find_damage_below_a_new_image_the_same_night(self):
+        for each, status in (("own", WELL), ("whole", FAILED)):
+            with self.subTest(each=each):
+                for name in self.names():
+                    os.unlink(self.place_path(name))
+                self.configure(f'check = {{ each = "{each}" }}')
+                self.well()
+                kestrix_image.flip_byte(self.place_path(NAME), 64 + 2 * 72 + 5)
+                self.assertEqual(self.backup(NOW + DAY)[0], status)
+                self.assertEqual(len(self.image_names()), 2 if status == WELL else 1)
+
+    def test_a_day_whose_names_are_all_used_is_told(self):
+        self.well()
+        with open(self.place_path("job.keep.json"), encoding="utf-8") as file:
+            memory = json.load(file)
+        memory["stamps"] = [time.strftime("%Y%m%dT%H%M%SZ", time.gmtime(NOW + i)) for i in range(DAY)]
+        with open(self.place_path("job.keep.json"), "w", encoding="utf-8") as file:
+            json.dump(memory, file)
+        status, report = self.backup()
+        self.assertEqual((status, self.image_names()), (FAILED, [NAME]))
+        self.assertIn("no name for an image is free there", report["failure"])
+
     def test_a_folder_that_nothing_is_said_of_is_warned_about(self):
         _, report = self.backup()
         self.assertRegex(report["warnings"][0], "set folder-must-be$")
@@ -556,10 +584,10 @@ class LettingGo(BackupTest):
             self.assertEqual((status, len(self.image_names())), (WELL, i + 1), report)
             self.assertIn("2 images of this job's name were made by another machine, elsewhere",
                           "".join(report["warnings"]))
+            isTold = f"{first} is no base: another machine made it, elsewhere" in report["lines"]
+            self.assertEqual(isTold, i == 2)  # the night after there is a base, and nothing is looked at behind it
         self.assertEqual([self.sidecar(name)["base"] for name in self.image_names()],
                          ["", first, "", self.image_names()[2]])
-        self.assertTrue(any(f"{first} is no base: another machine made it, elsewhere" in line
-                            for line in self.backup(NOW + 4 * DAY, "--dry-run")[1]["lines"]))
 
     def test_a_dry_run_lets_nothing_go_and_takes_nothing_away(self):
         for i in range(3):
@@ -637,6 +665,33 @@ class DeadRuns(BackupTest):
         self.assertEqual(self.image_names(), [NAME, third])
         self.assertEqual([name for name in self.names() if second in name], [])
 
+    def test_an_image_that_was_being_let_go_where_no_renaming_refuses_to_replace_goes_with_its_sidecar(self):
+        self.well()
+        second = self.well(NOW + DAY)
+        os.link(self.place_path(second + ".json"), self.place_path(second + ".json.let-go"))
+        third = self.well(NOW + 2 * DAY)
+        self.assertEqual(self.names(), [NAME, NAME + ".json", third, third + ".json", "job.keep.json"])
+
+    def test_what_can_not_be_removed_is_not_said_to_be(self):
+        left = "job-20261121T020005Z.kstx.in-the-making"
+        with open(self.place_path(left), "wb") as file:
+            file.write(b"half")
+        run = self.keep_under_strace("-e", "trace=unlink", "-e", "inject=unlink:error=EPERM", "-P",
+                                     self.place_path(left))
+        self.assertIn(b"it can't be put in order: Operation not permitted", run.out)
+        self.assertNotIn(b"and it is removed", run.out)
+
+    def keep_under_strace(self, *rules):
+        started = Started(["strace", "-o", os.path.join(self.folder, "trace"), *rules, self.keepProgram, "backup",
+                           "--quiet", "--now", str(NOW), "--config", self.configuration], self.images)
+        self.addCleanup(self.end, started)
+        return started.finish()
+
+    def test_a_sidecar_does_not_stay_behind_alone_when_its_image_gets_no_name(self):
+        self.keep_under_strace("-e", "trace=renameat2", "-e", "inject=renameat2:error=EIO")
+        self.assertEqual(self.names(), ["job.keep.json"])
+        self.well(NOW + DAY)
+
     def test_files_of_other_jobs_and_people_are_not_taken_for_leftovers(self):
         names = ["job2-20261121T020005Z.kstx.in-the-making", "job-x.in-the-making", "job-notes.unfinished",
                  "job-x.kstx.in-the-making", "job-x.kstx", "job-x.kstx.json.let-go", "job-x.json.7.unfinished"]
@@ -676,6 +731,44 @@ class Programs(BackupTest):
         status, report = self.backup()
         self.assertEqual((status, self.image_names()), (FAILED, []))
         self.assertRegex(report["failure"], "before: .* exit status 3$")
+
+    def told_hooks(self):
+        """Four programs that each write their name into a file; gives that file."""
+        told = os.path.join(self.folder, "told")
+        self.configure("\n".join(f'{key} = ["{self.hook(key, f"echo {key} >> {told}")}"]'
+                                 for key in ("before", "after", "on-success", "on-failure")))
+        return told
+
+    def lines_of(self, path):
+        if not os.path.exists(path):
+            return []
+        with open(path, encoding="ascii") as file:
+            return file.read().split()
+
+    def test_the_program_after_runs_where_the_one_before_failed(self):
+        told = self.told_hooks()
+        self.hook("before", f"echo before >> {told}; exit 3")
+        self.assertEqual(self.backup()[0], FAILED)
+        self.assertEqual(self.lines_of(told), ["before", "after", "on-failure"])
+
+    def test_a_busy_run_runs_no_program(self):
+        told = self.told_hooks()
+        lock = self.place_path(".kestrix-keep.lock")
+        with open(lock, "w", encoding="ascii"):
+            pass
+        holder = Refusals.Holder(self, lock)
+        self.assertEqual(self.backup()[0], BUSY)
+        self.assertEqual(self.lines_of(told), [])
+        holder.close()
+        self.well()
+        self.assertEqual(self.lines_of(told), ["before", "after", "on-success"])
+
+    def test_a_run_that_another_one_overtakes_during_its_program_before_runs_no_other(self):
+        told = self.told_hooks()
+        lock = self.place_path(".kestrix-keep.lock")
+        self.hook("before", f"echo before >> {told}; (exec 9>{lock}; flock 9; sleep 3) >/dev/null 2>&1 & sleep 0.5")
+        self.assertEqual(self.backup()[0], BUSY)
+        self.assertEqual(self.lines_of(told), ["before"])
 
     def test_a_program_that_leaves_another_one_running_does_not_hold_the_run(self):
         self.configure(f'on-success = ["{self.hook("good", "sleep 600 & exit 0")}"]')

@@ -41,6 +41,52 @@ class Folders(CopiesTest):
         self.assertEqual(self.there_names(), [names[2], names[2] + ".json"])
         self.assertEqual(self.image_names(), names)
 
+    def damage_there(self, name):
+        kestrix_image.flip_byte(self.there_path(name), 64 + 2 * 72 + 5)
+
+    def test_what_is_damaged_there_is_found_and_copied_again_before_anything_goes(self):
+        self.copy_to(self.there, ", keep = { last = 1 }", 'check = { whole-every = "3d" }')
+        self.well()
+        self.damage_there(NAME)
+        for i in (1, 2):  # it was compared when it was copied
+            self.assertNotIn("DAMAGED", "".join(self.backup(NOW + i * DAY)[1]["warnings"]))
+        _, report = self.backup(NOW + 3 * DAY)
+        self.assertRegex("".join(report["warnings"]), "its SHA-256 is .*: the copy is DAMAGED, and is made once more")
+        self.check_same(NAME, report["image"])
+        self.assertEqual(len(self.there_names()), 4)
+        self.damage_there(NAME)
+        self.assertNotIn("DAMAGED", "".join(self.backup(NOW + 4 * DAY)[1]["warnings"]))
+
+    def test_one_image_that_can_not_be_copied_does_not_keep_the_others_from_a_place(self):
+        self.copy_to("/nowhere", job='new-full = { every = "2d" }')
+        first, second = self.well(), self.well(NOW + DAY)
+        kestrix_image.flip_byte(self.place_path(first), 64 + 2 * 72 + 5)
+        self.copy_to(self.there, job='new-full = { every = "2d" }')
+        _, report = self.backup(NOW + 2 * DAY)
+        self.assertEqual([name for name in self.there_names() if not name.endswith(".copying")],
+                         [report["image"], report["image"] + ".json"])
+        told = "".join(report["warnings"])
+        self.assertIn(f"{first}: it is no longer what was written, and is not copied", told)
+        self.assertIn(f"{second} is not copied, since {first}, which it stands on, was not", told)
+
+    def test_the_jobs_own_folder_by_another_name_is_no_place_for_copies(self):
+        link = os.path.join(self.folder, "link")
+        os.symlink(self.place, link)
+        self.copy_to(link)
+        status, report = self.backup()
+        self.assertEqual((status, self.names()), (FAILED, [NAME, NAME + ".json", "job.keep.json"]))
+        self.assertIn("it is the folder of the images themselves", report["failure"])
+
+    @needs(why_no_mounts)
+    def test_where_a_place_lies_is_not_learnt_from_a_copy_that_failed(self):
+        self.must("mount", "-t", "tmpfs", "-o", "size=1m", "kestrix-small", self.there)
+        try:
+            self.assertIn("No space left", "".join(self.backup()[1]["warnings"]))
+        finally:
+            self.must("umount", self.there)
+        self.well(NOW + DAY)
+        self.assertEqual(len(self.there_names()), 4)
+
     def test_other_files_there_stay(self):
         self.copy_to(self.there, ", keep = { last = 1 }", 'new-full = { every = "1d" }')
         others = ["job-20260101T020005Z.kstx", "note.txt", "job2-20260101T020005Z.kstx.copying"]
@@ -52,7 +98,8 @@ class Folders(CopiesTest):
         self.assertEqual([name for name in others if os.path.exists(os.path.join(self.there, name))], others)
 
     def test_half_a_copy_of_a_dead_run_is_taken_away(self):
-        for name in (NAME + ".copying", "job-20260101T020005Z.kstx.json"):
+        for name in (NAME + ".copying", "job-20260101T020005Z.kstx.json", NAME + ".copying.77.unfinished",
+                     NAME + ".json.77.unfinished"):
             with open(os.path.join(self.there, name), "wb") as file:
                 file.write(b"half")
         self.well()
