@@ -250,8 +250,11 @@ Trouble ReadSmallFile(const std::string &path, std::string *content)
     size_t bytesRead = 0;
     while ((bytesRead = fread(block, 1, sizeof(block), file.get())) != 0) {
         content->append(block, bytesRead);
+        if (content->size() > mostSmallBytes) {
+            return tooLargeText;
+        }
     }
-    return {};
+    return ferror(file.get()) != 0 ? Trouble(SystemText(errno)) : Trouble();
 }
 
 } // namespace host

@@ -241,11 +241,13 @@ Trouble ReadSmallFile(const std::string &path, std::string *content)
     }
     char block[256];
     size_t bytesRead = 0;
-    while ((bytesRead = fread(block, 1, sizeof(block), file)) != 0) {
+    while (content->size() <= mostSmallBytes && (bytesRead = fread(block, 1, sizeof(block), file)) != 0) {
         content->append(block, bytesRead);
     }
+    const DWORD error = GetLastError();
+    const bool isUnread = ferror(file) != 0;
     fclose(file);
-    return {};
+    return isUnread ? Trouble(SystemText(error)) : content->size() > mostSmallBytes ? Trouble(tooLargeText) : Trouble();
 }
 
 } // namespace host

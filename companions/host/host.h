@@ -84,7 +84,10 @@ struct BasePlace {
 };
 BasePlace FindBase(const std::string &imagePath, const std::string &baseName);
 
-// Everything that the file at path holds; what can't be read of it counts as its end.
+// Everything that the file at path holds. One that can't be read to its end, or has more than mostSmallBytes, is a
+// trouble, and content then undefined.
+constexpr size_t mostSmallBytes = size_t{16} << 20;
+constexpr char tooLargeText[] = "it has more than 16 MiB";
 [[nodiscard]] Trouble ReadSmallFile(const std::string &path, std::string *content);
 
 // ---- The machine's disks: disks_*.cpp ----

@@ -355,6 +355,15 @@ static MaybeFault CompareAtRemote(const Remote &remote, const std::string &name,
     return CompareByReading(remote, name, wanted->sha256, onBytes);
 }
 
+// One byte more than is taken tells what is too large.
+static Result<std::string> ReadAtRemote(const Remote &remote, const std::string &name)
+{
+    const std::string most = std::to_string(host::mostSmallBytes + 1);
+    Result<std::string> text = RunRclone(remote, {{"cat", "--count", most, remote.At(name)}});
+    return text && text->size() > host::mostSmallBytes ? FaultAt("rclone:" + remote.At(name), host::tooLargeText)
+                                                       : std::move(text);
+}
+
 static Place MakeRemotePlace(const Remote &remote)
 {
     Place place;
@@ -373,7 +382,7 @@ static Place MakeRemotePlace(const Remote &remote)
         return Do(remote, {{"moveto", "--no-traverse", remote.At(from), remote.At(to)}});
     };
     place.remove = [remote](const std::string &name) { return Do(remote, {{"deletefile", remote.At(name)}}); };
-    place.read = [remote](const std::string &name) { return RunRclone(remote, {{"cat", remote.At(name)}}); };
+    place.read = [remote](const std::string &name) { return ReadAtRemote(remote, name); };
     place.fetch = [remote](const std::string &name, const std::string &localPath, const OnBytes &onBytes) {
         return Do(remote, {{"copyto", "--no-traverse", remote.At(name), localPath}, onBytes});
     };

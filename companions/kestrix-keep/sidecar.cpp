@@ -88,6 +88,17 @@ static DiskIdentity DiskOf(const Json &json)
     return disk;
 }
 
+// As far as every reader of JSON counts without loss; the next number is one of them too. -1 reads as more than that.
+static uint64_t NumberAt(const Json &json, const char *key)
+{
+    constexpr uint64_t most = (uint64_t{1} << 53) - 1;
+    const auto number = json.at(key).get<uint64_t>();
+    if (number > most) {
+        throw std::out_of_range(std::string(key) + " is too large");
+    }
+    return number;
+}
+
 // Of what lies beyond the year 9999 no calendar tells, and no sum of two overflows.
 static int64_t TimeAt(const Json &json, const char *key)
 {
@@ -105,7 +116,7 @@ static Sidecar SidecarOf(const Json &json)
     Sidecar sidecar;
     json.at("job").get_to(sidecar.job);
     json.at("machine").get_to(sidecar.machine);
-    json.at("number").get_to(sidecar.number);
+    sidecar.number = NumberAt(json, "number");
     sidecar.disk = DiskOf(json.at("disk"));
     sidecar.startedAt = TimeAt(json, "startedAt");
     sidecar.endedAt = TimeAt(json, "endedAt");
@@ -132,7 +143,7 @@ static Sidecar SidecarOf(const Json &json)
 static JobMemory MemoryOf(const Json &json)
 {
     JobMemory memory;
-    json.at("lastNumber").get_to(memory.lastNumber);
+    memory.lastNumber = NumberAt(json, "lastNumber");
     json.at("stamps").get_to(memory.stamps);
     if (!json.at("lastReport").is_null()) {
         json.at("lastReport").at("startedLocal").get_ref<const std::string &>();

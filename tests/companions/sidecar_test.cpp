@@ -59,6 +59,7 @@ private:
 };
 
 using SidecarTimes = Files;
+using SidecarNumbers = Files;
 using MemoryOfJobs = Files;
 
 } // namespace
@@ -80,6 +81,17 @@ TEST_F(SidecarTimes, BeyondTheCalendarMakeTheSidecarOneThatWasNotWritten)
             EXPECT_EQ(sidecar.fault.text.rfind("a.kstx.json: it is not what kestrix-keep wrote: ", 0), 0)
                 << sidecar.fault.text;
         }
+    }
+}
+
+TEST_F(SidecarNumbers, AreThoseThatEveryReaderOfJsonCountsWithoutLoss)
+{
+    const uint64_t most = (uint64_t{1} << 53) - 1;
+    EXPECT_TRUE(SidecarWith("number", most));
+    EXPECT_TRUE(MemoryWith("lastNumber", most));
+    for (const Json &number : {Json(most + 1), Json(UINT64_MAX), Json(-1)}) {
+        EXPECT_FALSE(SidecarWith("number", number)) << number;
+        EXPECT_FALSE(MemoryWith("lastNumber", number)) << number;
     }
 }
 
