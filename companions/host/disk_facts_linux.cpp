@@ -121,6 +121,25 @@ static void AskUse(const Uses &uses, const std::string &deviceFolder, DiskFacts 
     }
 }
 
+// What uses a device for itself alone shows nowhere else where it is a ZFS pool, or is mounted in a name space that is
+// not ours. Another program that asks the same has it for a moment only.
+static bool IsClaimed(const std::string &node)
+{
+    constexpr int mostTries = 10;
+    for (int i = 0; i < mostTries; ++i) {
+        const int descriptor = open(node.c_str(), O_RDONLY | O_EXCL | O_CLOEXEC | O_NONBLOCK);
+        const int error = errno;
+        if (descriptor >= 0) {
+            close(descriptor);
+        }
+        if (descriptor >= 0 || error != EBUSY) {
+            return false;
+        }
+        usleep(20000);
+    }
+    return true;
+}
+
 // Opens what the descriptions so far are of. A device may have gone, and another have come in its place.
 static Trouble OpenToLook(const OwnDisk &ownDisk, DiskFacts *disk, Source *source)
 {
@@ -169,6 +188,7 @@ static Trouble DescribeDisk(const Surroundings &around, const OwnDisk &ownDisk, 
     AskContent(source.handle->descriptor, deviceFolder, disk);
     if (isDevice) {
         AskUse(around.uses, deviceFolder, disk);
+        disk->isInUse = disk->isInUse || IsClaimed(disk->node);
     }
     const std::string sequence = DiskFolder(deviceFolder) + "/diskseq";
     if (isDevice && (disk->deviceNumber != number || NumberIn(sequence) != disk->sequence ||

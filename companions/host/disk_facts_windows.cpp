@@ -154,21 +154,23 @@ static Volume DescribeVolume(const std::wstring &name)
     return volume;
 }
 
-static std::vector<Volume> ListVolumes()
+// Where they can't be listed to their end, nothing is known of what lies on any disk.
+static Trouble ListVolumes(std::vector<Volume> *volumes)
 {
-    std::vector<Volume> volumes;
     wchar_t name[MAX_PATH + 1] = {};
     DWORD modeBefore = 0;
     SetThreadErrorMode(SEM_FAILCRITICALERRORS, &modeBefore); // an empty reader is not the user's to fill now
     const HANDLE listing = FindFirstVolumeW(name, MAX_PATH);
+    DWORD error = listing == INVALID_HANDLE_VALUE ? GetLastError() : ERROR_SUCCESS;
+    while (error == ERROR_SUCCESS) {
+        volumes->push_back(DescribeVolume(name));
+        error = FindNextVolumeW(listing, name, MAX_PATH) ? ERROR_SUCCESS : GetLastError();
+    }
     if (listing != INVALID_HANDLE_VALUE) {
-        do {
-            volumes.push_back(DescribeVolume(name));
-        } while (FindNextVolumeW(listing, name, MAX_PATH));
         FindVolumeClose(listing);
     }
     SetThreadErrorMode(modeBefore, nullptr);
-    return volumes;
+    return error == ERROR_NO_MORE_FILES ? Trouble() : Trouble("the volumes can't be listed: " + SystemText(error));
 }
 
 // The disks below C:, which is the system's for kestrix, and below the folder of the Windows that runs.
@@ -365,10 +367,14 @@ Trouble ListDisks(std::vector<DiskFacts> *disks)
     if (const Trouble trouble = ListNumbers(&numbers)) {
         return trouble;
     }
-    const std::vector<Volume> volumes = ListVolumes();
+    std::vector<Volume> volumes;
+    const Trouble unlisted = ListVolumes(&volumes);
     const std::vector<uint32_t> systemDisks = SystemDisks();
     for (const uint32_t number : numbers) {
         disks->push_back(DescribeDisk(number, volumes));
+        if (unlisted && disks->back().unreadable.empty()) {
+            disks->back().unreadable = *unlisted;
+        }
         disks->back().isSystemDisk = std::find(systemDisks.begin(), systemDisks.end(), number) != systemDisks.end();
     }
     return {};

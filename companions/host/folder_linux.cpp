@@ -44,6 +44,7 @@ static bool LiesIn(const std::string &path, const std::string &mountPoint)
 struct Mount {
     std::string device; // major:minor
     std::string point;
+    std::string kind; // of file system
     std::string source;
 };
 
@@ -55,12 +56,11 @@ static bool FindMount(const std::string &folder, Mount *found)
     for (std::string line; std::getline(mounts, line);) {
         Mount mount;
         std::string skipped;
-        std::string type;
         std::istringstream fields(line);
         fields >> skipped >> skipped >> mount.device >> skipped >> mount.point;
         while (fields >> skipped && skipped != "-") {
         }
-        fields >> type >> mount.source;
+        fields >> mount.kind >> mount.source;
         mount.point = Unescaped(mount.point);
         mount.source = Unescaped(mount.source);
         if (LiesIn(folder, mount.point) && (!isFound || mount.point.size() >= found->point.size())) {
@@ -143,6 +143,59 @@ static std::string DeviceOf(const Mount &mount)
     return mount.device;
 }
 
+// What lies on no disk of this machine: memory, and what another machine has. Of any other kind without a device, such
+// as ZFS, an overlay or a program's, it is not known what it lies on.
+static bool IsOnNoDisk(const Mount &mount)
+{
+    static const char *const kinds[] = {"tmpfs", "ramfs", "nfs", "nfs4",     "cifs",       "smb3",       "smbfs",
+                                        "9p",    "ceph",  "afs", "virtiofs", "fuse.sshfs", "fuse.davfs", "fuse.rclone"};
+    return std::find(std::begin(kinds), std::end(kinds), mount.kind) != std::end(kinds);
+}
+
+static std::vector<std::string> NamesIn(const std::string &folder)
+{
+    std::vector<std::string> names;
+    const std::unique_ptr<DIR, int (*)(DIR *)> listing(opendir(folder.c_str()), closedir);
+    while (const dirent *entry = listing == nullptr ? nullptr : readdir(listing.get())) {
+        if (entry->d_name[0] != '.') {
+            names.emplace_back(entry->d_name);
+        }
+    }
+    return names;
+}
+
+// The devices of the mount's file system: its own, and where it is a btrfs all of its pool. Empty where they can't be
+// told.
+static std::vector<std::string> DevicesOf(const Mount &mount)
+{
+    static const std::string pools = "/sys/fs/btrfs";
+    const std::string own = DeviceOf(mount);
+    if (mount.kind != "btrfs") {
+        return {own};
+    }
+    for (const std::string &pool : NamesIn(pools)) {
+        const std::string folder = pools + "/" + pool + "/devices";
+        std::vector<std::string> devices;
+        for (const std::string &device : NamesIn(folder)) {
+            devices.push_back(FirstLine(folder + "/" + device + "/dev"));
+        }
+        if (std::find(devices.begin(), devices.end(), own) != devices.end()) {
+            return devices;
+        }
+    }
+    return {};
+}
+
+static bool AddDisksOf(const Mount &mount, std::vector<std::string> *disks)
+{
+    const std::vector<std::string> devices = DevicesOf(mount);
+    bool areKnown = !devices.empty();
+    for (const std::string &device : devices) {
+        areKnown = AddDisksBelow(SysFolderOf(device), disks, 16) && areKnown;
+    }
+    return areKnown;
+}
+
 Trouble FileSystemOf(const std::string &folder, FileSystemFacts *facts)
 {
     struct statvfs space = {};
@@ -160,9 +213,7 @@ Trouble FileSystemOf(const std::string &folder, FileSystemFacts *facts)
     facts->source = mount.source;
     facts->uuid = UuidOf(mount.source);
     const bool isOnDevice = DeviceOf(mount).rfind("0:", 0) != 0;
-    // A share or memory lies on no disk of this machine; of another source nothing is known.
-    facts->disksAreKnown = isOnDevice ? AddDisksBelow(SysFolderOf(DeviceOf(mount)), &facts->disks, 16)
-                                      : mount.source.rfind("/dev/", 0) != 0;
+    facts->disksAreKnown = isOnDevice ? AddDisksOf(mount, &facts->disks) : IsOnNoDisk(mount);
     return {};
 }
 

@@ -75,9 +75,14 @@ static Refusal RefuseInUse(const DiskFacts &disk)
     refusal.why += mounts.empty() ? "" : ", mounted at " + mounts;
     refusal.why += holders.empty() ? "" : ", held by " + holders;
     refusal.why += swap.empty() ? "" : ", used as swap: " + swap;
+    refusal.why +=
+        mounts.empty() && holders.empty() && swap.empty()
+            ? "; by what can't be told: a volume that is mounted nowhere here, a pool of ZFS, another program"
+            : "";
     refusal.remedy =
         "if it is the right disk, unmount what is mounted of it, and take what stands on it out of use "
-        "(umount, swapoff, vgchange -an, cryptsetup close, mdadm --stop; on Windows diskpart: offline disk)";
+        "(umount, swapoff, vgchange -an, cryptsetup close, mdadm --stop, zpool export; on Windows diskpart: "
+        "offline disk)";
     return refusal;
 }
 

@@ -149,7 +149,9 @@ TEST(RestoreTarget, IsNotInUseAndTheReasonSaysByWhat)
     disk.partitions[1].node = "/dev/sdq2";
     EXPECT_EQ(WhyNot(disk), "it is in use, mounted at /srv, /mnt, held by vault, used as swap: /dev/sdq2");
     disk.partitions.clear();
-    EXPECT_EQ(WhyNot(disk), "it is in use");
+    EXPECT_EQ(WhyNot(disk),
+              "it is in use; by what can't be told: a volume that is mounted nowhere here, a pool of ZFS, "
+              "another program");
 }
 
 TEST(RestoreTarget, CanBeRead)

@@ -11,7 +11,7 @@ import time
 from unittest import mock
 
 import kestrix_image
-from harness import MIB, Started
+from harness import MIB, Started, needs, why_no_loop_devices, why_no_mounts
 from keep_machine import BUSY, COMMAND_LINE, FAILED, WELL, KeepMachineTest, form_of
 
 NOW = 1795312805  # 2026-11-22 02:00:05 UTC
@@ -222,6 +222,50 @@ class Refusals(BackupTest):
         self.configure(folder="/nowhere/at/all")
         self.refused("^/nowhere/at/all: it can't be looked at: ")
 
+    def folder_on_a_disk(self):
+        """The folder on a file system of disk 2, which is a device."""
+        self.loop_disk(2, self.ext4(160 * MIB))
+        return self.mount(os.path.realpath(self.disk_path(2)), "rw", "ext4")
+
+    @needs(why_no_loop_devices, why_no_mounts)
+    def test_a_folder_on_the_disk_that_is_captured_is_refused(self):
+        folder = self.folder_on_a_disk()
+        self.configure(folder=folder, disk="2")
+        self.refused("^.*: it lies on the very disk that is to be captured$")
+        self.assertEqual([name for name in os.listdir(folder) if name.endswith(".kstx")], [])
+        self.configure(folder=folder)
+        self.assertEqual(self.backup()[0], WELL)
+
+    @needs(why_no_loop_devices, why_no_mounts)
+    def test_a_folder_on_any_disk_of_a_file_system_over_several_is_refused(self):
+        devices = []
+        for number in (2, 3):
+            self.loop_disk(number, 128 * MIB)
+            devices.append(os.path.realpath(self.disk_path(number)))
+        self.must("mkfs.btrfs", "-q", "-d", "single", *devices)
+        folder = self.mount(devices[0], "device=" + devices[1], "btrfs")
+        for number in (2, 3):
+            self.configure(folder=folder, disk=str(number))
+            self.refused("^.*: it lies on the very disk that is to be captured$")
+
+    @needs(why_no_mounts)
+    def test_a_folder_of_which_no_disk_is_known_is_warned_about(self):
+        layers = self.small_file_system("200m")
+        names = [os.path.join(layers, name) for name in ("lower", "upper", "work")]
+        for name in names:
+            os.mkdir(name)
+        overlay = self.mount("data", "lowerdir=%s,upperdir=%s,workdir=%s" % tuple(names), "overlay")
+        for folder, isKnown in ((overlay, False), (self.small_file_system("100m"), True)):
+            self.configure(folder=folder)
+            status, report = self.backup()
+            self.assertEqual(status, WELL, report)
+            isWarned = "which disk it lies on can't be told" in "".join(report["warnings"])
+            self.assertEqual(isWarned, not isKnown, report["warnings"])
+
+    def test_a_kestrix_that_others_can_change_is_not_run(self):
+        self.let_all_change_the_program()
+        self.refused("kestrix is not run: ")
+
     def test_a_disk_that_is_not_there_is_named(self):
         self.configure(disk='"serial:ANOTHER"')
         self.refused("ANOTHER")
@@ -377,6 +421,12 @@ class FailingCalls(BackupTest):
         self.assertIn("the chain did not pass its audit: ", report["failure"])
         self.assertTrue(all(self.sidecar(name)["isSound"] for name in self.image_names()))
         self.assertEqual(self.sidecar(self.well(NOW + 3 * DAY))["base"], NAME)
+
+    def test_an_image_that_can_not_be_brought_to_the_disk_gets_no_name(self):
+        status, report = self.report_of(self.traced(NOW, "-e", "trace=fsync", "-e", "inject=fsync:error=EIO", "-P",
+                                                    self.place_path(NAME + ".in-the-making")))
+        self.assertEqual((status, self.image_names()), (FAILED, []))
+        self.assertIn("it can't be brought to the disk: Input/output error", report["failure"])
 
     def test_a_chain_is_audited_as_one_no_more_often_than_is_due(self):
         for i in range(9):
@@ -635,6 +685,18 @@ class BadCaptures(BackupTest):
         _, report = self.backup(NOW + 8 * DAY)
         self.assertRegex(report["failure"], f"{NAME}: .*its SHA-256 is another$")
         self.assertIn("FAILED: kestrix ended with exit status 1", report["lines"])
+
+    def test_a_folder_for_programs_that_others_can_change_is_not_used(self):
+        told = os.path.join(self.folder, "told")
+        self.kestrix_that(f'echo "$folder" > {told}')
+        temporary = os.path.join(self.folder, "temporary")
+        for mode, isUsed in ((0o700, True), (0o777, False)):
+            with self.subTest(mode=oct(mode)), mock.patch.dict(os.environ, TMPDIR=temporary):
+                os.makedirs(temporary, exist_ok=True)
+                os.chmod(temporary, mode)
+                self.well()
+                with open(told, encoding="utf-8") as file:
+                    self.assertEqual(file.read().startswith(temporary), isUsed)
 
     def test_an_image_of_a_kestrix_that_says_that_it_failed_gets_no_name(self):
         self.kestrix_that("exit 1")

@@ -1,5 +1,6 @@
 """kestrix-keep and the places of its copies: what goes wrong on the way there, what a place tells of itself, and the
 way back, with servers of rclone's on the loopback address."""
+import fcntl
 import hashlib
 import json
 import os
@@ -335,7 +336,7 @@ class TheWayBack(RemoteTest):
         os.mkdir(self.to)
 
     def fetched_names(self):
-        return sorted(os.listdir(self.to))
+        return sorted(name for name in os.listdir(self.to) if not name.startswith("."))
 
     def script(self, *arguments, name=None, to=None):
         """A run for a script: its exit status and its report."""
@@ -439,6 +440,23 @@ class TheWayBack(RemoteTest):
         self.refused(f"{path}: there is a file of this name already, and it is not what would be fetched")
         with open(path, "rb") as file:
             self.assertEqual(file.read(), b"another's")
+
+    def test_a_sidecar_of_another_image_that_has_the_name_stays_and_one_of_this_one_is_no_hindrance(self):
+        path = os.path.join(self.to, self.first + ".json")
+        with open(path, "wb") as file:
+            file.write(b"another's")
+        self.refused(f"{path}: there is a file of this name already, and it does not tell of what would be fetched")
+        with open(path, "rb") as file:
+            self.assertEqual(file.read(), b"another's")
+        shutil.copyfile(self.there_path(self.first + ".json"), path)
+        self.restored([self.first, self.second])
+
+    def test_a_folder_that_another_run_holds_is_not_fetched_into(self):
+        with open(os.path.join(self.to, ".kestrix-keep.lock"), "wb") as file:
+            fcntl.flock(file, fcntl.LOCK_EX)
+            self.refused(f"{self.to}: another run holds it")
+        self.assertEqual(self.fetched_names(), [])
+        self.restored([self.first, self.second])
 
     def test_what_a_killed_fetch_left_is_taken_away(self):
         path = os.path.join(self.to, self.first + ".fetching")

@@ -381,6 +381,22 @@ class Refusals(RestoreTest):
         folder = self.mount(os.path.realpath(self.disk_path(2)), "ro,noload", "ext4")
         self.refused(2, "it is in use, mounted at " + re.escape(folder))
 
+    @needs(why_no_loop_devices)
+    def test_a_disk_that_something_unseen_uses_for_itself_alone(self):
+        self.loop_disk(2, OLD)
+        self.card(2, {"serial": "CLAIMED-1"})
+        claim = os.open(os.path.realpath(self.disk_path(2)), os.O_RDONLY | os.O_EXCL)
+        try:
+            self.refused(2, "it is in use; by what can't be told: .*a pool of ZFS")
+        finally:
+            os.close(claim)
+
+    def test_a_kestrix_that_others_can_change_is_not_run(self):
+        self.let_all_change_the_program()
+        status, said = self.script(image="full.kstx")
+        self.assertEqual((status, said["diskState"]), (FAILED, "untouched"))
+        self.assertRegex(said["failure"], "kestrix is not run: .* can (change|write)")
+
     @needs(why_no_loop_devices, why_no_mounts)
     def test_the_disk_that_the_image_lies_on(self):
         self.loop_disk(2, self.ext4(16 * MIB))
@@ -567,6 +583,8 @@ class Passwords(RestoreTest):
         self.image("sealed.kstx", DISK, b"secret")
         self.file("wrong", b"guess")
         self.file("right", b"secret\r\n")
+        for name in ("wrong", "right"):
+            os.chmod(self.path(name), 0o600)
         for arguments, says in (((), "give --password-file"),
                                 (("--password-file", self.path("wrong")), "the password does not open it")):
             status, said = self.script(*arguments, image="sealed.kstx")
@@ -575,6 +593,15 @@ class Passwords(RestoreTest):
             self.untouched()
         self.assertEqual(self.script("--password-file", self.path("right"), image="sealed.kstx")[0], WELL)
         self.assertTrue(self.disk_bytes(1) == DISK)
+
+
+    def test_a_password_file_that_others_can_read_is_refused(self):
+        self.image("sealed.kstx", DISK, b"secret")
+        self.file("password", b"secret\n")
+        os.chmod(self.path("password"), 0o644)
+        status, said = self.script("--password-file", self.path("password"), image="sealed.kstx")
+        self.assertEqual((status, said["diskState"]), (FAILED, "untouched"))
+        self.assertRegex(said["failure"], "the password file is refused: .* can read .*password: chmod go-r")
 
 
 class LargerDisks(RestoreTest):
@@ -687,7 +714,7 @@ class Failures(RestoreTest):
 
     def test_a_kestrix_that_is_not_there(self):
         os.unlink(self.program)
-        self.assertIn("can't be held", self.failed("untouched"))
+        self.assertIn("kestrix can't be looked at: No such file", self.failed("untouched"))
 
     def test_a_disk_that_does_not_give_back_what_was_written(self):
         self.stand_in("echo 'Restoring it'\n")
