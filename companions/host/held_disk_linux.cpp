@@ -151,16 +151,16 @@ static Trouble MakeFolder(HeldDiskState &state)
     for (const std::string &parent :
          {std::string("/var/lib/kestrix"), std::string(temporary == nullptr ? "" : temporary), std::string("/tmp"),
           std::string("/var/tmp")}) {
-        if (parent.empty() || !RunsPrograms(parent)) {
-            continue;
+        if (parent.empty() || !RunsPrograms(parent) || CheckTrustedFolder(parent)) {
+            continue; // what others can change is no place for what root runs
         }
         RemoveDeadFolders(parent);
         if (MakeFolderIn(state, parent)) {
             return {};
         }
     }
-    return "there is no folder that programs may be run from: make /var/lib/kestrix, on a file system that is not "
-           "noexec";
+    return "there is no folder that programs may be run from and nobody else can change: make /var/lib/kestrix, on a "
+           "file system that is not noexec";
 }
 
 static Trouble PlaceProgram(const std::string &kestrix, const std::string &folder, std::string *program)

@@ -14,6 +14,9 @@ struct OpenHandle {
     uint32_t blockBytes = 4096; // what a direct read is a multiple of
 };
 
+// As CheckTrusted, of a folder: that nobody else can put something else in the place of what the user makes there.
+[[nodiscard]] Trouble CheckTrustedFolder(const std::string &path);
+
 // The system's words for an errno value.
 std::string SystemText(int systemError);
 

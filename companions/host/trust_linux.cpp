@@ -166,8 +166,8 @@ static Trouble BeginWay(const std::string &path, Way *way)
     return {};
 }
 
-// The file at the end of the way, all of which is trusted.
-static Trouble FindTrustedFile(const std::string &path, std::string *place, struct stat *found)
+// What lies at the end of the way, all of which is trusted.
+static Trouble FindTrusted(const std::string &path, std::string *place, struct stat *found)
 {
     Way way;
     if (Trouble trouble = Go(way, found)) { // the root, at which every way begins
@@ -185,7 +185,25 @@ static Trouble FindTrustedFile(const std::string &path, std::string *place, stru
     if (stat(place->c_str(), found) != 0) {
         return *place + " can't be looked at: " + SystemText(errno);
     }
+    return {};
+}
+
+static Trouble FindTrustedFile(const std::string &path, std::string *place, struct stat *found)
+{
+    if (Trouble trouble = FindTrusted(path, place, found)) {
+        return trouble;
+    }
     return S_ISREG(found->st_mode) ? Trouble() : *place + " is no ordinary file";
+}
+
+Trouble CheckTrustedFolder(const std::string &path)
+{
+    std::string place;
+    struct stat found = {};
+    if (Trouble trouble = FindTrusted(path, &place, &found)) {
+        return trouble;
+    }
+    return S_ISDIR(found.st_mode) ? Trouble() : place + " is no folder";
 }
 
 Trouble CheckTrusted(const std::string &path)

@@ -18,8 +18,6 @@
 #include <algorithm>
 #include <set>
 
-static const char lockName[] = ".kestrix-keep.lock";
-
 struct Run {
     const Job &job;
     const RunOptions &options;
@@ -102,7 +100,7 @@ static bool CheckFileSystem(Run &run, const host::FileSystemFacts &facts)
 static bool TakeFolder(Run &run)
 {
     std::string trouble;
-    const std::string path = run.job.folder + "/" + lockName;
+    const std::string path = LockPath(run.job.folder);
     if (run.options.isDryRun) { // which writes nothing
         return true;
     }
@@ -157,7 +155,11 @@ static bool FindTheDisk(Run &run, const host::FileSystemFacts &facts)
     if (run.options.isDryRun) {
         return true;
     }
-    const host::Trouble trouble = host::HoldDisk(run.facts, disks, host::ProgramBeside("kestrix"), &run.held);
+    const std::string kestrix = host::ProgramBeside("kestrix");
+    if (const host::Trouble trouble = host::CheckTrusted(kestrix)) {
+        return Fail(run, kestrix + " is not run: " + *trouble);
+    }
+    const host::Trouble trouble = host::HoldDisk(run.facts, disks, kestrix, &run.held);
     return !trouble || Fail(run, "disk " + std::to_string(found->number) + " can't be held: " + *trouble);
 }
 
@@ -565,6 +567,9 @@ static bool AuditAndName(Run &run, const std::string &path, const std::string &n
     if (!digest) {
         return Fail(run, digest.fault.text);
     }
+    if (const host::Trouble trouble = host::BringToDisk(path)) { // before the audit reads what lies there
+        return Fail(run, path + ": it can't be brought to the disk: " + *trouble);
+    }
     if (const AuditFault fault = run.job.check.each == CheckDepth::Whole ? AuditChain(path, OptionsOfAudit(run))
                                                                          : AuditOwnChunks(path, OptionsOfAudit(run))) {
         return Fail(run, "the new image did not pass its audit: " + fault->text);
@@ -826,7 +831,7 @@ static bool IsHeldByAnother(const Run &run)
 {
     host::Lock lock;
     std::string trouble;
-    const std::string path = run.job.folder + "/" + lockName;
+    const std::string path = LockPath(run.job.folder);
     return !run.options.isDryRun && !host::NameIsFree(path) &&
            host::TakeLock(path, &lock, &trouble) == host::LockResult::Busy;
 }

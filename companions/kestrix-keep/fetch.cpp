@@ -86,15 +86,33 @@ static MaybeFault JudgeFileThere(const std::string &path, const ChainFile &file)
                                           "its SHA-256 is another. Choose another folder, or move it away"));
 }
 
+// A sidecar without its image, as an interrupted fetch leaves it, or one of another image, which is not to be touched.
+static MaybeFault JudgeSidecarThere(const std::string &path, const ChainFile &file)
+{
+    const std::string sidecarPath = SidecarPath(path);
+    if (host::NameIsFree(sidecarPath)) {
+        return std::nullopt;
+    }
+    reader::Result<Sidecar> there = ReadSidecar(sidecarPath);
+    return there && there->sha256 == file.sidecar.sha256
+               ? std::nullopt
+               : MaybeFault(FaultAt(sidecarPath, "there is a file of this name already, and it does not tell of what "
+                                                 "would be fetched. Choose another folder, or move it away"));
+}
+
 static MaybeFault TakePart(const std::string &folder, const ChainFile &file, FetchPlan *plan)
 {
     const std::string path = folder + "/" + file.name;
-    if (const host::Trouble trouble = host::RemoveName(path + endingOfFetches)) {
-        return FaultAt(path + endingOfFetches, "what an earlier fetch left can't be removed: " + *trouble);
+    uint64_t left = 0;
+    if (!host::LengthOfFile(path + endingOfFetches, &left)) {
+        plan->freeBytes += left; // what an earlier fetch left gives way
     }
     ++plan->allFiles;
     if (!host::NameIsFree(path)) {
         return JudgeFileThere(path, file);
+    }
+    if (MaybeFault fault = JudgeSidecarThere(path, file)) {
+        return fault;
     }
     plan->files.push_back(file);
     plan->bytes += file.sidecar.fileBytes;
@@ -124,11 +142,10 @@ static MaybeFault CheckRoom(const std::string &folder, const FetchPlan &plan)
 reader::Result<FetchPlan> PlanFetch(const FoundImage &image, const std::string &folder)
 {
     FetchPlan plan;
-    MaybeFault fault = LookAtFolder(folder, &plan); // before anything in it is touched
+    MaybeFault fault = LookAtFolder(folder, &plan);
     for (size_t i = 0; !fault && i < image.toFetch.size(); ++i) {
         fault = TakePart(folder, image.toFetch[i], &plan);
     }
-    fault = fault ? fault : LookAtFolder(folder, &plan); // what was removed has made room
     fault = fault ? fault : CheckRoom(folder, plan);
     return fault ? reader::Result<FetchPlan>(std::move(*fault)) : std::move(plan);
 }
@@ -163,17 +180,37 @@ static MaybeFault CheckReceived(const Place &place, const ChainFile &file, const
 
 static MaybeFault Name(const ChainFile &file, const std::string &temporary, const std::string &path)
 {
-    if (const host::Trouble trouble = WriteSidecar(SidecarPath(path), file.sidecar)) {
-        return FaultAt(SidecarPath(path), "it can't be written: " + *trouble);
+    if (host::NameIsFree(SidecarPath(path))) {
+        if (const host::Trouble trouble = WriteSidecar(SidecarPath(path), file.sidecar)) {
+            return FaultAt(SidecarPath(path), "it can't be written: " + *trouble);
+        }
     }
     const host::Trouble trouble = host::GiveFinalName(temporary, path);
     return trouble ? MaybeFault(FaultAt(path, "it can't get its name: " + *trouble)) : std::nullopt;
+}
+
+MaybeFault LockForFetch(const std::string &folder, host::Lock *lock)
+{
+    std::string trouble;
+    switch (host::TakeLock(LockPath(folder), lock, &trouble)) {
+    case host::LockResult::Held:
+    case host::LockResult::NoLocks:
+        return std::nullopt;
+    case host::LockResult::Busy:
+        return FaultAt(folder, "another run holds it: wait for its end, or choose another folder");
+    case host::LockResult::Failed:
+        break;
+    }
+    return FaultAt(LockPath(folder), trouble);
 }
 
 MaybeFault FetchFile(const Place &place, const ChainFile &file, const std::string &folder, const OnBytes &onBytes)
 {
     const std::string path = folder + "/" + file.name;
     const std::string temporary = path + endingOfFetches;
+    if (const host::Trouble trouble = host::RemoveName(temporary)) {
+        return FaultAt(temporary, "what an earlier fetch left can't be removed: " + *trouble);
+    }
     MaybeFault fault = Receive(place, file, temporary, onBytes);
     fault = fault ? fault : CheckReceived(place, file, temporary);
     fault = fault ? fault : Name(file, temporary, path);

@@ -22,12 +22,17 @@ struct FetchPlan {
     std::vector<std::string> disks; // that the folder lies on, as host::FileSystemFacts has them
 };
 
-// What of the image's chain has to be fetched into the folder: what is there and has its digest is not. What an earlier
-// fetch left unfinished is removed. A fault if the folder can't take it: it can't be looked at, there is no room, or
-// something else has one of the names.
+// What of the image's chain has to be fetched into the folder: what is there and has its digest is not. Nothing is
+// written. A fault if the folder can't take it: it can't be looked at, there is no room, or something else has one of
+// the names.
 reader::Result<FetchPlan> PlanFetch(const FoundImage &image, const std::string &folder);
 
-// Fetches one file and its sidecar into the folder. It has no image's name until it is whole, on the disk, and read
-// back with the digest that its sidecar has. After a fault nothing of it is left, as far as that can be removed.
+// Takes the folder's lock, which no other run has then, for as long as files are fetched into it. A folder without
+// locks is taken as it is: what two runs would do to one another is found by the digests.
+std::optional<reader::Fault> LockForFetch(const std::string &folder, host::Lock *lock);
+
+// Fetches one file and its sidecar into the folder. What an earlier fetch left unfinished of it is removed. It has no
+// image's name until it is whole, on the disk, and read back with the digest that its sidecar has. After a fault
+// nothing of it is left, as far as that can be removed.
 std::optional<reader::Fault> FetchFile(const Place &place, const ChainFile &file, const std::string &folder,
                                        const OnBytes &onBytes);

@@ -15,6 +15,11 @@ static bool EndsWith(const std::string &text, const std::string &ending)
     return text.size() >= ending.size() && text.compare(text.size() - ending.size(), ending.size(), ending) == 0;
 }
 
+std::string LockPath(const std::string &folder)
+{
+    return folder + "/.kestrix-keep.lock";
+}
+
 std::string ImageName(const std::string &job, int64_t time)
 {
     return job + "-" + StampOf(time) + imageEnding;

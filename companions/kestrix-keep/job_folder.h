@@ -30,6 +30,9 @@ struct JobFolder {
     std::vector<std::string> notes;
 };
 
+// Path of the file that who writes into a folder holds the lock of.
+std::string LockPath(const std::string &folder);
+
 // "JOB-20261122T020005Z.kstx"; and the time in such a name of this job's, if it is one.
 std::string ImageName(const std::string &job, int64_t time);
 std::optional<int64_t> TimeOfImageName(const std::string &job, const std::string &name);

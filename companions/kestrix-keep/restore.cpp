@@ -365,6 +365,10 @@ static std::optional<Fault> FetchAll(RestoreRun &run, const std::string &folder,
     if (!place) {
         return place.fault;
     }
+    host::Lock lock;
+    if (std::optional<Fault> fault = LockForFetch(folder, &lock)) {
+        return fault;
+    }
     for (const ChainFile &file : plan.files) {
         Say(run.talk, "Fetching " + file.name + ", " + SizeText(file.sidecar.fileBytes) + ".");
         Progress progress(!run.common.quiet, file.name, file.sidecar.fileBytes);
@@ -449,6 +453,13 @@ static Step SettlePassword(RestoreRun &run)
 {
     const bool isAsked = run.image->isSealed && run.options.passwordFile.empty();
     run.passwordFile = run.options.passwordFile;
+    if (run.image->isSealed && !isAsked) {
+        if (const host::Trouble trouble = host::CheckSecret(run.passwordFile)) {
+            return RefuseImage(run, "the password file is refused: " + *trouble +
+                                        "; or copy it where root alone can read it, such as below /run, or type the "
+                                        "password");
+        }
+    }
     for (;;) {
         if (isAsked && !TakePassword(run)) {
             return Step::Ended;
@@ -712,7 +723,12 @@ static std::optional<DiskFacts> LookAgain(RestoreRun &run, std::vector<DiskFacts
 static bool HoldTheDisk(RestoreRun &run)
 {
     std::vector<DiskFacts> disks;
-    host::Trouble trouble = host::HoldDisk(*run.disk, run.disks, host::ProgramBeside("kestrix"), &run.held);
+    const std::string kestrix = host::ProgramBeside("kestrix");
+    host::Trouble trouble = host::CheckTrusted(kestrix);
+    if (trouble) {
+        return Fail(run, kestrix + " is not run: " + *trouble);
+    }
+    trouble = host::HoldDisk(*run.disk, run.disks, kestrix, &run.held);
     if (trouble) {
         return Fail(run, NameOfDisk(*run.disk) + " can't be held: " + *trouble);
     }
