@@ -594,7 +594,6 @@ class Passwords(RestoreTest):
         self.assertEqual(self.script("--password-file", self.path("right"), image="sealed.kstx")[0], WELL)
         self.assertTrue(self.disk_bytes(1) == DISK)
 
-
     def test_a_password_file_that_others_can_read_is_refused(self):
         self.image("sealed.kstx", DISK, b"secret")
         self.file("password", b"secret\n")
