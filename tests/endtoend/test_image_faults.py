@@ -13,7 +13,7 @@ from kestrix_image import flip_byte, make_chain, seeded_disk
 from test_vectors import is_sanitized
 
 MOMENTS = 16
-SIZE = 32 * MIB
+SIZE = 16 * MIB
 ENDS = (signal.SIGKILL, signal.SIGTERM, signal.SIGINT, signal.SIGHUP)
 
 
