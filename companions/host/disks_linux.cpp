@@ -247,6 +247,9 @@ Trouble OpenDisk(uint32_t number, Caching caching, Source *source)
     if (!ShareDisk(handle.descriptor, S_ISBLK(found.st_mode))) {
         return errno == EWOULDBLOCK ? "another program is writing it" : SystemText(errno);
     }
+    if (caching == Caching::Medium && !handle.isDirect) {
+        ForgetCached(handle.descriptor);
+    }
     source->sizeBytes = static_cast<uint64_t>(found.st_size);
     return S_ISBLK(found.st_mode) ? AskBlockDevice(source) : Trouble();
 }

@@ -57,7 +57,7 @@ static FileIdentity IdentityOfFile(const struct stat &found)
     return {found.st_dev, found.st_ino};
 }
 
-static void ForgetCached(int descriptor)
+void ForgetCached(int descriptor)
 {
     fdatasync(descriptor); // only what is on the disk can be let go; a file nobody writes has nothing else to say here
     posix_fadvise(descriptor, 0, 0, POSIX_FADV_DONTNEED);
@@ -187,6 +187,13 @@ Trouble ReadAt(const Source &source, uint64_t offsetBytes, void *buffer, size_t 
                       POSIX_FADV_WILLNEED);
     }
     return ReadFully(source.handle->descriptor, offsetBytes, bytes, byteCount);
+}
+
+bool IsGone(const Source &source)
+{
+    uint8_t first = 0;
+    posix_fadvise(source.handle->descriptor, 0, pageBytes, POSIX_FADV_DONTNEED); // where it may be remembered
+    return source.sizeBytes != 0 && ReadAt(source, 0, &first, sizeof(first)).has_value();
 }
 
 Trouble IdentityOf(const std::string &path, FileIdentity *identity)

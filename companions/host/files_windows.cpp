@@ -45,6 +45,12 @@ std::string SystemText(DWORD error)
     return text + (text.empty() ? "error " : " (error ") + std::to_string(error) + (text.empty() ? "" : ")");
 }
 
+bool IsLackOfMemory(DWORD error)
+{
+    return error == ERROR_NOT_ENOUGH_MEMORY || error == ERROR_OUTOFMEMORY || error == ERROR_NO_SYSTEM_RESOURCES ||
+           error == ERROR_COMMITMENT_LIMIT;
+}
+
 void CloseOpenHandle::operator()(OpenHandle *handle) const
 {
     if (handle->file != INVALID_HANDLE_VALUE) {
@@ -112,6 +118,15 @@ Trouble OpenAgain(const Source &source, Source *again)
     return {};
 }
 
+// What a read that failed says. A lack of memory is ours, and not the medium's.
+static std::string TextOfFailedRead(DWORD error)
+{
+    if (IsLackOfMemory(error)) {
+        throw std::bad_alloc();
+    }
+    return SystemText(error);
+}
+
 // One read of at most byteCount bytes, at its own offset: two handles of one file may share a position.
 static Trouble ReadOnce(HANDLE file, uint64_t offsetBytes, void *buffer, size_t byteCount, size_t *bytesRead)
 {
@@ -122,7 +137,7 @@ static Trouble ReadOnce(HANDLE file, uint64_t offsetBytes, void *buffer, size_t 
     if (!ReadFile(file, buffer, static_cast<DWORD>(std::min(byteCount, largestRead)), &moved, &place)) {
         const DWORD error = GetLastError();
         if (error != ERROR_HANDLE_EOF) {
-            return SystemText(error);
+            return TextOfFailedRead(error);
         }
     }
     *bytesRead = moved;
@@ -137,7 +152,7 @@ static Trouble ReadDiskOnce(HANDLE disk, uint64_t offsetBytes, void *buffer, siz
     place.QuadPart = static_cast<LONGLONG>(offsetBytes);
     if (!SetFilePointerEx(disk, place, nullptr, FILE_BEGIN) ||
         !ReadFile(disk, buffer, static_cast<DWORD>(std::min(byteCount, largestRead)), &moved, nullptr)) {
-        return SystemText(GetLastError());
+        return TextOfFailedRead(GetLastError());
     }
     *bytesRead = moved;
     return {};
@@ -180,6 +195,12 @@ Trouble ReadAt(const Source &source, uint64_t offsetBytes, void *buffer, size_t 
         byteCount -= taken;
     }
     return {};
+}
+
+bool IsGone(const Source &source)
+{
+    uint8_t first = 0;
+    return source.sizeBytes != 0 && ReadAt(source, 0, &first, sizeof(first)).has_value();
 }
 
 Trouble IdentityOf(const std::string &path, FileIdentity *identity)

@@ -60,6 +60,10 @@ constexpr char beingWritten[] = "another program is writing it";
 // that is a trouble as well; the buffer's content is then undefined.
 [[nodiscard]] Trouble ReadAt(const Source &source, uint64_t offsetBytes, void *buffer, size_t byteCount);
 
+// Whether nothing can be read of what source has open, not even its first byte: the medium was pulled, or the way to it
+// is cut. To be asked after a read that failed.
+bool IsGone(const Source &source);
+
 // Memory for reads, aligned as every disk wants it. Throws std::bad_alloc.
 struct FreePages {
     void operator()(uint8_t *pages) const;

@@ -144,13 +144,24 @@ Trouble WriteAt(const NewFile &file, uint64_t offsetBytes, const void *data, siz
 }
 
 // Some file systems know no renaming that refuses to replace; there the new name is made first, and the old one goes.
+// Where they know no second name of a file either (FAT and exFAT over FUSE), the name is looked for and then taken: who
+// else makes a file of that name in between loses it, and nobody can keep that from happening there. A file made first
+// to hold the name would be found unfinished under it after a crash.
 static bool GiveName(const std::string &from, const std::string &to)
 {
     if (renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) {
         return true;
     }
-    if ((errno != EINVAL && errno != ENOSYS) || link(from.c_str(), to.c_str()) != 0) {
+    if (errno != EINVAL && errno != ENOSYS) {
         return false;
+    }
+    if (link(from.c_str(), to.c_str()) != 0) {
+        const bool knowsNoLinks = errno == EPERM || errno == EOPNOTSUPP || errno == ENOSYS || errno == EMLINK;
+        if (knowsNoLinks && !NameIsFree(to)) {
+            errno = EEXIST;
+            return false;
+        }
+        return knowsNoLinks && rename(from.c_str(), to.c_str()) == 0;
     }
     if (unlink(from.c_str()) != 0) {
         const int error = errno;

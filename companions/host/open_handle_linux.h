@@ -17,6 +17,9 @@ struct OpenHandle {
 // As CheckTrusted, of a folder: that nobody else can put something else in the place of what the user makes there.
 [[nodiscard]] Trouble CheckTrustedFolder(const std::string &path);
 
+// Lets go of what the page cache holds of an open file or device, so that what is read next comes from the medium.
+void ForgetCached(int descriptor);
+
 // The system's words for an errno value.
 std::string SystemText(int systemError);
 

@@ -19,6 +19,9 @@ struct OpenHandle {
     bool isDisk = false;
 };
 
+// Whether the system says by it that memory is wanting.
+bool IsLackOfMemory(DWORD error);
+
 // The system's words for an error number.
 std::string SystemText(DWORD error);
 

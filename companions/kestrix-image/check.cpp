@@ -69,10 +69,17 @@ static void ReportBytesTooMany(JsonOutput &output, const Chain &chain)
     }
 }
 
+// The level that alone is checked, if it is one.
+static std::optional<uint8_t> ScopeOf(bool ownOnly)
+{
+    return ownOnly ? std::optional<uint8_t>(0) : std::nullopt;
+}
+
 static void ReportSums(JsonOutput &output, const std::string &path, const Chain &chain, const Verdicts &verdicts,
-                       const Progress &progress, bool ownOnly)
+                       bool ownOnly)
 {
     const uint64_t bad = verdicts.CountBad();
+    const uint64_t checkedBytes = BytesRead(chain, ScopeOf(ownOnly), verdicts);
     const bool isSound = IsSound(chain, verdicts);
     if (output.wanted) {
         output.Member("verdict", isSound ? "sound" : "damaged");
@@ -80,13 +87,13 @@ static void ReportSums(JsonOutput &output, const std::string &path, const Chain 
         output.Member("fault", nullptr);
         output.Member("chain", ChainJson(chain));
         output.Member("chunks", chain.ChunkCount());
-        output.Member("checkedBytes", progress.doneBytes.load());
+        output.Member("checkedBytes", checkedBytes);
         output.Member("bytesWithoutChunks", reader::UncoveredBytes(chain.Header()));
         return;
     }
     std::string line = path + (isSound ? ": sound: " : ": DAMAGED: ");
     line += bad == 0 ? "" : Counted(bad, "bad chunk") + " of " + std::to_string(chain.ChunkCount()) + "; ";
-    line += SizeText(progress.doneBytes) + " checked";
+    line += SizeText(checkedBytes) + " checked";
     line += ownOnly ? ", only what it stores itself" : " in " + Counted(chain.images.size(), "file");
     PrintLine(line);
 }
@@ -122,12 +129,12 @@ static int ReportNotChecked(JsonOutput &output, const std::string &path, const r
 static int CheckImage(const CommonOptions &common, JsonOutput &output, const std::string &path, bool ownOnly)
 {
     reader::Result<Chain> opened =
-        reader::OpenChain(path, {common.passwordFile, common.caching, common.threads, ownOnly});
+        reader::OpenChain(path, {common.passwordFile, common.caching, common.threads, ownOnly, ownOnly});
     if (!opened) {
         return ReportNotChecked(output, path, opened.fault, ownOnly);
     }
     const Chain &chain = *opened;
-    const std::optional<uint8_t> onlyLevel = ownOnly ? std::optional<uint8_t>(0) : std::nullopt;
+    const std::optional<uint8_t> onlyLevel = ScopeOf(ownOnly);
     Verdicts verdicts(chain.ChunkCount());
     reader::ChunkFeeder feeder(chain, onlyLevel);
     const auto checkOne = [](reader::ChunkReader &reader, uint64_t chunk) { return reader.Read(chunk); };
@@ -138,7 +145,10 @@ static int CheckImage(const CommonOptions &common, JsonOutput &output, const std
     if (fault) {
         return ReportNotChecked(output, path, {fault->kind, path + ": " + fault->text}, ownOnly);
     }
-    ReportSums(output, path, chain, verdicts, progress, ownOnly);
+    if (const std::optional<reader::Fault> gone = GoneMedium(chain, verdicts)) {
+        return ReportNotChecked(output, path, *gone, ownOnly);
+    }
+    ReportSums(output, path, chain, verdicts, ownOnly);
     output.BeginList("badChunks");
     ReportBadChunks(output, chain, verdicts);
     output.End();

@@ -85,7 +85,7 @@ static int ReportComparison(JsonOutput &output, const CompareRun &run)
     const ImageHeader &header = run.image.facts.header;
     ReportSums(output, run);
     output.BeginList("ranges");
-    RangeReport ranges(output, true);
+    RangeReport ranges(output);
     const reader::Comparison &comparison = run.comparison;
     for (uint64_t i = 0; i < comparison.states.size(); ++i) {
         ranges.Add(i * header.chunkSize, reader::LengthOfChunk(header, i), StateName(comparison.states[i]));

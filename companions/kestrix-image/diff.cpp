@@ -34,6 +34,17 @@ static int ReportFault(JsonOutput &output, const reader::Fault &fault)
     return StatusOf(fault);
 }
 
+// Bytes from the start of the disk on for which either of the two has chunks, and bytes of the larger disk.
+static uint64_t CoveredInEither(const ImageFile &a, const ImageFile &b)
+{
+    return std::max(reader::CoveredBytes(a.facts.header), reader::CoveredBytes(b.facts.header));
+}
+
+static uint64_t LargerDisk(const ImageFile &a, const ImageFile &b)
+{
+    return std::max(uint64_t{a.facts.header.diskSize}, uint64_t{b.facts.header.diskSize});
+}
+
 static int ReportDifference(JsonOutput &output, const ImageFile &a, const ImageFile &b)
 {
     const ImageHeader &header = b.facts.header;
@@ -49,22 +60,31 @@ static int ReportDifference(JsonOutput &output, const ImageFile &a, const ImageF
     }
     const uint64_t thinBytes =
         reader::StartOfData(b.table.size()) + bytes + trailerOverhead + host::NameOf(a.facts.path).size();
-    const bool isEqual = chunks == 0 && canStand;
+    const uint64_t covered = CoveredInEither(a, b);
+    const uint64_t unknown = LargerDisk(a, b) - covered;
+    const bool isEqual = chunks == 0 && canStand && unknown == 0;
     output.Member("result", isEqual ? "equal" : "different");
     output.Member("differentChunks", chunks);
     output.Member("differentBytes", bytes);
+    output.Member("bytesWithoutChunks", unknown);
     output.Member("thinBytes", canStand ? Json(thinBytes) : Json(nullptr));
     if (!output.wanted) {
         PrintLine(isEqual ? "The two disks are equal"
                           : "The two disks are DIFFERENT in " + Counted(chunks, "chunk") + ", " + SizeText(bytes));
+        if (unknown != 0) {
+            PrintLine("  neither image has chunks for the last " + Counted(unknown, "byte") + " of the disk");
+        }
         PrintLine(canStand ? "  a thin image of " + b.facts.path + " on " + a.facts.path + " would have " +
                                  SizeText(thinBytes)
                            : "  neither can stand on the other: their disks are not of one size");
     }
     output.BeginList("ranges");
-    RangeReport ranges(output, false);
+    RangeReport ranges(output);
     for (uint64_t i = 0; i < chunkCount; ++i) {
         ranges.Add(i * header.chunkSize, LengthInEither(a, b, i), IsSameChunk(a, b, i) ? nullptr : "differs");
+    }
+    if (unknown != 0) {
+        ranges.Add(covered, unknown, "notInImage");
     }
     ranges.Finish();
     output.End();

@@ -193,6 +193,11 @@ static reader::Fault MapFault(const ExtractRun &run, const host::Trouble &troubl
 // Begins all that the command line names.
 static std::optional<reader::Fault> BeginFiles(ExtractRun &run)
 {
+    // Before there are files of its own in the folder.
+    if (std::optional<reader::Fault> fault =
+            OpenTwinPlaces(run.common, run.options.twins, run.options.twinDisk, &run.twinPlaces)) {
+        return fault;
+    }
     host::Trouble trouble = host::CreateNewFile(run.options.out, host::Existing::IsTrouble, &run.out);
     if (!trouble) {
         trouble = host::SetLength(run.out, run.chain.Header().diskSize);
@@ -203,8 +208,7 @@ static std::optional<reader::Fault> BeginFiles(ExtractRun &run)
     if (!run.options.map.empty()) {
         trouble = host::CreateNewFile(run.options.map, host::Existing::IsTrouble, &run.map);
     }
-    return trouble ? std::optional<reader::Fault>(MapFault(run, trouble))
-                   : OpenTwinPlaces(run.common, run.options.twins, run.options.twinDisk, &run.twinPlaces);
+    return trouble ? std::optional<reader::Fault>(MapFault(run, trouble)) : std::nullopt;
 }
 
 // A map without its disk looks like the end of a run: it gets its name when the disk has nothing left to wait for.
@@ -242,6 +246,9 @@ static std::optional<reader::Fault> RunExtract(ExtractRun &run, std::vector<Lost
     }
     if (!fault && run.writeTrouble) {
         fault = OutFault(run, run.writeTrouble);
+    }
+    if (!fault && !run.options.keepGoing) { // else what was got from a medium that is gone is worth its file
+        fault = GoneMedium(run.chain, run.verdicts);
     }
     if (!fault && (run.verdicts.CountBad() == 0 || run.options.keepGoing)) {
         fault = FinishFiles(run);
@@ -315,7 +322,7 @@ int Extract(const CommonOptions &common, const ExtractOptions &options)
     output.Member("image", options.image);
     output.Member("out", options.out);
     reader::Result<Chain> chain =
-        reader::OpenChain(options.image, {common.passwordFile, common.caching, common.threads});
+        reader::OpenChain(options.image, {common.passwordFile, common.caching, common.threads, false, true});
     if (!chain) {
         return ReportFault(output, chain.fault);
     }

@@ -1,7 +1,7 @@
 // Stretches of a disk.
 #include "kestrix-image/ranges.h"
 
-RangeReport::RangeReport(JsonOutput &jsonOutput, bool withState) : output(jsonOutput), tellsState(withState) {}
+RangeReport::RangeReport(JsonOutput &jsonOutput) : output(jsonOutput) {}
 
 void RangeReport::Add(uint64_t diskOffset, uint64_t lengthBytes, const char *stateOfChunk)
 {
@@ -18,11 +18,7 @@ void RangeReport::Finish()
     if (state == nullptr || end == begin) {
         return;
     }
-    Json item = {{"diskOffset", begin}, {"lengthBytes", end - begin}};
-    if (tellsState) {
-        item["state"] = state;
-    }
-    output.Item(item);
+    output.Item({{"diskOffset", begin}, {"lengthBytes", end - begin}, {"state", state}});
     if (!output.wanted) {
         PrintLine("  disk bytes " + std::to_string(begin) + " to " + std::to_string(end) + ", " +
                   SizeText(end - begin) + ": " + state);

@@ -9,14 +9,12 @@
 // Takes the chunks of a disk in order and reports the stretches of one state, as items of the list that is open in
 // output, or as lines. Chunks of no state are left out.
 struct RangeReport {
-    // withState: a JSON item tells its state.
-    RangeReport(JsonOutput &jsonOutput, bool withState);
+    explicit RangeReport(JsonOutput &jsonOutput);
 
     void Add(uint64_t diskOffset, uint64_t lengthBytes, const char *stateOfChunk); // null: none
     void Finish();
 
     JsonOutput &output;
-    bool tellsState;
     const char *state = nullptr;
     uint64_t begin = 0;
     uint64_t end = 0;

@@ -24,14 +24,14 @@ struct Dependent {
 };
 
 struct RepairRun {
-    RepairRun(const CommonOptions &commonOptions, const RepairOptions &repairOptions, const Chain &imageAlone)
+    RepairRun(const CommonOptions &commonOptions, const RepairOptions &repairOptions, Chain &imageAlone)
         : common(commonOptions), options(repairOptions), chain(imageAlone), verdicts(imageAlone.ChunkCount())
     {
     }
 
     const CommonOptions &common;
     const RepairOptions &options;
-    const Chain &chain; // the image alone
+    Chain &chain; // the image alone
     host::NewFile out;
     TwinPlaces twinPlaces;
     reader::Verdicts verdicts;
@@ -115,6 +115,25 @@ static void CompareReferences(RepairRun &run, const reader::ImageFile &base)
     }
 }
 
+static bool IsEqualButForCase(const std::string &left, const std::string &right)
+{
+    const auto lower = [](char letter) {
+        return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter + ('a' - 'A')) : letter;
+    };
+    return std::equal(left.begin(), left.end(), right.begin(), right.end(),
+                      [&lower](char a, char b) { return lower(a) == lower(b); });
+}
+
+// A file system that doesn't mind the case of names finds the base under a damaged one too.
+static bool IsFoundUnderOtherCase(const std::string &folder, const std::string &name)
+{
+    std::vector<std::string> names;
+    return !host::ListFiles(folder.empty() ? "." : folder, &names) &&
+           std::find(names.begin(), names.end(), name) == names.end() &&
+           std::any_of(names.begin(), names.end(),
+                       [&name](const std::string &other) { return IsEqualButForCase(name, other); });
+}
+
 // The base that a thin image names, with the identity that it pins, vouches for its trailer and its references.
 static void AskBase(RepairRun &run, const std::vector<ImageFacts> &around)
 {
@@ -126,13 +145,17 @@ static void AskBase(RepairRun &run, const std::vector<ImageFacts> &around)
     const auto isBase = [&facts](const ImageFacts &other) {
         return other.id == facts.trailer->basePin && IsNamedBy(facts, other.identity, other.path) &&
                other.header.chunkCount == facts.header.chunkCount && other.header.diskSize == facts.header.diskSize &&
-               other.header.chunkSize == facts.header.chunkSize;
+               other.header.chunkSize == facts.header.chunkSize && other.header.sectorSize == facts.header.sectorSize;
     };
     const auto base = std::find_if(around.begin(), around.end(), isBase);
     if (base == around.end()) {
         AddSentence(run.lacks, "the image that it stands on, " + facts.trailer->baseName +
                                    ", as it was then: without it nothing vouches for the trailer");
         return;
+    }
+    if (IsFoundUnderOtherCase(host::FolderOf(base->path), facts.trailer->baseName)) {
+        AddSentence(run.lacks,
+                    "a trailer that names its base as the folder does, letter by letter: " + facts.trailer->baseName);
     }
     reader::Result<reader::ImageFile> opened = reader::OpenImageFile(base->path, host::Caching::Cached, true);
     if (opened && opened->facts.id != facts.trailer->basePin) {
@@ -177,6 +200,9 @@ static void JudgeHeader(RepairRun &run)
                               : header.diskSize / header.chunkSize + (header.diskSize % header.chunkSize == 0 ? 0 : 1);
     if (chunksOfDisk != header.chunkCount) {
         AddSentence(run.lacks, "a header that agrees with itself about the size of the disk");
+    }
+    if (header.sectorSize == 0 || header.chunkSize % header.sectorSize != 0) {
+        AddSentence(run.lacks, "a header that agrees with itself about the sectors: a chunk is a whole number of them");
     }
     const bool hasDerivation = header.kdfIterations != 0 || !IsAllZero(header.salt, sizeof(header.salt));
     if (header.encrypted > 1 || (header.encrypted == 0 && hasDerivation)) {
@@ -346,6 +372,23 @@ static reader::Fault OutFault(const RepairRun &run, const host::Trouble &trouble
     return {reader::FaultKind::Unavailable, run.options.out + ": it can't be written: " + *trouble};
 }
 
+// Where nothing is stored there is nothing to open or to seal.
+static std::optional<reader::Fault> PrepareKey(const CommonOptions &common, reader::ImageFile *image)
+{
+    std::optional<std::string> password;
+    if (image->facts.storedChunks == 0) {
+        return {};
+    }
+    if (reader::IsSealed(image->facts.header) && !common.passwordFile.empty()) {
+        reader::Result<std::string> given = reader::ReadPassword(common.passwordFile);
+        if (!given) {
+            return given.fault;
+        }
+        password = *given;
+    }
+    return reader::DeriveImageKey(image, password);
+}
+
 // All that can fail for another reason than that something is lacking.
 static std::optional<reader::Fault> RunRepair(RepairRun &run)
 {
@@ -358,6 +401,10 @@ static std::optional<reader::Fault> RunRepair(RepairRun &run)
     if (!run.lacks.empty()) {
         return {}; // no chunk can make good what the table does not tell
     }
+    fault = PrepareKey(run.common, &run.chain.images[0]);
+    if (fault) {
+        return fault;
+    }
     if (const host::Trouble trouble = host::CreateNewFile(run.options.out, host::Existing::IsTrouble, &run.out)) {
         return OutFault(run, trouble);
     }
@@ -367,6 +414,12 @@ static std::optional<reader::Fault> RunRepair(RepairRun &run)
     }
     if (!run.writeTrouble) {
         TakeTwins(run);
+    }
+    if (!run.writeTrouble) {
+        fault = GoneMedium(run.chain, run.verdicts);
+    }
+    if (fault) {
+        return fault;
     }
     const bool isNeeded = !run.lost.empty() || Facts(run).bytesTooMany != 0;
     host::Trouble trouble = run.writeTrouble;
@@ -460,19 +513,6 @@ static int ReportFault(JsonOutput &output, const reader::Fault &fault)
     return StatusOf(fault);
 }
 
-static std::optional<reader::Fault> PrepareKey(const CommonOptions &common, reader::ImageFile *image)
-{
-    std::optional<std::string> password;
-    if (reader::IsSealed(image->facts.header) && !common.passwordFile.empty()) {
-        reader::Result<std::string> given = reader::ReadPassword(common.passwordFile);
-        if (!given) {
-            return given.fault;
-        }
-        password = *given;
-    }
-    return reader::DeriveImageKey(image, password);
-}
-
 int Repair(const CommonOptions &common, const RepairOptions &options)
 {
     JsonOutput output(common.json);
@@ -483,9 +523,6 @@ int Repair(const CommonOptions &common, const RepairOptions &options)
         return ReportFault(output, image.fault);
     }
     Chain chain = reader::MakeAlone(std::move(*image));
-    if (const std::optional<reader::Fault> fault = PrepareKey(common, &chain.images[0])) {
-        return ReportFault(output, *fault);
-    }
     RepairRun run(common, options, chain);
     if (const std::optional<reader::Fault> fault = RunRepair(run)) {
         return ReportFault(output, *fault);

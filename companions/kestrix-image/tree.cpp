@@ -18,7 +18,7 @@ static std::vector<ImageFacts> ReadFolder(const CommonOptions &common, const std
 {
     std::vector<ImageFacts> facts(names.size());
     std::atomic<size_t> next = 0;
-    Progress progress(!common.quiet, folder, names.size());
+    Progress progress(!common.quiet, folder, names.size(), Unit::Files);
     *fault = reader::OnThreads(common.threads, [&] {
         for (size_t i = next++; i < names.size(); i = next++) {
             facts[i] = reader::ReadImageFacts(folder + names[i], false);

@@ -101,7 +101,7 @@ std::vector<ChangeStrip> ReadStrips(JobFolder &folder, bool showsProgress)
 {
     std::vector<ChangeStrip> strips(folder.images.size());
     StripMaker maker = {};
-    Progress progress(showsProgress, folder.path, folder.images.size());
+    Progress progress(showsProgress, folder.path, folder.images.size(), Unit::Files);
     for (size_t i = 0; i < folder.images.size(); ++i) {
         if (folder.images[i].isThere) {
             // What has no sidecar comes first, whenever it was made: no image is compared with it.

@@ -79,6 +79,43 @@ uint64_t BytesToRead(const Chain &chain, std::optional<uint8_t> onlyLevel)
     return bytes;
 }
 
+uint64_t BytesRead(const Chain &chain, std::optional<uint8_t> onlyLevel, const Verdicts &verdicts)
+{
+    uint64_t bytes = 0;
+    for (uint64_t i = 0; i < chain.ChunkCount(); ++i) {
+        const ChunkFault *fault = verdicts.FaultOf(i);
+        const bool isRead = fault == nullptr || fault->cause == ChunkCause::WrongPlace ||
+                            fault->cause == ChunkCause::Seal || fault->cause == ChunkCause::Digest;
+        if (isRead && (!onlyLevel || chain.storedIn[i] == *onlyLevel)) {
+            bytes += LengthOfChunk(chain.Header(), i);
+        }
+    }
+    return bytes;
+}
+
+std::optional<Fault> GoneMedium(const Chain &chain, const Verdicts &verdicts)
+{
+    std::vector<bool> isGone(chain.images.size());
+    const ChunkFault *last = nullptr;
+    for (uint64_t i = 0; i < chain.ChunkCount(); ++i) {
+        const ChunkFault *fault = verdicts.FaultOf(i);
+        if (fault == nullptr) {
+            continue;
+        }
+        if (fault->cause != ChunkCause::Unreadable ||
+            (!isGone[fault->level] && !host::IsGone(chain.images[fault->level].source))) {
+            return {};
+        }
+        isGone[fault->level] = true;
+        last = fault;
+    }
+    if (last == nullptr) {
+        return {};
+    }
+    return Fault{FaultKind::Unavailable,
+                 chain.images[last->level].facts.path + ": it can't be read any more: " + last->systemSays};
+}
+
 std::optional<Fault> ReadChunks(uint32_t threads, ChunkFeeder &feeder, Verdicts &verdicts, const ReadOne &readOne,
                                 const ReadWatch &watch)
 {

@@ -45,6 +45,13 @@ using ReadOne = std::function<std::optional<ChunkFault>(ChunkReader &reader, uin
 // Bytes of the disk that the chunks fed will cover.
 uint64_t BytesToRead(const Chain &chain, std::optional<uint8_t> onlyLevel);
 
+// Bytes of the disk in those of these chunks that were read to their end: what the tables alone refuse is not read.
+uint64_t BytesRead(const Chain &chain, std::optional<uint8_t> onlyLevel, const Verdicts &verdicts);
+
+// The fault that a medium which went away is, where it is all that is wrong: each bad chunk is one that can't be read,
+// and nothing else of its file can be either. Such a file may be sound.
+std::optional<Fault> GoneMedium(const Chain &chain, const Verdicts &verdicts);
+
 // What a run over chunks is told while it goes on.
 struct ReadWatch {
     std::function<void(uint64_t bytes)> onBytes; // so many bytes of the disk are done; any thread

@@ -93,15 +93,16 @@ static void SettleChunks(Chain *chain)
     }
 }
 
-// A sealed image wants a password even where nothing of it is needed, and one whose key nobody could derive is refused:
-// that is how the program that restores it sees it.
+// Unless told otherwise a sealed image wants a password even where nothing of it is needed, and one whose key nobody
+// could derive is refused: that is how the program that restores it sees it.
 static std::optional<Fault> DeriveKeys(Chain *chain, const OpenOptions &options)
 {
     std::optional<std::string> password;
     std::vector<ImageFile *> toDerive;
     for (size_t level = 0; level < chain->images.size(); ++level) {
         ImageFile &image = chain->images[level];
-        if (!IsSealed(image.facts.header)) {
+        const bool isNeeded = std::find(chain->storedIn.begin(), chain->storedIn.end(), level) != chain->storedIn.end();
+        if (!IsSealed(image.facts.header) || (options.needsOnly && !isNeeded)) {
             continue;
         }
         if (!password && !options.passwordFile.empty()) {
@@ -111,7 +112,6 @@ static std::optional<Fault> DeriveKeys(Chain *chain, const OpenOptions &options)
             }
             password = *given;
         }
-        const bool isNeeded = std::find(chain->storedIn.begin(), chain->storedIn.end(), level) != chain->storedIn.end();
         if (isNeeded || !password || image.facts.header.kdfIterations == 0) {
             toDerive.push_back(&image);
         }

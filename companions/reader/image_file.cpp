@@ -72,6 +72,9 @@ static host::Digest DigestOfZeros(uint64_t length)
 bool ZeroChunks::Has(const ImageHeader &header, const ChunkEntry &entry, uint64_t i)
 {
     const uint32_t length = LengthOfChunk(header, i);
+    if (length > longestZeroChunk || (entry.storedLength != 0 && entry.storedLength != length)) {
+        return false;
+    }
     auto known =
         std::find_if(digests.begin(), digests.end(), [length](const auto &pair) { return pair.first == length; });
     if (known == digests.end()) {

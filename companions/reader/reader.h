@@ -119,9 +119,13 @@ using TakeTable =
 // that there is one.
 ImageFacts ReadImageTable(const std::string &path, const TakeTable &take);
 
+// Chunks longer than this are not known as zeros: an image names any length, and to digest so many costs the time of
+// whoever only looks at it.
+constexpr uint32_t longestZeroChunk = uint32_t{64} << 20;
+
 // Knows chunks of nothing but zeros by their digest.
 struct ZeroChunks {
-    // True if the entry of chunk i has the digest of zeros.
+    // True if the entry of chunk i has the digest of zeros, of as many as the chunk is long.
     bool Has(const ImageHeader &header, const ChunkEntry &entry, uint64_t i);
 
     std::vector<std::pair<uint32_t, host::Digest>> digests; // by length; there are three lengths at most
@@ -151,8 +155,9 @@ constexpr uint8_t storedNowhere = 255;
 struct OpenOptions {
     std::string passwordFile; // empty: none was given
     host::Caching caching = host::Caching::Medium;
-    uint32_t threads = 1; // to derive keys on
-    bool isAlone = false; // leaves the base where it is: only what the image stores itself can be read
+    uint32_t threads = 1;   // to derive keys on
+    bool isAlone = false;   // leaves the base where it is: only what the image stores itself can be read
+    bool needsOnly = false; // of a sealed image of which nothing is needed no key is derived and no password asked for
 };
 
 struct Chain {

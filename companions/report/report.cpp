@@ -175,23 +175,32 @@ static std::string TimeText(double seconds)
     return text;
 }
 
-std::string ProgressLine(const std::string &title, uint64_t doneBytes, uint64_t totalBytes, double seconds,
-                         uint32_t columns)
+static std::string RateText(double rate, Unit unit)
+{
+    char text[64];
+    snprintf(text, sizeof(text), unit == Unit::Bytes ? "%.1f MiB/s" : "%.1f files/s",
+             unit == Unit::Bytes ? rate / 1048576 : rate);
+    return text;
+}
+
+std::string ProgressLine(const std::string &title, uint64_t done, uint64_t total, double seconds, uint32_t columns,
+                         Unit unit)
 {
     constexpr uint32_t barWidth = 20;
-    const double share = totalBytes == 0 ? 1 : static_cast<double>(doneBytes) / static_cast<double>(totalBytes);
-    const double rate = seconds > 0 ? static_cast<double>(doneBytes) / seconds : 0;
-    const double left = rate > 0 ? static_cast<double>(totalBytes - std::min(totalBytes, doneBytes)) / rate : 0;
+    const double share = total == 0 ? 1 : static_cast<double>(done) / static_cast<double>(total);
+    const double rate = seconds > 0 ? static_cast<double>(done) / seconds : 0;
+    const double left = rate > 0 ? static_cast<double>(total - std::min(total, done)) / rate : 0;
     const auto filled = static_cast<size_t>(std::min(1.0, share) * barWidth);
-    char figures[96];
-    snprintf(figures, sizeof(figures), "] %3.0f %%  %.1f MiB/s  ", share * 100, rate / 1048576);
-    std::string line = "[" + std::string(filled, '#') + std::string(barWidth - filled, '.') + figures +
-                       (rate > 0 ? TimeText(left) : "-:--:--") + " left  " + Printable(title);
+    char percent[32];
+    snprintf(percent, sizeof(percent), "] %3.0f %%  ", share * 100);
+    std::string line = "[" + std::string(filled, '#') + std::string(barWidth - filled, '.') + percent +
+                       RateText(rate, unit) + "  " + (rate > 0 ? TimeText(left) : "-:--:--") + " left  " +
+                       Printable(title);
     return line.substr(0, columns);
 }
 
-Progress::Progress(bool isWanted, const std::string &titleToShow, uint64_t bytes)
-    : columns(isWanted ? host::ErrorTerminalColumns() : 0), title(titleToShow), totalBytes(bytes),
+Progress::Progress(bool isWanted, const std::string &titleToShow, uint64_t totalToDo, Unit unitOfTotal)
+    : columns(isWanted ? host::ErrorTerminalColumns() : 0), title(titleToShow), total(totalToDo), unit(unitOfTotal),
       begin(std::chrono::steady_clock::now()), shown(begin)
 {
 }
@@ -209,10 +218,10 @@ void Progress::Hide()
     columns = 0;
 }
 
-void Progress::Add(uint64_t bytes)
+void Progress::Add(uint64_t amount)
 {
     constexpr auto pause = std::chrono::milliseconds(200);
-    const uint64_t done = doneBytes += bytes;
+    const uint64_t doneNow = done += amount;
     const std::unique_lock<std::mutex> lock(mutex, std::try_to_lock);
     const auto now = std::chrono::steady_clock::now();
     if (columns == 0 || !lock.owns_lock() || now - shown < pause) {
@@ -220,6 +229,6 @@ void Progress::Add(uint64_t bytes)
     }
     shown = now;
     const double seconds = std::chrono::duration<double>(now - begin).count();
-    fprintf(stderr, "\r%s", ProgressLine(title, done, totalBytes, seconds, columns - 1).c_str());
+    fprintf(stderr, "\r%s", ProgressLine(title, doneNow, total, seconds, columns - 1, unit).c_str());
     fflush(stderr);
 }

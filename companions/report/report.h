@@ -67,25 +67,29 @@ struct JsonOutput {
 
 // ---- Progress ----
 
+// What progress is counted in.
+enum class Unit { Bytes, Files };
+
 // A bar on the error stream, where that is a terminal and the bar is wanted. Any thread may add to it.
 struct Progress {
-    Progress(bool isWanted, const std::string &titleToShow, uint64_t bytes);
+    Progress(bool isWanted, const std::string &titleToShow, uint64_t totalToDo, Unit unitOfTotal = Unit::Bytes);
     Progress(const Progress &) = delete;
     Progress &operator=(const Progress &) = delete;
     ~Progress();
 
-    void Add(uint64_t bytes);
+    void Add(uint64_t amount);
     void Hide(); // takes the bar away; whoever prints calls it before
 
     uint32_t columns = 0; // 0: nothing is shown
     std::string title;
-    uint64_t totalBytes = 0;
-    std::atomic<uint64_t> doneBytes = 0;
+    uint64_t total = 0;
+    Unit unit = Unit::Bytes;
+    std::atomic<uint64_t> done = 0;
     std::chrono::steady_clock::time_point begin;
     std::mutex mutex;
     std::chrono::steady_clock::time_point shown;
 };
 
 // The line that such a bar shows: at most columns characters.
-std::string ProgressLine(const std::string &title, uint64_t doneBytes, uint64_t totalBytes, double seconds,
-                         uint32_t columns);
+std::string ProgressLine(const std::string &title, uint64_t done, uint64_t total, double seconds, uint32_t columns,
+                         Unit unit = Unit::Bytes);

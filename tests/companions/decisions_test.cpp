@@ -168,4 +168,6 @@ TEST(ProgressBar, ShowsShareRateAndTimeLeftAndFitsTheTerminal)
               "[#####...............]  25 %  5.0 MiB/s  0:00:30 left  a");
     EXPECT_EQ(ProgressLine("a", 0, 0, 0, 80), "[####################] 100 %  0.0 MiB/s  -:--:-- left  a");
     EXPECT_EQ(ProgressLine("a", 0, 100, 0, 10).size(), 10U);
+    EXPECT_EQ(ProgressLine("a", 30, 120, 10, 80, Unit::Files),
+              "[#####...............]  25 %  3.0 files/s  0:00:30 left  a");
 }

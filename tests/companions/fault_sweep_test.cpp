@@ -435,6 +435,28 @@ TEST_F(KestrixImageSweeps, MemoryThatTheSystemLacksForAReadIsNoDamage)
     EXPECT_GE(failed, 4U); // as many as there are chunks
 }
 
+// Whatever is read from then on fails, the file's first byte too. Where a single read fails, the rest is there.
+TEST_F(KestrixImageSweeps, AMediumThatGoesAwayIsNoDamageAndABadPlaceOnItIs)
+{
+    const std::vector<std::vector<std::string>> commands = {
+        {"check", "images/base.kstx", "-j", "1"},
+        {"extract", "images/base.kstx", "--out", "new", "-j", "1"},
+        {"repair", "images/base.kstx", "--out", "new", "--twins", "images", "-j", "1"}};
+    for (const std::vector<std::string> &arguments : commands) {
+        uint64_t bad = 0;
+        for (uint64_t nth = 1; nth < 100; ++nth) {
+            const Ending gone = Run(arguments, {"pread", nth, true, EIO});
+            if (gone.callsFailed == 0) {
+                break;
+            }
+            EXPECT_EQ(gone.status, 3) << Describe({"pread", nth, true, EIO}, gone);
+            EXPECT_TRUE(gone.newFiles.empty());
+            bad += Run(arguments, {"pread", nth, false, EIO}).status == 1 ? 1 : 0;
+        }
+        EXPECT_EQ(bad, arguments[0] == "repair" ? 0U : 4U) << arguments[0]; // as many as there are chunks
+    }
+}
+
 TEST_F(KestrixImageSweeps, ThreadsThatCannotBeHadAreDoneWithout)
 {
     for (const char *command : {"check", "extract"}) {

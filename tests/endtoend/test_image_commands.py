@@ -1,17 +1,41 @@
 """The subcommands of kestrix-image one by one, on files of the independent writer and disks in files."""
 import fcntl
+import functools
 import os
+import pty
+import re
+import resource
 import shutil
 import signal
+import struct
 import subprocess
+import tempfile
+import termios
 import time
 
-from harness import KIB, MIB, SANITIZERS, Started, needs, why_no_mounts
+from harness import KIB, MIB, SANITIZERS, TIME_LIMIT, Started, needs, why_no_loop_devices, why_no_mounts
 from image_machine import COMMAND_LINE, FOUND, GOOD, IMPOSSIBLE, ImageMachineTest
 from kestrix_image import make_chain, seeded_disk
 
 CHUNK = 4096
 TABLE = 64 + 72 * 4  # bytes before the data of a disk of four chunks
+
+
+def why_no_exfat():
+    return None if shutil.which("mkfs.exfat") and shutil.which("mount.exfat-fuse") else "no exFAT over FUSE"
+
+
+def why_no_ntfs():
+    return None if shutil.which("mkfs.ntfs") and shutil.which("lowntfs-3g") else "no NTFS over FUSE"
+
+
+@functools.lru_cache(maxsize=None)
+def why_no_medium():
+    """Files in memory are read from no device."""
+    with tempfile.TemporaryDirectory(prefix="kestrix-medium-") as folder:
+        kind = subprocess.run(["stat", "--file-system", "--format=%T", folder], stdout=subprocess.PIPE, text=True,
+                              check=True).stdout.strip()
+        return "the tests' files lie in memory" if kind in ("tmpfs", "ramfs") else None
 
 
 class CommandTest(ImageMachineTest):
@@ -35,6 +59,27 @@ class CommandTest(ImageMachineTest):
     def left(self, *names):
         """What lies in the working folder besides what the test put there."""
         return sorted(set(os.listdir(self.images)) - {"p", *names})
+
+    def other_file_system(self, make, mount):
+        """The folder "other" as a file system made and mounted by these commands."""
+        backing, folder = os.path.join(self.folder, "other-file-system"), self.path("other")
+        with open(backing, "wb") as file:
+            file.truncate(16 * MIB)
+        os.mkdir(folder)
+        device = self.loop_device(backing)
+        self.must(*make, device)
+        self.must(*mount, device, folder)
+        self.addCleanup(self.must, "umount", folder)
+        return folder
+
+    def usage(self, *words):
+        """What a run, which must be good, took of the system."""
+        process = subprocess.Popen([self.imageProgram, *words], cwd=self.images, stdout=subprocess.DEVNULL,
+                                   env={**SANITIZERS, **os.environ})
+        _, status, usage = os.wait4(process.pid, 0)
+        process.returncode = os.waitstatus_to_exitcode(status)
+        self.assertEqual(process.returncode, GOOD)
+        return usage
 
 
 class CommandLine(CommandTest):
@@ -112,6 +157,17 @@ class Info(CommandTest):
         self.assertEqual(self.info("a", FOUND)["bytesMissing"], 7)
         self.file("a", whole + b"123")
         self.assertEqual(self.info("a", FOUND)["bytesTooMany"], 3)
+
+    def test_a_chunk_of_any_length_costs_no_time(self):
+        def huge(record):
+            record.header.chunkSize, record.header.diskSize = 2**32 - 1, 2**33 - 3
+            for entry in record.table:
+                entry.storedLength = 0
+            record.data[:] = [b""] * len(record.data)
+        self.image("a", bytes(3 * CHUNK), edit=huge)
+        before = resource.getrusage(resource.RUSAGE_CHILDREN).ru_utime
+        self.assertEqual(self.ask("info", "a")[1]["files"][0]["zeroChunks"], 0)
+        self.assertLess(resource.getrusage(resource.RUSAGE_CHILDREN).ru_utime - before, 1)
 
     def test_what_is_no_whole_image_is_called_by_its_state(self):
         self.image("a", self.content)
@@ -289,6 +345,99 @@ class Check(CommandTest):
         small, large = (self.peak_memory("check", name, "-j", "1", *self.secret) for name in ("small", "a"))
         self.assertLess(large, small + 17 * MIB)
 
+    def test_what_the_tables_refuse_is_not_told_as_checked(self):
+        def hollow(record):
+            record.table[1].storedLength, record.data[1] = 0, b""
+        self.image("a", self.content, edit=hollow)
+        image = self.check_of("a")
+        self.assertEqual(([bad["cause"] for bad in image["badChunks"]], image["checkedBytes"]),
+                         (["notStored"], 2 * CHUNK + 100))
+
+    def test_a_sealed_image_that_stores_nothing_asks_for_no_password_of_its_own(self):
+        base = self.image("a", self.content)
+        self.image("b", self.content, b"secret", base)
+        self.assertEqual(self.check_of("b", "--own")["verdict"], "sound")
+        self.assertEqual(self.check_of("b")["verdict"], "impossible")  # as for kestrix, which restores it
+        self.assertEqual(self.ask("extract", "b", "--out", "o")[0], GOOD)
+        self.assertEqual(self.file_bytes("o"), self.content)
+        whole = self.file_bytes("b")
+        self.file("b", whole[:64 + 72 * 4] + b"more" + whole[64 + 72 * 4:])
+        self.assertEqual(self.ask("repair", "b", "--out", "new")[1]["result"], "whole")
+        self.assertEqual(self.file_bytes("new"), whole)
+
+    def read_from_device(self, *words):
+        with open(self.path("a"), "rb") as file:
+            file.read()  # so that the system remembers it
+        return self.usage(*words).ru_inblock * 512
+
+    @needs(why_no_medium)
+    def test_the_medium_is_read_and_not_what_the_system_remembers_of_it(self):
+        content = seeded_disk(8 * MIB, 3)
+        self.image("a", content, chunkSize=MIB)
+        self.disk(1, content)
+        self.file("raw", content)
+        for name in (self.path("a"), self.path("raw"), self.disk_path(1)):
+            with open(name, "rb") as file:
+                os.fsync(file.fileno())
+        commands = (("check", "a"), ("compare", "a", "--disk", "1"), ("compare", "a", "--file", "raw"),
+                    ("extract", "a", "--out", "o"))
+        for words in commands:
+            for name in ("raw", self.disk_path(1)):
+                with open(self.path(name), "rb") as file:
+                    file.read()
+            with self.subTest(words):
+                self.assertGreaterEqual(self.read_from_device(*words), len(content))
+        os.unlink(self.path("o"))
+        for words in commands[:-2]:
+            for name in ("a", self.disk_path(1)):
+                with open(self.path(name), "rb") as file:
+                    file.read()
+            with self.subTest(words):
+                self.assertLess(self.read_from_device(*words, "--cached"), len(content) // 2)
+
+
+class ProgressBar(CommandTest):
+    def run_on_terminal(self, stopAfter, *words):
+        """What a run, held up for a moment, shows on a terminal of 80 columns."""
+        master, slave = pty.openpty()
+        fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("HHHH", 24, 80, 0, 0))
+        process = subprocess.Popen([self.imageProgram, *words], cwd=self.images, stdin=subprocess.DEVNULL,
+                                   stdout=subprocess.DEVNULL, stderr=slave, env={**SANITIZERS, **os.environ})
+        os.close(slave)
+        time.sleep(stopAfter)
+        process.send_signal(signal.SIGSTOP)
+        time.sleep(0.3)  # longer than the bar waits
+        process.send_signal(signal.SIGCONT)
+        shown = b""
+        try:
+            while piece := os.read(master, 4096):
+                shown += piece
+        except OSError:  # how the end of a terminal is told
+            pass
+        os.close(master)
+        self.assertEqual(process.wait(TIME_LIMIT), GOOD)
+        return shown.decode()
+
+    def seen(self, *words):
+        for attempt in range(60):
+            shown = self.run_on_terminal(0.002 * attempt, *words)
+            if "[" in shown:
+                return shown
+        return self.fail("no bar was shown")
+
+    def test_it_is_shown_on_a_terminal_in_bytes_and_leaves_nothing_there(self):
+        self.image("a", bytes(64 * MIB), chunkSize=64 * KIB)
+        shown = self.seen("check", "a", "-j", "1")
+        self.assertRegex(shown, r"^(\r\[[#.]{20}\] +\d+ %  [\d.]+ MiB/s  \d+:\d\d:\d\d left  a)+\r {79}\r$")
+        self.assertEqual(self.run_on_terminal(0.01, "check", "a", "-j", "1", "--quiet"), "")
+
+    def test_a_folder_is_counted_in_files(self):
+        os.mkdir(self.path("many"))
+        self.image("many/0", bytes(20000), chunkSize=1)
+        for i in range(1, 200):
+            os.symlink("0", self.path(f"many/{i}"))
+        self.assertTrue(re.search(r"[\d.]+ files/s  ", self.seen("tree", "many", "-j", "1")))
+
 
 class Compare(CommandTest):
     def compare(self, *words):
@@ -379,7 +528,7 @@ class Diff(CommandTest):
         status, said = self.ask("diff", "a", "full")
         self.image("thin", self.changed(2), b"secret", base)
         self.assertEqual((status, said["thinBytes"]), (FOUND, self.file_size("thin")))
-        self.assertEqual(said["ranges"], [{"diskOffset": 2 * CHUNK, "lengthBytes": CHUNK}])
+        self.assertEqual(said["ranges"], [{"diskOffset": 2 * CHUNK, "lengthBytes": CHUNK, "state": "differs"}])
         self.assertEqual(self.ask("diff", "full", "thin")[0], GOOD)
 
     def test_disks_of_two_sizes_differ_at_their_end(self):
@@ -387,7 +536,21 @@ class Diff(CommandTest):
         self.image("b", self.content[:2 * CHUNK])
         status, said = self.ask("diff", "a", "b")
         self.assertEqual((status, said["thinBytes"]), (FOUND, None))
-        self.assertEqual(said["ranges"], [{"diskOffset": 2 * CHUNK, "lengthBytes": CHUNK + 100}])
+        self.assertEqual(said["ranges"],
+                         [{"diskOffset": 2 * CHUNK, "lengthBytes": CHUNK + 100, "state": "differs"}])
+
+    def test_an_end_that_no_chunk_covers_is_named_and_not_equal(self):
+        def larger(record):
+            record.header.diskSize += 2 * CHUNK
+        whole = seeded_disk(4 * CHUNK, 1)
+        self.image("a", whole)
+        self.image("b", whole, edit=larger)
+        for pair in (("a", "b"), ("b", "a"), ("b", "b")):
+            status, said = self.ask("diff", *pair)
+            self.assertEqual((status, said["result"], said["bytesWithoutChunks"]), (FOUND, "different", 2 * CHUNK))
+            self.assertEqual(said["ranges"],
+                             [{"diskOffset": 4 * CHUNK, "lengthBytes": 2 * CHUNK, "state": "notInImage"}])
+        self.assertIn(b"for the last 8192 bytes", self.image_program("diff", "b", "b").out)
 
     def test_tables_of_two_chunk_sizes_don_t_compare(self):
         self.image("a", self.content)
@@ -453,6 +616,20 @@ class Extract(CommandTest):
         status, said = self.extract("a", "--twin-disk", "1")
         self.assertEqual((status, said["twins"]), (GOOD, [{"chunk": 1, "from": "PhysicalDrive1"}]))
         self.assertEqual(self.file_bytes("o"), self.content)
+
+    def test_where_twins_are_looked_for_is_opened_before_a_file_is_made(self):
+        self.image("a", self.content)
+        said = self.ask("extract", "a", "--out", "absent/o", "--twins", "nowhere")[1]
+        self.assertIn("nowhere: ", said["fault"])
+
+    @needs(why_no_exfat, why_no_loop_devices)
+    def test_a_file_system_without_links_takes_it_and_nothing_is_replaced_there(self):
+        folder = self.other_file_system(("mkfs.exfat",), ("mount.exfat-fuse",))
+        self.image("a", self.content)
+        out = os.path.join(folder, "o")
+        self.assertEqual(self.ask("extract", "a", "--out", out)[0], GOOD)
+        self.assertEqual((self.file_bytes(out), os.listdir(folder)), (self.content, ["o"]))
+        self.assertEqual(self.ask("extract", "a", "--out", out)[0], IMPOSSIBLE)
 
     def test_nothing_that_is_there_is_replaced(self):
         self.image("a", self.content)
@@ -556,6 +733,41 @@ class Repair(CommandTest):
             self.assertIn(says, " ".join(said["lacks"]))
             self.file("a", whole)
         self.assertEqual(self.left("a", "twins"), [])
+
+    def test_a_sector_that_the_chunks_or_the_base_contradict_is_lacking(self):
+        self.chain(None)
+        for place in (64 + 72 * 4 + 5, 20):  # a chunk, and the size of a sector: 513
+            self.flip("a", place)
+        os.unlink(self.path("b"))
+        status, said = self.repair("a", "--twins", "twins")
+        self.assertEqual((status, said["result"]), (FOUND, "lacking"))
+        self.assertIn("about the sectors", " ".join(said["lacks"]))
+        shutil.copy(self.path("twins/a"), self.path("a"))
+        content = bytearray(self.file_bytes("twins/b"))
+        content[20:24] = struct.pack("<I", 1024)
+        content[TABLE + 5] ^= 1
+        self.file("b", content)
+        os.unlink(self.path("twins/b"))
+        self.disk(2, self.changed(1))
+        status, said = self.repair("b", "--twin-disk", "2")
+        self.assertEqual((status, said["result"]), (FOUND, "lacking"))
+        self.assertIn("nothing vouches for the trailer", " ".join(said["lacks"]))
+
+    @needs(why_no_ntfs, why_no_loop_devices)
+    def test_a_name_whose_case_changed_is_lacking_where_the_file_system_minds_none(self):
+        folder = self.other_file_system(("mkfs.ntfs", "-F", "-Q"), ("lowntfs-3g", "-o", "ignore_case"))
+        base = self.image("other/base", self.content)
+        self.image("other/b", self.changed(1), base=base)
+        place = self.file_bytes("other/b").rindex(b"base")
+        content = bytearray(self.file_bytes("other/b"))
+        content[place] ^= 0x20
+        content[TABLE + 5] ^= 1
+        self.file("other/b", content)
+        self.disk(2, self.changed(1))
+        status, said = self.repair("other/b", "--twin-disk", "2")
+        self.assertEqual((status, said["result"]), (FOUND, "lacking"))
+        self.assertIn("letter by letter", " ".join(said["lacks"]))
+        self.assertEqual(sorted(os.listdir(folder)), ["b", "base"])
 
     def test_a_header_that_changed_is_told_by_what_stands_on_it(self):
         self.chain(None)
