@@ -4,7 +4,7 @@ import os
 import random
 import subprocess
 
-from machine import PATIENCE, Disk, Machine, PROMPT
+from machine import PLAIN_DIGESTS, PROMPT, Disk, Machine
 
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 WORK = os.path.join(ROOT, "build", "rehearse")
@@ -79,16 +79,16 @@ def past_firmware():
     listed = host("xorriso", "-osirrox", "on", "-indev", STICK, "-report_about", "WARNING", "-lsl", "/rescue")
     name = [word for word in listed.replace("'", " ").split() if word.endswith(".squashfs")][0]
     options = (f"boot=rescue rescue={name.removesuffix('.squashfs')} console=tty0 console=ttyS0,115200 quiet noresume "
-               "systemd.gpt_auto=0")
+               "systemd.gpt_auto=0 no_timer_check")
     return os.path.join(RESCUE, "vmlinuz"), os.path.join(RESCUE, "initrd"), options
 
 
 def reach_prompt(machine, seconds=420):
     """From the firmware, or past it, to the shell of the stick, which is made ready for long lines."""
     machine.expect(PROMPT, seconds=seconds)
-    machine.type("stty cols 2000; bind 'set enable-bracketed-paste off'; export TERM=dumb PAGER=cat")
+    machine.type("stty cols 2000; bind 'set enable-bracketed-paste off'; export TERM=dumb PAGER=cat " + PLAIN_DIGESTS)
     machine.expect(PROMPT)
 
 
-__all__ = ["CASES", "Disk", "MIB", "Machine", "PATIENCE", "PROMPT", "RESCUE", "ROOT", "STICK", "WORK", "blank", "case",
-           "digest", "digests", "host", "noise", "past_firmware", "reach_prompt", "stick"]
+__all__ = ["CASES", "Disk", "MIB", "Machine", "PLAIN_DIGESTS", "PROMPT", "RESCUE", "ROOT", "STICK", "WORK", "blank",
+           "case", "digest", "digests", "host", "noise", "past_firmware", "reach_prompt", "stick"]

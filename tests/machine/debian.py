@@ -17,9 +17,9 @@ LEFT_OUT = ["/lib/modules/*/kernel/sound/*", "/lib/modules/*/kernel/drivers/medi
             "/lib/modules/*/kernel/drivers/net/ethernet/*", "/lib/modules/*/kernel/drivers/infiniband/*",
             "/lib/modules/*/kernel/drivers/staging/*", "/lib/modules/*/kernel/drivers/iio/*",
             "/lib/modules/*/kernel/drivers/hwmon/*", "/usr/share/doc/*", "/usr/share/man/*", "/usr/share/locale/*"]
-ROOT_MIB = 760
+ROOT_MIB = 600
 EFI_MIB = 48
-DISK_MIB = 860
+DISK_MIB = 680
 
 
 # There is one folder with the system, and machines are made from it side by side.

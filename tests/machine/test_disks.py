@@ -124,8 +124,9 @@ def test_system_disk(folder):
 
 # Each: what takes disk A into use, and what lets it go.
 USES = [
-    ("mounted", "mkfs.ext4 -q -F $A; mount $A /new", "umount /new"),
-    ("a partition of it mounted", "printf 'start=1MiB\\n' | sfdisk -q $A; udevadm settle; mkfs.ext4 -q ${A}1; "
+    ("mounted", "mkfs.ext4 -q -F -E lazy_itable_init=0,lazy_journal_init=0 $A; mount $A /new", "umount /new"),
+    ("a partition of it mounted", "printf 'start=1MiB\\n' | sfdisk -q $A; udevadm settle; "
+     "mkfs.ext4 -q -E lazy_itable_init=0,lazy_journal_init=0 ${A}1; "
      "mount ${A}1 /new", "umount /new"),
     ("swap", "mkswap -q $A; swapon $A", "swapoff $A"),
     ("an active volume group", "pvcreate -qy $A; vgcreate -q v $A; lvcreate -qy -n l -L 16M v",
@@ -152,7 +153,7 @@ def test_in_use(folder):
         for name, take, let_go in USES:
             machine.run(take, seconds=120)
             # What the kernel still has to write is none of what is looked for.
-            machine.run("sync; sleep 1; sync; blockdev --flushbufs $A; " + READ + " >/tmp/before")
+            machine.run("sync; sleep 3; sync; blockdev --flushbufs $A; " + READ + " >/tmp/before")
             said = machine.run("kestrix restore --in /tmp/source.kstx --disk $N --confirm YES", status=1)
             assert "FATAL" in said or "Could not" in said, f"{name}: {said}"
             said = machine.run("kestrix-keep restore --image /tmp/source.kstx --disk serial:USED-DISK "

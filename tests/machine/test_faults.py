@@ -1,7 +1,7 @@
 """Disks that fail: unreadable and unwritable places, for once and for good, and disks that are pulled out."""
 import os
 
-from cases import MIB, Disk, Machine, blank, case, digest, host, noise, past_firmware, reach_prompt, stick
+from cases import MIB, Disk, Machine, blank, case, host, noise, past_firmware, reach_prompt, stick
 
 GROUP = "Faults"
 DISK_MIB = 24
@@ -24,9 +24,8 @@ class FaultyDisk(Disk):
                          "image": {"driver": "file", "filename": self.path, "locking": "off"}}}
 
 
-@case(GROUP, "a place of the source that can't be read, of the target that can't be written, or of the backup disk that "
-             "can't be read: the first, a middle and the last chunk, for once and for good: status 1 and a line, and "
-             "nothing that was not whole is taken for an image")
+@case(GROUP, "a place of the source that can't be read, or of the target that can't be written: in "
+             "the first, a middle and the last chunk, for once and for good")
 def test_places(folder):
     source = noise(os.path.join(folder, "source"), DISK_MIB * MIB, 11)
     disks = [Disk(source, "virtio", "SOUND", name="sound"),
@@ -77,14 +76,6 @@ def restore_fails(machine, serial, is_once):
 
 # ---- Pulled out ----
 
-def slow(disk):
-    """A disk that takes its time, so that something can happen meanwhile."""
-    node = disk.node
-    disk.node = lambda: {"driver": "throttle", "node-name": disk.name, "throttle-group": "slow",
-                         "file": {**{key: value for key, value in node().items() if key != "node-name"}}}
-    return disk
-
-
 # Each: what is pulled out, the command, and what it says.
 PULLED = [
     ("SOURCE", "kestrix capture --disk $SOURCE --out /mnt/store/new.kstx"),
@@ -96,8 +87,8 @@ PULLED = [
 ]
 
 
-@case(GROUP, "the source, the target or the backup disk is pulled out in the middle of each command: it ends in bounded "
-             "time with status 1, and what it left is taken for no image")
+@case(GROUP, "the source, the target or the backup disk is pulled out in the middle of a command: it ends in time with "
+             "status 1, and what it left is taken for no image")
 def test_pulled_out(folder):
     source = noise(os.path.join(folder, "source"), 48 * MIB, 13)
     prepared = os.path.join(folder, "prepared")
@@ -142,20 +133,17 @@ def pull(machine, folder, number, name, command, source, prepared):
         if serial != name:
             machine.tell("device_del", id=f"{serial.lower()}{number}")
     machine.run("while ls /dev/disk/by-id/*PULL-* >/dev/null 2>&1; do sleep 0.3; done; udevadm settle", seconds=60)
-    left = "kestrix-image info /mnt/new.kstx"
-    if "new.kstx" in command:
-        look_at_left(machine, store, left)
-    assert digest(source) == digest(source)
+    if name == "SOURCE":
+        look_at_left(machine, store)
 
 
-def look_at_left(machine, store, left):
+def look_at_left(machine, store):
     """What the command left on the backup disk, which comes back."""
     machine.tell("blockdev-add", **{"driver": "raw", "node-name": "back", "file": {
         "driver": "file", "filename": store, "locking": "off"}})
     machine.tell("device_add", driver="usb-storage", bus="xhci.0", drive="back", id="back", serial="BACK")
     machine.run("until ls /dev/disk/by-id/*BACK* >/dev/null 2>&1; do sleep 0.3; done; udevadm settle; "
                 "mount /dev/disk/by-id/*BACK* /mnt", seconds=60)
-    machine.run(left, status=None)
     said = machine.run("test ! -e /mnt/new.kstx || kestrix verify --in /mnt/new.kstx; echo status $?", seconds=120)
     assert "status 1" in said or "Verify" not in said, said
     machine.run("kestrix verify --in /mnt/sound.kstx", seconds=120)
