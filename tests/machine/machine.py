@@ -38,9 +38,10 @@ class Disk:
         return {"driver": "raw", "node-name": self.name, "read-only": read_only == "on",
                 "file": {"driver": "file", "filename": self.path, "locking": "off", "read-only": read_only == "on"}}
 
-    def device(self, by_firmware):
-        options = {"virtio": "virtio-blk-pci", "sata": "ide-hd", "nvme": "nvme", "usb": "usb-storage,bus=xhci.0",
-                   "scsi": "scsi-hd,bus=scsi.0", "cd": "ide-cd", "floppy": "floppy"}[self.kind]
+    def device(self, by_firmware, port):
+        options = {"virtio": "virtio-blk-pci", "sata": f"ide-hd,bus=ide.{port}", "nvme": "nvme",
+                   "usb": "usb-storage,bus=xhci.0",
+                   "scsi": "scsi-hd,bus=scsi.0", "cd": f"ide-cd,bus=ide.{port}", "floppy": "floppy"}[self.kind]
         options += f",drive={self.name},id=dev-{self.name}"
         if self.serial:
             options += f",serial={self.serial}"
@@ -97,9 +98,12 @@ class Machine:
                    "-device", "virtio-scsi-pci,id=scsi", *self._firmware()]
         if self.network:
             command += ["-netdev", "user,id=network", "-device", "virtio-net-pci,netdev=network,addr=0x3"]
+        ports = 0
         for number, disk in enumerate(self.disks):
             disk.name = disk.name or f"disk{number}"
-            command += ["-blockdev", json.dumps(disk.node()), "-device", disk.device(not isinstance(self.boots, tuple))]
+            command += ["-blockdev", json.dumps(disk.node()), "-device",
+                        disk.device(not isinstance(self.boots, tuple), ports)]
+            ports += disk.kind in ("sata", "cd")
         return command
 
     def __enter__(self):
