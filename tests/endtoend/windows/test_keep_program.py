@@ -1,5 +1,5 @@
-"""kestrix-keep.exe under Wine, whose disks tell little and whose files all belong to a user: what it says of images in a
-folder is what it says on Linux, and what it can't know or trust it says and refuses."""
+"""kestrix-keep.exe under Wine, whose disks tell little and whose files all belong to a user: what it says of images
+in a folder is what it says on Linux, and what it can't know or trust it says and refuses."""
 import json
 import os
 import shutil
