@@ -9,8 +9,9 @@
 // twice, with the file as long as the writes in it reach, and, where that is shorter, with its final length. Stretches
 // of zeros on the disk, as long as a unit, make states that lack writes and are complete all the same. An ordinary run
 // takes one subset in 5 of files of few and small chunks and one in 61 of the others, more than 100,000 states in all,
-// and on Windows and with sanitizers one in 601; with KESTRIX_CRASH_STATES=whole in the environment it takes every one, and their numbers
-// must be those counted by hand below. If KESTRIX_FIGURES names a folder, the counts go into crash_states.tsv there.
+// and on Windows and with sanitizers one in 601; with KESTRIX_CRASH_STATES=whole in the environment it takes every one,
+// and their numbers must be those counted by hand below. If KESTRIX_FIGURES names a folder, the counts go into
+// crash_states.tsv there.
 #include "powercut/crash_states.h"
 #include "simulator/run_command.h"
 
