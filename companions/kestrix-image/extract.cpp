@@ -126,43 +126,26 @@ static std::optional<reader::Fault> ExtractChunks(ExtractRun &run)
                       {[&progress](uint64_t bytes) { progress.Add(bytes); }, [&run] { return !run.isOver; }});
 }
 
-static std::vector<LostChunk> LostChunks(const ExtractRun &run)
-{
-    std::vector<LostChunk> lost;
-    const Chain &chain = run.chain;
-    for (uint64_t i = 0; i < chain.ChunkCount(); ++i) {
-        if (run.verdicts.FaultOf(i) != nullptr && reader::LiesOnDisk(chain.Header(), i)) {
-            LostChunk chunk;
-            chunk.chunk = i;
-            chunk.diskOffset = i * chain.Header().chunkSize;
-            chunk.length = reader::LengthOfChunk(chain.Header(), i);
-            memcpy(chunk.digest.data(), chain.images[0].table[i].hash, chunk.digest.size());
-            lost.push_back(chunk);
-        }
-    }
-    return lost;
-}
-
 static void MakeGood(ExtractRun &run, std::vector<LostChunk> &lost, std::vector<std::string> &notes)
 {
-    std::vector<uint64_t> written(lost.size()); // bytes of each that a twin gave
-    const auto take = [&](const LostChunk &chunk, uint64_t offset, const uint8_t *piece, size_t byteCount) {
-        uint64_t &ofChunk = written[static_cast<size_t>(&chunk - lost.data())];
-        if (offset == 0) { // where zeros are left out, nothing of an earlier twin may stand
-            Blank(run, chunk.diskOffset, std::exchange(ofChunk, 0));
+    const uint64_t chunkSize = run.chain.Header().chunkSize;
+    uint64_t begin = 0; // on the disk: where the chunk begins that was taken last, and how much of it was
+    uint64_t taken = 0;
+    const auto take = [&](uint64_t chunk, uint64_t offset, const uint8_t *piece, size_t byteCount) {
+        if (offset == 0) {
+            begin = chunk * chunkSize;
+            taken = 0;
         }
-        ofChunk += byteCount;
-        return WritePiece(run, chunk.diskOffset + offset, piece, byteCount);
+        taken += byteCount;
+        return WritePiece(run, begin + offset, piece, byteCount);
     };
     for (const reader::ImageFile &image : run.chain.images) {
         run.twinPlaces.known.push_back(image.facts.identity);
     }
-    FindTwins(run.common, run.twinPlaces, lost, notes, take);
-    for (size_t i = 0; i < lost.size(); ++i) {
-        if (lost[i].isFound) {
-            run.verdicts.Clear(lost[i].chunk);
-        } else {
-            Blank(run, lost[i].diskOffset, written[i]);
+    FindTwins(run.common, run.chain, run.twinPlaces, lost, notes, take, [&] { Blank(run, begin, taken); });
+    for (const LostChunk &chunk : lost) {
+        if (chunk.isFound) {
+            run.verdicts.Clear(chunk.chunk);
         }
     }
 }
@@ -241,7 +224,11 @@ static std::optional<reader::Fault> RunExtract(ExtractRun &run, std::vector<Lost
         fault = ExtractChunks(run);
     }
     if (!fault && !run.writeTrouble && HasTwinPlaces(run.options)) {
-        lost = LostChunks(run);
+        lost = LostChunks(run.chain, run.verdicts);
+        lost.erase(std::remove_if(
+                       lost.begin(), lost.end(),
+                       [&run](const LostChunk &chunk) { return !reader::LiesOnDisk(run.chain.Header(), chunk.chunk); }),
+                   lost.end());
         MakeGood(run, lost, notes);
     }
     if (!fault && run.writeTrouble) {
@@ -254,17 +241,6 @@ static std::optional<reader::Fault> RunExtract(ExtractRun &run, std::vector<Lost
         fault = FinishFiles(run);
     }
     return fault;
-}
-
-static void ReportTwins(JsonOutput &output, const std::vector<LostChunk> &lost)
-{
-    for (const LostChunk &chunk : lost) {
-        if (chunk.isFound && output.wanted) {
-            output.Item({{"chunk", chunk.chunk}, {"from", chunk.foundIn}});
-        } else if (chunk.isFound) {
-            PrintLine("  chunk " + std::to_string(chunk.chunk) + " was taken from " + chunk.foundIn);
-        }
-    }
 }
 
 static std::string MissingText(const ExtractRun &run)
@@ -295,7 +271,7 @@ static int Report(JsonOutput &output, const ExtractRun &run, const std::vector<L
     ReportBadChunks(output, run.chain, run.verdicts);
     output.End();
     output.BeginList("twins");
-    ReportTwins(output, lost);
+    ReportTwins(output, run.twinPlaces, lost);
     output.End();
     output.Member("notes", notes);
     for (const std::string &note : notes) {

@@ -318,31 +318,22 @@ static std::optional<reader::Fault> CopyChunks(RepairRun &run)
 
 static void TakeTwins(RepairRun &run)
 {
-    const Chain &chain = run.chain;
-    for (uint64_t i = 0; i < chain.ChunkCount(); ++i) {
-        if (run.verdicts.FaultOf(i) != nullptr) {
-            LostChunk chunk;
-            chunk.chunk = i;
-            chunk.diskOffset = i * chain.Header().chunkSize;
-            chunk.length = reader::LengthOfChunk(chain.Header(), i);
-            memcpy(chunk.digest.data(), chain.images[0].table[i].hash, chunk.digest.size());
-            run.lost.push_back(chunk);
-        }
-    }
+    run.lost = LostChunks(run.chain, run.verdicts);
     std::optional<StoredChunkWriter> writer;
-    const auto take = [&](const LostChunk &chunk, uint64_t offset, const uint8_t *piece, size_t byteCount) {
+    const auto take = [&](uint64_t chunk, uint64_t offset, const uint8_t *piece, size_t byteCount) {
         if (offset == 0) {
-            writer.emplace(run, chunk.chunk);
+            writer.emplace(run, chunk);
         }
         return writer->Take(piece, byteCount);
     };
     run.twinPlaces.known = {Facts(run).identity};
-    FindTwins(run.common, run.twinPlaces, run.lost, run.notes, take);
+    FindTwins(run.common, run.chain, run.twinPlaces, run.lost, run.notes, take);
     for (const LostChunk &chunk : run.lost) {
         if (chunk.isFound) {
             run.verdicts.Clear(chunk.chunk);
-        } else if (!chunk.foundIn.empty()) {
-            AddSentence(run.lacks, "chunk " + std::to_string(chunk.chunk) + " as it was sealed: " + chunk.foundIn +
+        } else if (chunk.place != nowhere) {
+            AddSentence(run.lacks, "chunk " + std::to_string(chunk.chunk) +
+                                       " as it was sealed: " + NameOfPlace(run.twinPlaces, chunk.place) +
                                        " has it, but under the recorded nonce it gives another tag");
         } else {
             AddSentence(run.lacks, "chunk " + std::to_string(chunk.chunk) + ": no twin of it was found");
@@ -442,21 +433,15 @@ static void ReportLists(JsonOutput &output, const RepairRun &run)
     output.End();
     output.Member("notes", run.notes);
     output.BeginList("twins");
-    for (const LostChunk &chunk : run.lost) {
-        if (chunk.isFound) {
-            output.Item({{"chunk", chunk.chunk}, {"from", chunk.foundIn}});
-        }
+    if (output.wanted) {
+        ReportTwins(output, run.twinPlaces, run.lost);
     }
     output.End();
 }
 
-static void PrintLists(const RepairRun &run)
+static void PrintLists(JsonOutput &output, const RepairRun &run)
 {
-    for (const LostChunk &chunk : run.lost) {
-        if (chunk.isFound) {
-            PrintLine("  chunk " + std::to_string(chunk.chunk) + " was taken from " + chunk.foundIn);
-        }
-    }
+    ReportTwins(output, run.twinPlaces, run.lost);
     for (const std::string &lack : run.lacks) {
         PrintLine("  lacking: " + lack);
     }
@@ -495,7 +480,7 @@ static int ReportRepair(JsonOutput &output, const RepairRun &run)
         PrintLine(run.options.image + (!isWhole   ? ": it can NOT be made whole; nothing was written"
                                        : isNeeded ? ": made whole in " + run.options.out
                                                   : ": nothing of it is damaged; nothing was written"));
-        PrintLists(run);
+        PrintLists(output, run);
         if (isWhole && isNeeded) {
             PrintPlace(run);
         }

@@ -345,6 +345,22 @@ class Check(CommandTest):
         small, large = (self.peak_memory("check", name, "-j", "1", *self.secret) for name in ("small", "a"))
         self.assertLess(large, small + 17 * MIB)
 
+    def test_chunks_that_are_lost_take_no_memory_to_speak_of(self):
+        chunks, sound = 100000, self.path("sound/twin")
+        content = b"".join(i.to_bytes(4, "little") for i in range(chunks))
+        os.mkdir(os.path.dirname(sound))
+        self.image("sound/twin", content, chunkSize=4)
+        shutil.copy(sound, self.path("a"))
+        with open(self.path("a"), "r+b") as file:
+            file.seek(64 + 72 * chunks)
+            file.write(bytes(byte ^ 0xFF for byte in content))
+        self.image("small", content[:4], chunkSize=4)
+        self.program = self.imageProgram
+        small = self.peak_memory("extract", "small", "--out", "o1", "-j", "1", "--quiet")
+        lost = self.peak_memory("extract", "a", "--out", "o2", "-j", "1", "--quiet", "--twins", os.path.dirname(sound))
+        self.assertEqual(self.file_bytes("o2"), content)
+        self.assertLess(lost, small + 2 * 80 * chunks, "the image and its twin")
+
     def test_what_the_tables_refuse_is_not_told_as_checked(self):
         def hollow(record):
             record.table[1].storedLength, record.data[1] = 0, b""

@@ -231,6 +231,28 @@ class FailingCalls(SurroundingsTest):
             self.assertNotIn(b"DAMAGED", run.stdout, run)
             self.assertIn(run.returncode, (GOOD, IMPOSSIBLE), run)
 
+    def opens_of(self, path, *rules):
+        """A comparison of disk 1: its exit status, the calls that opened it, and those that forget what was cached."""
+        run = self.traced("-e", "trace=openat,open,fadvise64", "-P", path, *rules, self.imageProgram, "compare", "a",
+                          "--disk", "1")
+        with open(self.path("trace"), encoding="utf-8") as file:
+            lines = [line.split(None, 1)[1] for line in file]
+        drops = [line for line in lines if "DONTNEED" in line]
+        return run.returncode, [line for line in lines if "open" in line], drops
+
+    def test_where_a_disk_takes_no_direct_reads_what_the_system_remembers_of_it_is_dropped(self):
+        self.system_disk()
+        self.disk(1, self.content)
+        self.image("a", self.content)
+        path = self.disk_path(1)
+        status, opens, drops = self.opens_of(path)
+        self.assertEqual((status, drops), (GOOD, []))
+        direct = next(i for i, line in enumerate(opens, 1) if "O_DIRECT" in line)
+        status, opens, drops = self.opens_of(path, "-e", f"inject=openat:error=EINVAL:when={direct}")
+        self.assertEqual(status, GOOD)
+        self.assertEqual(len(drops), len([line for line in opens if "EINVAL" not in line and "O_DIRECT" not in line]))
+        self.assertNotEqual(drops, [])
+
     def test_a_map_gets_its_name_when_its_disk_has_nothing_left_to_wait_for(self):
         self.damaged_image()
         run = self.traced("-y", "-e", "trace=fsync,renameat2", self.imageProgram, "extract", "a", "--out", "o",
