@@ -11,7 +11,7 @@ from file_systems import HELLO, MIB, Maker
 from nbdkit_server import PLUGIN
 from test_browse import BROWSE, SURROUNDINGS, TIME_LIMIT
 
-PROGRAMS = """awk basename bash blkid blockdev cat cmp cp cut dirname env grep head id insmod kill ln ls lsblk
+PROGRAMS = """awk basename bash blkid blockdev cat cmp cp cut dirname env flock grep head id insmod kill ln ls lsblk
     mkdir mktemp mount nbd-client nbdkit numfmt od partx pgrep readlink realpath rm rmdir sed setsid
     sh sha256sum sleep stat tail timeout touch tr umount uname""".split()
 SCRIPT = """
@@ -21,15 +21,17 @@ mount -t tmpfs tmpfs /tmp
 mkdir -p /tmp/guest && cd /tmp/guest
 kestrix-browse --password-file /password /image look >/dev/null
 cat look/list.txt
-cat look/1/hello.txt look/2/hello.txt look/5/hello.txt
+cat look/1/hello.txt look/2/hello.txt look/5/hello.txt look/6/hello.txt
 grep ' /tmp/guest/look/' /proc/mounts
 cat /sys/block/nbd0/ro
+flock --shared --nonblock /dev/nbd0 true || echo locked
 if echo x 2>/dev/null >look/1/new; then echo written; fi
 kestrix-browse --stop look
 ls -A look
 grep -c look /proc/mounts || true
 ls /tmp
 cat /sys/block/nbd0/pid 2>/dev/null || echo free
+flock --shared --nonblock /dev/nbd0 true && echo not locked
 # Its server killed under it.
 kestrix-browse --password-file /password /image look >/dev/null
 kill -9 "$(pgrep nbdkit)"
@@ -76,7 +78,8 @@ class Kernel(harness.MachineTest):
     def make_image(self):
         make = Maker(self.path("."), self.loop_device)
         partitions = [make.ext4_after_a_crash("p1", "after a crash", b"what the journal holds"),
-                      make.xfs("p2", "second"), make.swap("p3"), make.vfat("p5", "FIFTH")]
+                      make.xfs("p2", "second"), make.swap("p3"), make.vfat("p5", "FIFTH"),
+                      make.btrfs("p6", "sixth")]
         with open(make.disk("disk", "dos", partitions), "rb") as file:
             self.image("root/image", file.read(), b"secret", chunkSize=MIB)
 
@@ -100,15 +103,17 @@ class Kernel(harness.MachineTest):
         said = self.in_machine()
         mounts = {line.split()[1]: line.split()[2:4] for line in said.splitlines() if line.startswith("/dev/nbd0p")}
         self.assertEqual({folder: kind for folder, (kind, _) in mounts.items()},
-                         {"/tmp/guest/look/1": "ext4", "/tmp/guest/look/2": "xfs", "/tmp/guest/look/5": "vfat"})
+                         {"/tmp/guest/look/1": "ext4", "/tmp/guest/look/2": "xfs", "/tmp/guest/look/5": "vfat",
+                          "/tmp/guest/look/6": "btrfs"})
+        journal = {"ext4": {"norecovery"}, "xfs": {"norecovery"}, "vfat": set(), "btrfs": {"rescue=nologreplay"}}
         for folder, (kind, options) in mounts.items():
-            self.assertLessEqual({"ro", "nosuid", "nodev"} | ({"norecovery"} if kind != "vfat" else set()),
-                                 set(options.split(",")), folder)
+            self.assertLessEqual({"ro", "nosuid", "nodev"} | journal[kind], set(options.split(",")), folder)
         told = [line for line in said.splitlines() if line and not line.startswith("/dev/")]
         self.assertEqual(told, ["1      16.0MiB  ext4          after a crash", "2      32.0MiB  xfs           second",
                                 "3       1.0MiB  swap          no files", "5       8.0MiB  vfat          FIFTH",
-                                *[HELLO.decode().strip()] * 3,
-                                "1",  # the device is read-only
+                                "6      40.0MiB  btrfs         sixth",
+                                *[HELLO.decode().strip()] * 4,
+                                "1", "locked",  # the device is read-only, and no device manager looks at it
                                 "0",  # mounts that are left, then what is left in /tmp
-                                "guest", "free", "free",
+                                "guest", "free", "not locked", "free",
                                 hashlib.sha256(self.file_bytes("root/image")).hexdigest() + "  -", "ended with 0"])
