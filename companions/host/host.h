@@ -473,6 +473,9 @@ struct InterruptHold {
     InterruptHold();
     ~InterruptHold();
 
+    // Whether one came since.
+    bool HasInterrupted() const;
+
     std::unique_ptr<InterruptHoldState, EndInterruptHold> state;
 };
 

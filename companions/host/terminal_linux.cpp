@@ -18,7 +18,7 @@
 namespace host
 {
 
-static const int endingSignals[] = {SIGINT, SIGTERM, SIGHUP};
+static const int endingSignals[] = {SIGINT, SIGQUIT, SIGTERM, SIGHUP};
 
 static volatile sig_atomic_t wasInterrupted = 0;
 
@@ -109,9 +109,18 @@ struct InterruptHoldState {
     NotedSignals noted;
 };
 
-InterruptHold::InterruptHold() : state(new InterruptHoldState) {}
+InterruptHold::InterruptHold()
+{
+    wasInterrupted = 0;
+    state.reset(new InterruptHoldState);
+}
 
 InterruptHold::~InterruptHold() = default;
+
+bool InterruptHold::HasInterrupted() const
+{
+    return state && wasInterrupted != 0;
+}
 
 void EndInterruptHold::operator()(InterruptHoldState *state) const
 {

@@ -28,9 +28,18 @@ struct InterruptHoldState {
     }
 };
 
-InterruptHold::InterruptHold() : state(new InterruptHoldState) {}
+InterruptHold::InterruptHold()
+{
+    wasInterrupted = false;
+    state.reset(new InterruptHoldState);
+}
 
 InterruptHold::~InterruptHold() = default;
+
+bool InterruptHold::HasInterrupted() const
+{
+    return state && wasInterrupted;
+}
 
 void EndInterruptHold::operator()(InterruptHoldState *state) const
 {

@@ -131,7 +131,7 @@ int Compare(const CommonOptions &common, const CompareOptions &options)
     Progress progress(!common.quiet, SourceName(options), image->facts.header.diskSize);
     const auto openAgain = [&](host::Source *again) { return OpenSource(common, options, again); };
     reader::Result<reader::Comparison> comparison = reader::CompareWithDisk(
-        *image, {run.source, openAgain}, common.threads, [&progress](uint64_t bytes) { progress.Add(bytes); });
+        *image, {run.source, openAgain}, common.threads, {[&progress](uint64_t bytes) { progress.Add(bytes); }});
     progress.Hide();
     if (!comparison) {
         return ReportFault(output, comparison.fault);

@@ -139,7 +139,11 @@ static bool FindTheDisk(Run &run, const host::FileSystemFacts &facts)
     }
     reader::Result<host::DiskFacts> found = FindDisk(disks, run.job.disk);
     if (!found) {
-        return Fail(run, found.fault.text);
+        Fail(run, found.fault.text);
+        for (const std::string &line : DiskCards(disks)) {
+            Say(run, line);
+        }
+        return false;
     }
     run.facts = *found;
     run.disk = {found->model, found->serial, found->wwn, found->sizeBytes, found->logicalSectorBytes};
@@ -152,6 +156,10 @@ static bool FindTheDisk(Run &run, const host::FileSystemFacts &facts)
     Say(run, "disk " + std::to_string(found->number) + ": " + (found->model.empty() ? "unknown model" : found->model) +
                  ", " + (found->serial.empty() ? "no serial" : "serial " + found->serial) + ", " +
                  SizeText(found->sizeBytes));
+    if (found->serial.empty() && found->wwn.empty()) {
+        Warn(run, "disk " + std::to_string(found->number) +
+                      " has neither serial nor WWN: another one of its model and size would be taken for it");
+    }
     if (run.options.isDryRun) {
         return true;
     }
@@ -285,29 +293,12 @@ static void ProveFile(Run &run, size_t index)
     }
 }
 
-// A proof from the future proves nothing.
-static int64_t TimeOfProof(const Run &run, int64_t provedAt)
-{
-    return provedAt > TimeNow(run) + secondsPerDay ? 0 : provedAt;
-}
-
-// When the oldest proof of a chain's files was made.
-static int64_t FilesProvedAt(const Run &run, size_t image)
-{
-    int64_t oldest = TimeNow(run);
-    for (const size_t i : ChainOf(run.folder, image)) {
-        const KeptImage &one = run.folder.images[i];
-        oldest = std::min(oldest, TimeOfProof(run, one.sidecar ? one.sidecar->provedAt : 0));
-    }
-    return oldest;
-}
-
 // When the image's chain last passed an audit as one. What came onto it since was audited by itself.
 static int64_t ChainPassedAt(const Run &run, size_t image)
 {
     const PassedChain &passed = run.folder.memory.passedChain;
     const bool isMeant = passed.full == run.folder.images[ChainOf(run.folder, image).back()].name;
-    return isMeant ? TimeOfProof(run, passed.at) : 0;
+    return isMeant ? TimeOfProof(passed.at, TimeNow(run)) : 0;
 }
 
 static bool IsLately(const Run &run, int64_t time)
@@ -342,7 +333,7 @@ static void ReadUnreadAgain(Run &run)
 static void ProveBase(Run &run)
 {
     const size_t base = run.plan.base;
-    if (run.options.isDryRun || IsLately(run, FilesProvedAt(run, base))) {
+    if (run.options.isDryRun || IsLately(run, FilesProvedAt(run.folder, base, TimeNow(run)))) {
         return;
     }
     Say(run, run.folder.images[base].name + " and all that it stands on are read whole first, since that is due");
@@ -660,7 +651,7 @@ static RetentionState StateOfRetention(const Run &run)
     if (run.chainIsDue) {
         return {TimeNow(run), false, "it did not pass the one of this run"};
     }
-    const int64_t provedAt = std::min(FilesProvedAt(run, newest), ChainPassedAt(run, newest));
+    const int64_t provedAt = std::min(FilesProvedAt(run.folder, newest, TimeNow(run)), ChainPassedAt(run, newest));
     const std::string since = provedAt == 0 ? "when it last did is not known"
                                             : "the last one was " + AgeText(TimeNow(run) - provedAt) + " ago";
     return {TimeNow(run), IsLately(run, provedAt), since};

@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <map>
+#include <numeric>
 #include <set>
 
 struct Copying {
@@ -164,7 +165,14 @@ static bool CopyChecked(Copying &run, KeptImage &image)
     if (run.files.count(image.name) != 0 && !Succeeds(run, run.place.remove(image.name))) {
         return false;
     }
-    return PutSidecar(run, image) && Succeeds(run, run.place.rename(temporary, image.name));
+    if (!PutSidecar(run, image) || !Succeeds(run, run.place.rename(temporary, image.name))) {
+        return false;
+    }
+    if (!run.place.isRemote || !run.place.copiesToRename() || CompareThere(run, image, image.name)) {
+        return true;
+    }
+    Succeeds(run, run.place.remove(image.name)); // what it is now must not stand under that name
+    return false;
 }
 
 static bool CopyOne(Copying &run, KeptImage &image)
@@ -355,6 +363,16 @@ static bool CompareNewestChain(Copying &run, const ImagesAtPlace &there)
     return true;
 }
 
+// What stands on another image has a higher number, though a clock that was put back may have given it a smaller name.
+static std::vector<size_t> NewestFirst(const ImagesAtPlace &there)
+{
+    std::vector<size_t> order(there.images.size());
+    std::iota(order.begin(), order.end(), size_t{0});
+    std::sort(order.begin(), order.end(),
+              [&there](size_t left, size_t right) { return there.images[left].number > there.images[right].number; });
+    return order;
+}
+
 // Image first: a sidecar that is left alone is a dead one.
 static void LetGoThere(Copying &run)
 {
@@ -368,7 +386,7 @@ static void LetGoThere(Copying &run)
     if (!anyGoes || !CompareNewestChain(run, there)) {
         return;
     }
-    for (size_t i = there.names.size(); i-- > 0;) { // by their names what stands on another one comes behind it
+    for (const size_t i : NewestFirst(there)) {
         const std::string &name = there.names[i];
         if (!decisions[i].isLetGo) {
             continue;

@@ -286,15 +286,15 @@ Result<DiskFacts> FindDisk(const std::vector<DiskFacts> &disks, const std::strin
                    "below /dev/disk on Linux");
 }
 
-void PrintRefusal(const Fault &fault, const std::vector<DiskFacts> &disks)
+std::vector<std::string> DiskCards(const std::vector<DiskFacts> &disks)
 {
-    PrintFault(fault.text);
-    PrintFault(disks.empty() ? "this machine has no disk that can be seen" : "the disks of this machine are:");
+    std::vector<std::string> lines = {disks.empty() ? "This machine has no disk that can be seen."
+                                                    : "The disks of this machine are:"};
     for (const DiskFacts &disk : disks) {
-        for (const std::string &line : DiskCard(disk)) {
-            fprintf(stderr, "%s\n", line.c_str());
-        }
+        const std::vector<std::string> card = DiskCard(disk);
+        lines.insert(lines.end(), card.begin(), card.end());
     }
+    return lines;
 }
 
 bool IsSameDisk(const DiskFacts &earlier, const DiskFacts &later)

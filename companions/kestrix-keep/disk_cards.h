@@ -25,8 +25,8 @@ reader::Result<host::DiskFacts> FindDisk(const std::vector<host::DiskFacts> &dis
 reader::Result<host::DiskFacts> FindDiskOfDevice(const std::vector<host::DiskFacts> &disks, const std::string &path,
                                                  const host::DeviceAt &device);
 
-// Prints a fault of the two, and below it the cards of all disks, to the error stream.
-void PrintRefusal(const reader::Fault &fault, const std::vector<host::DiskFacts> &disks);
+// Lines for whoever named no disk of these: the cards of all.
+std::vector<std::string> DiskCards(const std::vector<host::DiskFacts> &disks);
 
 // False if a later list has another disk in the place of the one of an earlier list, as far as the two can be told
 // apart: by number, node, serial, WWN and length, and by what the system gave it when it arrived.

@@ -254,6 +254,21 @@ std::vector<size_t> ChainOf(const JobFolder &folder, size_t image)
     return chain;
 }
 
+int64_t TimeOfProof(int64_t then, int64_t now)
+{
+    return then > now + secondsPerDay ? 0 : then;
+}
+
+int64_t FilesProvedAt(const JobFolder &folder, size_t image, int64_t now)
+{
+    int64_t oldest = now;
+    for (const size_t i : ChainOf(folder, image)) {
+        const KeptImage &one = folder.images[i];
+        oldest = std::min(oldest, TimeOfProof(one.sidecar ? one.sidecar->provedAt : 0, now));
+    }
+    return oldest;
+}
+
 void NoteDamage(JobFolder &folder, size_t image, const std::string &what)
 {
     KeptImage &damaged = folder.images[image];

@@ -73,6 +73,12 @@ bool IsSound(const KeptImage &image);
 // Indices of the image and of all that it stands on, as the sidecars have it.
 std::vector<size_t> ChainOf(const JobFolder &folder, size_t image);
 
+// When a proof of then was made, at that time now: 0 (never) for one from the future, which proves nothing.
+int64_t TimeOfProof(int64_t then, int64_t now);
+
+// When the oldest proof of the files in the image's chain was made; 0: not known.
+int64_t FilesProvedAt(const JobFolder &folder, size_t image, int64_t now);
+
 // The images as retention sees them, in the same order.
 std::vector<RetainedImage> RetainedImagesOf(const JobFolder &folder);
 

@@ -3,6 +3,7 @@
 #include "kestrix-keep/clock.h"
 #include "kestrix-keep/commands.h"
 #include "kestrix-keep/place_images.h"
+#include "kestrix-keep/status.h"
 #include "report/report.h"
 
 #include <algorithm>
@@ -16,7 +17,7 @@ struct CopiesStatus {
     std::string lastGood;              // file name of the newest sound image; empty: there is none
     int64_t lastGoodAt = 0;
     std::vector<std::string> chain; // file names of what that needs, itself first
-    int64_t chainProvedAt = 0;      // when the job last read the oldest of them whole, in its own folder; 0: never
+    int64_t chainProvedAt = 0;      // when the job last read the oldest of them whole, in its own folder; 0: not known
     uint64_t images = 0;
     uint64_t damagedImages = 0;
     uint64_t usedBytes = 0;
@@ -76,10 +77,9 @@ static void JudgeNewest(const JobFolder &folder, int64_t now, CopiesStatus &stat
     }
     status.lastGood = folder.images[newest].name;
     status.lastGoodAt = folder.images[newest].time;
-    status.chainProvedAt = now;
+    status.chainProvedAt = FilesProvedAt(folder, newest, now);
     for (const size_t i : ChainOf(folder, newest)) {
         status.chain.push_back(folder.images[i].name);
-        status.chainProvedAt = std::min(status.chainProvedAt, folder.images[i].sidecar->provedAt);
     }
     if (status.lastGoodAt > now + secondsPerDay) {
         status.problems.push_back("the time of the last sound image lies in the future: " +
@@ -123,8 +123,8 @@ static void Print(const CopiesStatus &status, int64_t now)
     }
     if (!status.lastGood.empty()) {
         PrintLine("  last good image: " + status.lastGood + ", " + AgeText(now - status.lastGoodAt) + " old");
-        PrintLine("  its chain: " + Counted(status.chain.size(), "image") +
-                  ", all here; read whole in the job's folder " + AgeText(now - status.chainProvedAt) + " ago");
+        PrintLine("  its chain: " + Counted(status.chain.size(), "image") + ", all here; in the job's folder " +
+                  ProvedText(status.chainProvedAt, now));
     }
     PrintLine("  images: " + std::to_string(status.images) + ", " + SizeText(status.usedBytes));
     for (const std::string &name : status.unfinished) {

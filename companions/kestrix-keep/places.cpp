@@ -106,11 +106,17 @@ static Place MakeFolderPlace(const std::string &folder)
 
 using Kinds = std::vector<std::string>;
 
+// What a remote can do by itself.
+struct Features {
+    Kinds digests;
+    bool renames = false; // or copies within itself
+};
+
 struct Remote {
     std::string program;
     std::string path; // REMOTE:PATH
-    // Of digests that the remote has; none: it was not asked yet. Shared by all that is done there.
-    std::shared_ptr<std::optional<Kinds>> kinds = std::make_shared<std::optional<Kinds>>();
+    // None: it was not asked yet. Shared by all that is done there.
+    std::shared_ptr<std::optional<Features>> features = std::make_shared<std::optional<Features>>();
 
     std::string At(const std::string &name) const
     {
@@ -318,18 +324,23 @@ static MaybeFault CompareByReading(const Remote &remote, const std::string &name
 }
 
 // What can't be learnt of a remote it does not have: reading back is as good.
-static const Kinds &KindsOf(const Remote &remote)
+static const Features &FeaturesOf(const Remote &remote)
 {
-    if (!*remote.kinds) {
+    if (!*remote.features) {
         Result<std::string> said = RunRclone(remote, {{"backend", "features", remote.path}});
-        const Json features = Json::parse(said ? *said : std::string(), nullptr, false);
-        const Json hashes = features.is_object() ? features.value("Hashes", Json()) : Json();
-        *remote.kinds = Kinds();
+        const Json told = Json::parse(said ? *said : std::string(), nullptr, false);
+        const Json hashes = told.is_object() ? told.value("Hashes", Json()) : Json();
+        const Json abilities = told.is_object() ? told.value("Features", Json()) : Json();
+        Features features;
         for (const Json &kind : hashes.is_array() ? hashes : Json::array()) {
-            (*remote.kinds)->push_back(kind.is_string() ? kind.get<std::string>() : std::string());
+            features.digests.push_back(kind.is_string() ? kind.get<std::string>() : std::string());
         }
+        for (const char *ability : {"Move", "Copy"}) {
+            features.renames |= abilities.is_object() && abilities.value(ability, Json()) == true;
+        }
+        *remote.features = features;
     }
-    return **remote.kinds;
+    return **remote.features;
 }
 
 // By a digest that the remote itself has, the best one first; and where it has none, all is read back.
@@ -339,7 +350,7 @@ static MaybeFault CompareAtRemote(const Remote &remote, const std::string &name,
     if (wanted->sha256.empty()) {
         return FaultAt("rclone:" + remote.At(name), "no digest of it is known");
     }
-    const Kinds &kinds = KindsOf(remote);
+    const Kinds &kinds = FeaturesOf(remote).digests;
     for (const char *kind : {"sha256", "sha1", "md5"}) {
         const bool isOwn = kind == std::string("sha256");
         const bool isKnown = isOwn || wanted->others.count(kind) != 0;
@@ -381,6 +392,7 @@ static Place MakeRemotePlace(const Remote &remote)
     place.rename = [remote](const std::string &from, const std::string &to) {
         return Do(remote, {{"moveto", "--no-traverse", remote.At(from), remote.At(to)}});
     };
+    place.copiesToRename = [remote] { return !FeaturesOf(remote).renames; };
     place.remove = [remote](const std::string &name) { return Do(remote, {{"deletefile", remote.At(name)}}); };
     place.read = [remote](const std::string &name) { return ReadAtRemote(remote, name); };
     place.fetch = [remote](const std::string &name, const std::string &localPath, const OnBytes &onBytes) {

@@ -43,6 +43,8 @@ struct Place {
     std::function<std::optional<reader::Fault>(const std::string &name, WantedDigests *wanted, const OnBytes &onBytes)>
         compare;
     std::function<std::optional<reader::Fault>(const std::string &from, const std::string &to)> rename;
+    // Of a remote alone: whether it can't give a file another name, so that rename sends it once more.
+    std::function<bool()> copiesToRename;
     std::function<std::optional<reader::Fault>(const std::string &name)> remove;
     // All of a small file there.
     std::function<reader::Result<std::string>(const std::string &name)> read;

@@ -308,6 +308,13 @@ static Step RefuseImage(RestoreRun &run, const std::string &why)
 
 // ---- Its way from a remote ----
 
+static void SayAll(RestoreRun &run, const std::vector<std::string> &lines)
+{
+    for (const std::string &line : lines) {
+        Say(run.talk, line);
+    }
+}
+
 // Where the disk is known already, hours of fetching are not begun for one that will be refused.
 static bool CheckGivenDisk(RestoreRun &run, const std::vector<std::string> &fetchDisks)
 {
@@ -321,6 +328,7 @@ static bool CheckGivenDisk(RestoreRun &run, const std::vector<std::string> &fetc
     }
     reader::Result<DiskFacts> disk = FindDisk(disks, run.options.disk);
     if (!disk) {
+        SayAll(run, DiskCards(disks));
         return Fail(run, disk.fault.text);
     }
     TargetRules rules = RulesOf(run);
@@ -575,9 +583,7 @@ static void ShowDisks(RestoreRun &run)
     Say(run.talk, "");
     Say(run.talk, "The disks of this machine, with what lies on them:");
     for (const DiskFacts &disk : run.disks) {
-        for (const std::string &line : DiskCard(disk)) {
-            Say(run.talk, line);
-        }
+        SayAll(run, DiskCard(disk));
         const std::optional<Refusal> refusal = WhyNoTarget(disk, run.disks, run.rules);
         Say(run.talk, refusal ? "  CAN'T BE OVERWRITTEN: " + RefusalText(*refusal) : "  can be overwritten");
     }
@@ -623,12 +629,11 @@ static std::optional<DiskFacts> FindGivenDisk(RestoreRun &run)
     WarnOfUnknownMedium(run);
     reader::Result<DiskFacts> found = FindDisk(run.disks, run.options.disk);
     if (!found) {
+        SayAll(run, DiskCards(run.disks));
         Fail(run, found.fault.text);
         return std::nullopt;
     }
-    for (const std::string &line : DiskCard(*found)) {
-        Say(run.talk, line);
-    }
+    SayAll(run, DiskCard(*found));
     if (const std::optional<Refusal> refusal = WhyNoTarget(*found, run.disks, run.rules)) {
         Fail(run, NameOfDisk(*found) + " can't be overwritten: " + RefusalText(*refusal));
         return std::nullopt;
@@ -796,14 +801,8 @@ static std::string FailureOf(const host::ProgramEnd &end, const std::vector<std:
     if (end.wasEnded) {
         return "kestrix was ended before it was done";
     }
-    for (const char *mark : {"FATAL", "Refusing", "Could not"}) {
-        for (const std::string &line : lines) {
-            if (line.find(mark) != std::string::npos) {
-                return "kestrix ended with exit status " + std::to_string(end.exitStatus) + ": " + line;
-            }
-        }
-    }
-    return "kestrix ended with exit status " + std::to_string(end.exitStatus);
+    const std::string why = FailureLine(lines);
+    return "kestrix ended with exit status " + std::to_string(end.exitStatus) + (why.empty() ? "" : ": " + why);
 }
 
 static bool Overwrite(RestoreRun &run)
@@ -817,7 +816,6 @@ static bool Overwrite(RestoreRun &run)
     Say(run.talk, "Overwriting " + NameOfDisk(*run.disk) + ". Do not switch the machine off.");
     KestrixOutput output(run);
     host::ProgramEnd end;
-    const host::InterruptHold hold;
     const host::Trouble trouble = host::RunProgram(
         {arguments, {}, {}}, [&output](const std::string &piece) { output.Add(piece); }, &end);
     output.FinishLine();
@@ -865,7 +863,7 @@ static bool OpenToCompare(RestoreRun &run, host::Source *source)
     return LookAgain(run, &disks).has_value();
 }
 
-static bool CompareWithImage(RestoreRun &run)
+static bool CompareWithImage(RestoreRun &run, const host::InterruptHold &hold)
 {
     host::Source source;
     if (!OpenToCompare(run, &source)) {
@@ -882,9 +880,20 @@ static bool CompareWithImage(RestoreRun &run)
     Progress progress(!run.common.quiet, NameOfDisk(*run.disk), image->facts.header.diskSize);
     const auto openAgain = [&source](host::Source *again) { return host::OpenAgain(source, again); };
     reader::Result<reader::Comparison> comparison = reader::CompareWithDisk(
-        *image, {source, openAgain}, run.common.threads, [&progress](uint64_t bytes) { progress.Add(bytes); });
+        *image, {source, openAgain}, run.common.threads,
+        {[&progress](uint64_t bytes) { progress.Add(bytes); }, [&hold] { return !hold.HasInterrupted(); }});
     progress.Hide();
+    if (hold.HasInterrupted()) {
+        return Fail(run, "the comparison was interrupted before its end");
+    }
     return comparison ? Judge(run, *comparison) : Fail(run, comparison.fault.text);
+}
+
+// Interrupted anywhere in it, it still says what the disk holds.
+static bool OverwriteAndCompare(RestoreRun &run)
+{
+    const host::InterruptHold hold;
+    return Overwrite(run) && CompareWithImage(run, hold);
 }
 
 // ---- A larger disk ----
@@ -1039,7 +1048,7 @@ static void ReportJson(const RestoreRun &run)
 
 static bool RunSteps(RestoreRun &run)
 {
-    if (!SettleImage(run) || !SettleDisk(run) || !HoldTheDisk(run) || !Overwrite(run) || !CompareWithImage(run) ||
+    if (!SettleImage(run) || !SettleDisk(run) || !HoldTheDisk(run) || !OverwriteAndCompare(run) ||
         !SettleBackupGpt(run)) {
         return false;
     }

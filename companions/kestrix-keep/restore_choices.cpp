@@ -209,8 +209,20 @@ Proof ProofForScript(const DiskFacts &disk, const std::vector<DiskFacts> &all)
 
 // ---- After kestrix ----
 
-// What kestrix refuses it ends with its own exit status, before it prints that it restores. Whatever ended it otherwise
-// may have taken that line away with it.
+std::string FailureLine(const std::vector<std::string> &lines)
+{
+    for (const char *mark : {"FATAL", "Refusing", "Could not"}) {
+        for (const std::string &line : lines) {
+            if (line.find(mark) != std::string::npos) {
+                return line;
+            }
+        }
+    }
+    return {};
+}
+
+// What kestrix refuses it ends with its own exit status, before it prints that it restores, and says why. Whatever
+// ended it otherwise may have taken its lines away with it, and on Windows may have given it any exit status.
 DiskState StateAfter(const host::ProgramEnd &end, const std::vector<std::string> &lines)
 {
     constexpr int refused = 1;
@@ -219,5 +231,7 @@ DiskState StateAfter(const host::ProgramEnd &end, const std::vector<std::string>
     }
     const bool began = std::any_of(lines.begin(), lines.end(),
                                    [](const std::string &line) { return line.rfind("Restoring ", 0) == 0; });
-    return !end.wasEnded && end.exitStatus == refused && !began ? DiskState::Untouched : DiskState::PartlyWritten;
+    const bool hasSaidWhy = !FailureLine(lines).empty();
+    return !end.wasEnded && end.exitStatus == refused && !began && hasSaidWhy ? DiskState::Untouched
+                                                                              : DiskState::PartlyWritten;
 }

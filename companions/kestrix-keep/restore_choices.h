@@ -84,5 +84,8 @@ enum class DiskState {
     Written,
 };
 
+// The line of those that kestrix printed which says why it failed; empty: there is none.
+std::string FailureLine(const std::vector<std::string> &lines);
+
 // lines is what kestrix printed until its end.
 DiskState StateAfter(const host::ProgramEnd &end, const std::vector<std::string> &lines);

@@ -37,6 +37,10 @@ std::string DifferenceOf(const DiskIdentity &left, const DiskIdentity &right)
     if (left.sectorBytes != right.sectorBytes) {
         return "its sectors have " + Counted(right.sectorBytes, "byte") + ", not " + std::to_string(left.sectorBytes);
     }
+    const bool hasName = !left.serial.empty() || !left.wwn.empty();
+    if (!hasName && left.model != right.model) { // a model that the system words anew is no other disk
+        return "its model is " + named(right.model) + ", not " + named(left.model) + ", and it has no serial";
+    }
     return {};
 }
 

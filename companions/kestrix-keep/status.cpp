@@ -34,14 +34,10 @@ static void JudgeChain(const Job &job, const JobFolder &folder, size_t newest, i
 {
     status.chainLimit = static_cast<uint32_t>(job.newFull.chain);
     status.chainLength = folder.images[newest].chainLength;
-    status.chainProvedAt = now;
-    for (const size_t i : ChainOf(folder, newest)) {
-        status.chainProvedAt = std::min(status.chainProvedAt, folder.images[i].sidecar->provedAt);
-    }
+    status.chainProvedAt = FilesProvedAt(folder, newest, now);
     // The next run proves it, and is due itself.
     if (now - status.chainProvedAt > job.check.wholeEverySeconds + 2 * job.everySeconds) {
-        status.problems.push_back("the chain of the last image was last read whole " +
-                                  AgeText(now - status.chainProvedAt) + " ago");
+        status.problems.push_back("the chain of the last image: " + ProvedText(status.chainProvedAt, now));
     }
 }
 
@@ -179,6 +175,12 @@ Json JsonOf(const JobStatus &status)
             {"lastRun", status.lastRunSays.empty() ? Json(nullptr) : Json(status.lastRunSays)}};
 }
 
+std::string ProvedText(int64_t provedAt, int64_t now)
+{
+    return provedAt == 0 ? "when it was last read whole is not known"
+                         : "last read whole " + AgeText(now - provedAt) + " ago";
+}
+
 std::string RoomText(const JobStatus &status)
 {
     if (!status.spaceIsKnown) {
@@ -201,7 +203,7 @@ static void PrintStatus(const JobStatus &status, int64_t now)
         PrintLine("  last good image: " + status.lastGood + ", " + AgeText(now - status.lastGoodAt) + " old");
         PrintLine("  next due: " + LocalTimeText(status.dueAt));
         PrintLine("  its chain: " + Counted(status.chainLength, "image") + " of " + std::to_string(status.chainLimit) +
-                  ", read whole " + AgeText(now - status.chainProvedAt) + " ago");
+                  ", " + ProvedText(status.chainProvedAt, now));
     }
     PrintLine("  images: " + std::to_string(status.images) + ", " + SizeText(status.usedBytes));
     PrintLine("  room: " + RoomText(status));
@@ -214,6 +216,7 @@ struct Metric {
     const char *name;
     const char *help;
     uint64_t (*value)(const JobStatus &status);
+    bool (*isKnown)(const JobStatus &status) = nullptr; // always, without it
 };
 
 static const Metric metrics[] = {
@@ -232,18 +235,32 @@ static const Metric metrics[] = {
      [](const JobStatus &status) { return static_cast<uint64_t>(std::max<int64_t>(status.chainProvedAt, 0)); }},
     {"kestrix_job_used_bytes", "Bytes of the job's images.", [](const JobStatus &status) { return status.usedBytes; }},
     {"kestrix_job_free_bytes", "Free bytes where the job's folder lies.",
-     [](const JobStatus &status) { return status.freeBytes; }},
+     [](const JobStatus &status) { return status.freeBytes; },
+     [](const JobStatus &status) { return status.spaceIsKnown; }},
     {"kestrix_job_last_run_failed", "1 if the last run failed.",
      [](const JobStatus &status) { return uint64_t{status.lastRunFailed}; }},
 };
 
-std::string PrometheusText(const std::vector<JobStatus> &jobs)
+static std::string MetricText(const std::string &name, const char *help)
 {
-    std::string text;
+    return "# HELP " + name + " " + help + "\n# TYPE " + name + " gauge\n";
+}
+
+// A file that is no longer written shows what was true when it last was: its time tells.
+std::string PrometheusText(const std::vector<JobStatus> &jobs, bool hasConfiguration, int64_t now)
+{
+    std::string text =
+        MetricText("kestrix_status_timestamp_seconds", "When this was written.") + "kestrix_status_timestamp_seconds " +
+        std::to_string(now) + "\n" +
+        MetricText("kestrix_configuration_read", "1 if the configuration could be read; else no job is told of.") +
+        "kestrix_configuration_read " + (hasConfiguration ? "1" : "0") + "\n";
     for (const Metric &metric : metrics) {
         const std::string name = metric.name;
-        text += "# HELP " + name + " " + metric.help + "\n# TYPE " + name + " gauge\n";
+        text += MetricText(name, metric.help);
         for (const JobStatus &job : jobs) { // whose names need no escape
+            if (metric.isKnown != nullptr && !metric.isKnown(job)) {
+                continue; // 0 would be a figure
+            }
             text += name + "{job=\"" + job.job + "\"} " + std::to_string(metric.value(job)) + "\n";
         }
     }
@@ -265,10 +282,14 @@ static bool WriteTextFile(const std::string &path, const std::string &text)
 int Status(const KeepOptions &common, const StatusOptions &options)
 {
     std::vector<Job> jobs;
-    if (!ReadJobs(common.configuration, options.jobs, &jobs)) {
+    const int64_t now = common.now.value_or(Now());
+    const bool hasConfiguration = ReadJobs(common.configuration, options.jobs, &jobs);
+    if (!hasConfiguration) {
+        if (!options.prometheusFile.empty()) {
+            WriteTextFile(options.prometheusFile, PrometheusText({}, false, now));
+        }
         return exitCommandLine;
     }
-    const int64_t now = common.now.value_or(Now());
     PageFacts page;
     page.madeAt = now;
     page.machine = host::MachineName();
@@ -285,7 +306,8 @@ int Status(const KeepOptions &common, const StatusOptions &options)
             PrintStatus(status, now);
         }
     }
-    bool isWritten = options.prometheusFile.empty() || WriteTextFile(options.prometheusFile, PrometheusText(all));
+    bool isWritten =
+        options.prometheusFile.empty() || WriteTextFile(options.prometheusFile, PrometheusText(all, true, now));
     isWritten = (options.htmlFile.empty() || WriteTextFile(options.htmlFile, StatusPage(page))) && isWritten;
     const bool isWell =
         std::all_of(all.begin(), all.end(), [](const JobStatus &status) { return status.problems.empty(); });

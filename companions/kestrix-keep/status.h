@@ -19,7 +19,7 @@ struct JobStatus {
     uint64_t damagedImages = 0;
     uint32_t chainLength = 0; // of the newest sound image
     uint32_t chainLimit = 0;
-    int64_t chainProvedAt = 0; // when the oldest of its files was last read whole; 0: never
+    int64_t chainProvedAt = 0; // when the oldest of its files was last read whole; 0: not known
     uint64_t usedBytes = 0;    // by the job's images
     bool spaceIsKnown = false;
     uint64_t freeBytes = 0;
@@ -31,10 +31,14 @@ struct JobStatus {
 // What the images in the job's folder, which was read, come to.
 JobStatus StatusOf(const Job &job, const JobFolder &folder, int64_t now);
 
+// When a chain was last read whole, in words; provedAt 0: not known.
+std::string ProvedText(int64_t provedAt, int64_t now);
+
 // The room that there is and for how long it lasts, in words.
 std::string RoomText(const JobStatus &status);
 
 Json JsonOf(const JobStatus &status);
 
-// All jobs in the text format that Prometheus reads, version 0.0.4.
-std::string PrometheusText(const std::vector<JobStatus> &jobs);
+// All jobs in the text format that Prometheus reads, version 0.0.4; none where the configuration could not be read.
+// now: seconds since 1970.
+std::string PrometheusText(const std::vector<JobStatus> &jobs, bool hasConfiguration, int64_t now);

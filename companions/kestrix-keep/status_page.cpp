@@ -208,7 +208,7 @@ static std::string JobFacts(const JobStatus &status, int64_t now)
                      AgeText(now - status.lastGoodAt) + " old; " + status.lastGood);
         text += Fact("Next due", Escaped(TimeText(status.dueAt)), status.isOverdue ? "overdue" : "");
         text += Fact("Its chain", Counted(status.chainLength, "image") + " of " + std::to_string(status.chainLimit),
-                     "read whole " + AgeText(now - status.chainProvedAt) + " ago");
+                     ProvedText(status.chainProvedAt, now));
     }
     text += Fact("Images", std::to_string(status.images) + ", " + SizeText(status.usedBytes),
                  status.damagedImages == 0 ? "" : std::to_string(status.damagedImages) + " damaged or gone");

@@ -20,7 +20,7 @@ namespace
 struct CompareRun {
     const ImageFile &image;
     const ComparedSource &compared;
-    const std::function<void(uint64_t bytes)> &onBytes;
+    const ReadWatch &watch;
     Comparison comparison = {};
     std::mutex mutex = {}; // over what the system says
     std::atomic<uint64_t> next = 0;
@@ -70,16 +70,17 @@ static void CompareChunks(CompareRun &run)
     std::vector<ChunkState> &states = run.comparison.states;
     const size_t bufferBytes = std::clamp<size_t>(header.chunkSize, 4096, largestBuffer);
     const host::Pages buffer = host::MakePages(bufferBytes);
-    for (uint64_t chunk = run.next++; chunk < states.size(); chunk = run.next++) {
+    const auto wantsMore = [&run] { return !run.watch.wantsMore || run.watch.wantsMore(); };
+    for (uint64_t chunk = run.next++; chunk < states.size() && wantsMore(); chunk = run.next++) {
         states[chunk] = CompareChunk(run, source, buffer.get(), bufferBytes, chunk);
-        run.onBytes(LengthOfChunk(header, chunk));
+        run.watch.onBytes(LengthOfChunk(header, chunk));
     }
 }
 
 Result<Comparison> CompareWithDisk(const ImageFile &image, const ComparedSource &compared, uint32_t threads,
-                                   const std::function<void(uint64_t bytes)> &onBytes)
+                                   const ReadWatch &watch)
 {
-    CompareRun run = {image, compared, onBytes};
+    CompareRun run = {image, compared, watch};
     run.comparison.states.resize(image.table.size(), ChunkState::Unreadable);
     if (const std::optional<Fault> fault = OnThreads(threads, [&run] { CompareChunks(run); })) {
         return *fault;

@@ -2,6 +2,7 @@
 // neither its base nor a password is needed. Every chunk is looked at, also behind one that can't be read.
 #pragma once
 
+#include "reader/audit.h"
 #include "reader/reader.h"
 
 #include <cstdint>
@@ -33,8 +34,8 @@ struct ComparedSource {
 };
 
 // Reads the source once, from start to end, on so many threads; one that can't open it leaves its part to the others.
-// onBytes is called by any thread with the bytes that are done.
+// What the watch wants no more is left as unreadable.
 Result<Comparison> CompareWithDisk(const ImageFile &image, const ComparedSource &compared, uint32_t threads,
-                                   const std::function<void(uint64_t bytes)> &onBytes);
+                                   const ReadWatch &watch);
 
 } // namespace reader

@@ -313,10 +313,10 @@ TEST(StateAfterRestore, IsWrittenAfterAGoodEnd)
 
 TEST(StateAfterRestore, IsUntouchedAfterARefusal)
 {
-    EXPECT_EQ(StateAfter(EndedWith(1), {}), DiskState::Untouched);
     EXPECT_EQ(StateAfter(EndedWith(1), {"Refusing: target disk 1 is 0.00 GiB, smaller than the image's"}),
               DiskState::Untouched);
-    EXPECT_EQ(StateAfter(EndedWith(1), {"NOTE: Restoring is not what this line says"}), DiskState::Untouched);
+    EXPECT_EQ(StateAfter(EndedWith(1), {"NOTE: Restoring is not what this line says", "FATAL: could not open it"}),
+              DiskState::Untouched);
 }
 
 TEST(StateAfterRestore, IsPartlyWrittenAfterAnyFailureSinceItBegan)
@@ -332,6 +332,7 @@ TEST(StateAfterRestore, IsPartlyWrittenAfterAnEndThatIsNotItsOwn)
     host::ProgramEnd killed;
     killed.wasEnded = true;
     EXPECT_EQ(StateAfter(killed, {}), DiskState::PartlyWritten);
+    EXPECT_EQ(StateAfter(EndedWith(1), {}), DiskState::PartlyWritten); // Windows' Task Manager gives this status
     EXPECT_EQ(StateAfter(EndedWith(-1073741510), {}), DiskState::PartlyWritten); // Ctrl-C on Windows
     EXPECT_EQ(StateAfter(EndedWith(134), {}), DiskState::PartlyWritten);
 }

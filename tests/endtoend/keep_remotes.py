@@ -27,6 +27,7 @@ class Passage:
 
     def __init__(self, target):
         self.target, self.act, self.pace, self.passed = target, None, None, {"up": 0, "down": 0}
+        self.flipAt, self.hasFlipped = None, False
         self.direction, self.after = "up", None
         self.listener = socket.create_server(("127.0.0.1", 0))
         self.port = self.listener.getsockname()[1]
@@ -38,6 +39,20 @@ class Passage:
         with self.lock:
             self.passed = {"up": 0, "down": 0}
             self.direction, self.after, self.act = direction, after, act
+
+    def flips(self, direction, after):
+        """One bit, in the byte that comes behind so many."""
+        with self.lock:
+            self.passed = {"up": 0, "down": 0}
+            self.flipAt = direction, after
+
+    def flipped(self, direction, data):
+        begin = self.passed[direction] - len(data)
+        if self.flipAt and self.flipAt[0] == direction and begin <= self.flipAt[1] < self.passed[direction]:
+            data = bytearray(data)
+            data[self.flipAt[1] - begin] ^= 1
+            self.hasFlipped = True
+        return data
 
     def accept(self):
         while True:
@@ -61,6 +76,7 @@ class Passage:
                     time.sleep(len(data) / self.pace)
                 with self.lock:
                     self.passed[direction] += len(data)
+                    data = self.flipped(direction, data)
                     isOver = (self.after is not None and direction == self.direction
                               and self.passed[direction] > self.after)
                     act = self.act if isOver else None

@@ -18,6 +18,8 @@ import time
 import kestrix_image
 from change_tracker import ERROR_ACCESS_DENIED, ChangeTracker
 from harness import SANITIZERS
+from keep_rule import Rule, demand
+from keep_year_copies import Copies
 
 YEAR = 2026
 FIRST_DAY = 1767225600  # 2026-01-01 00:00 UTC
@@ -33,22 +35,14 @@ DISK_BYTES = (4 << 20) + (128 << 10)  # two chunks, the second one short
 
 ENVIRONMENT = {**SANITIZERS, **os.environ, "TZ": "Europe/Berlin"}
 
-# So often each is drawn; the hour changes when it does, and a commit fails where there is a tracker.
+# So often each is drawn; the hour changes when it does. A commit fails where there is a tracker, copies where there are
+# any.
 EVENTS = {"nothing": 40, "kill keep": 10, "kill kestrix": 6, "folder missing": 4, "folder read-only": 3,
           "folder full": 3, "disk gone": 3, "disk renumbered": 4, "disk replaced": 2, "byte flipped": 2,
           "base deleted": 1, "hour back": 3, "day back": 3, "year ahead": 2, "two at once": 4,
-          "commit fails": 4}
+          "commit fails": 4, "copies missing": 3, "copy flipped": 2}
 QUIET_NIGHTS = 10  # before anything is sure to happen, so that there is something for it to happen to
 FILE_NOT_FOUND = 2
-
-
-class Rule(AssertionError):
-    """A rule of the year is broken."""
-
-
-def demand(condition, text):
-    if not condition:
-        raise Rule(text)
 
 
 class Tracker(ChangeTracker):
@@ -72,9 +66,10 @@ class Tracker(ChangeTracker):
 class JobModel:
     """One job, its disk and its folder, as the test knows them."""
 
-    def __init__(self, year, name, number, scheme, keep):
+    def __init__(self, year, name, number, scheme, keep, hasCopies):
         self.year, self.name, self.number, self.scheme, self.keep = year, name, number, scheme, keep
         self.tracker = None
+        self.copies = Copies(year.folder, name) if hasCopies else None
         self.serial = f"SERIAL-{name}"
         self.content = bytearray(kestrix_image.seeded_disk(DISK_BYTES, number))
         self.place = os.path.join(year.folder, f"place-{name}")   # the file system of the backup disk
@@ -125,7 +120,8 @@ class JobModel:
         return (f"[job.{self.name}]\ndisk = \"serial:{self.serial}\"\nfolder = \"{self.folder}\"\n"
                 f"folder-must-be = \"source:kestrix-{self.name}\"\nbase = \"{self.scheme}\"\nkeep = {{ {keep} }}\n"
                 f"new-full = {{ every = \"30d\", when-thin-exceeds = \"{THIN_PERCENT}%\", chain = {CHAIN} }}\n"
-                f"check = {{ each = \"own\", whole-every = \"7d\" }}\n\n")
+                f"check = {{ each = \"own\", whole-every = \"7d\" }}\n"
+                f"{self.copies.configuration() if self.copies else ''}\n")
 
     # What lies in the folder
 
@@ -179,7 +175,8 @@ class Year:
         self.chance = random.Random(seed)
         self.counts = collections.Counter()   # nights of a job, by what happened
         self.figures = collections.Counter()  # what came of them
-        self.jobs = [JobModel(self, "server", 1, "full", FULL), JobModel(self, "desk", 2, "newest", NEWEST)]
+        self.jobs = [JobModel(self, "server", 1, "full", FULL, seed % 4 > 1),
+                     JobModel(self, "desk", 2, "newest", NEWEST, seed % 4 < 2)]
         tracked = self.jobs[seed % 2]
         tracked.tracker = self.tracker = Tracker(os.path.join(self.devices, "Tallier"), tracked)
         self.configurationPath = os.path.join(self.folder, "keep.toml")
@@ -228,7 +225,8 @@ class Year:
         changes = [(last_sunday_of(month) - FIRST_DAY) // DAY for month in (3, 10)]
         plan = {night: "hour changes" for night in self.nights if night in changes}
         demand(len(plan) == 2, f"these nights are without those on which the hour changes: {changes}")
-        events = {event: weight for event, weight in EVENTS.items() if event != "commit fails" or job.tracker}
+        events = {event: weight for event, weight in EVENTS.items()
+                  if (event != "commit fails" or job.tracker) and ("cop" not in event or job.copies)}
         left = [night for night in self.nights[QUIET_NIGHTS:] if night not in plan]
         plan.update(zip(self.chance.sample(left, len(events)), events))
         for night in self.nights:
@@ -271,6 +269,8 @@ class Year:
                    f"{name} is damaged, and was read whole and called sound")
         job.gone -= set(names)
         job.seen = set(names)
+        if job.copies:
+            job.copies.check()
         self.check_status(job, now, isWell)
 
     def check_image(self, job, name):
@@ -415,15 +415,18 @@ class Year:
         status, report = self.run(job, now)
         demand(report["image"] in job.images(), f"no image: {report}")
         demand(report["image"] not in self.sidecarsBefore[job.name], f"it made an image that was there: {report}")
+        told = job.copies.heal(report) if job.copies else ""
         if job.spoiled:  # which it may have found, or not yet
             self.heal(job, status, report, now)
             return
         demand(status == 0, f"exit status {status}: {report}")
-        demand(report["warnings"] == [], f"{report}")
+        demand(report["warnings"] == [] or "its SHA-256 is" in told, f"{report}")
+        if job.copies and not told:
+            job.copies.check_complete(report["image"])
         demand(foreseen is None or foreseen in report["lines"], f"a dry run had said: {foreseen}")
         self.figures["proved by the tracker"] += any("matches tracker" in line for line in report["lines"])
         self.check_decisions(job, report, now)
-        self.after(job, now, isWell=True)
+        self.after(job, now, isWell=None if told else True)
 
     def run_dry(self, job, now):
         """It tells what the image would be, and touches nothing; that line."""
@@ -596,6 +599,23 @@ class Year:
         job.gone.add(name)
         self.run_well(job, now)
         return None
+
+    def copies_missing(self, job, now):
+        """It costs a line, and is made up for in the next run."""
+        self.remember()
+        os.rename(job.copies.place, job.copies.place + ".away")
+        status, report = self.run(job, now)
+        demand(not os.path.exists(job.copies.place), "a place that was not there was made")
+        os.rename(job.copies.place + ".away", job.copies.place)
+        demand(report["image"] in job.images(), f"no image: {report}")
+        demand("made up for next time" in "".join(report["warnings"]), f"copies that lag are not told: {report}")
+        demand(status == 0 or job.spoiled, f"exit status {status}: {report}")
+        self.after(job, now)
+
+    def copy_flipped(self, job, now):
+        happened = None if job.copies.flip_byte(self.chance) else "nothing"
+        self.run_well(job, now)
+        return happened
 
     def hour_back(self, job, now):
         self.run_well(job, now - HOUR)

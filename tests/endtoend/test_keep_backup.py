@@ -269,6 +269,8 @@ class Refusals(BackupTest):
     def test_a_disk_that_is_not_there_is_named(self):
         self.configure(disk='"serial:ANOTHER"')
         self.refused("ANOTHER")
+        _, report = self.backup(NOW + DAY)
+        self.assertIn("  serial: SERIAL1", report["lines"], "the cards of the disks that there are")
 
     def test_two_disks_with_the_serial_are_refused(self):
         self.disk(2, DISK)
@@ -596,6 +598,19 @@ class Bases(BackupTest):
         self.assertTrue(any("the disk is another: its serial is SERIAL2, not SERIAL1" in line
                             for line in report["lines"]), report)
 
+    def test_a_disk_without_a_serial_is_told_by_its_model_and_warned_about(self):
+        self.configure(disk="1")
+        self.card(1, {"model": "One"})
+        _, report = self.backup()
+        self.assertIn("disk 1 has neither serial nor WWN", "".join(report["warnings"]))
+        self.card(1, {"model": "Another"})
+        status, report = self.backup(NOW + DAY)
+        self.assertEqual((status, self.sidecar(report["image"])["base"]), (WELL, ""))
+        self.assertIn("its model is Another, not One, and it has no serial", "".join(report["lines"]))
+        self.card(1, {"model": "Another", "serial": "SERIAL1"})
+        _, report = self.backup(NOW + 2 * DAY)
+        self.assertNotIn("neither serial nor WWN", "".join(report["warnings"]))
+
 
 class LettingGo(BackupTest):
     def test_what_no_rule_keeps_goes_with_its_sidecar_and_other_files_stay(self):
@@ -892,9 +907,42 @@ class StatusTest(BackupTest):
         self.assertEqual(self.status(NOW, "--prometheus", path)[0], WELL)
         with open(path, encoding="utf-8") as file:
             text = file.read()
-        line = re.compile(r'# (HELP|TYPE) [a-z_]+ .+|[a-z_]+\{job="job"\} [0-9]+')
+        line = re.compile(r'# (HELP|TYPE) [a-z_]+ .+|[a-z_]+(\{job="job"\})? [0-9]+')
         self.assertTrue(text.endswith("\n"))
         for one in text[:-1].split("\n"):
             self.assertRegex(one, f"^(?:{line.pattern})$")
         self.assertIn(f'kestrix_job_last_good_timestamp_seconds{{job="job"}} {NOW}\n', text)
         self.assertIn('kestrix_job_well{job="job"} 1\n', text)
+        self.assertIn(f"kestrix_status_timestamp_seconds {NOW}\n", text)
+        self.assertIn("kestrix_configuration_read 1\n", text)
+
+    def monitored(self, now=NOW):
+        path = os.path.join(self.folder, "kestrix.prom")
+        run = self.keep("status", "--now", str(now), "--config", self.configuration, "--prometheus", path)
+        with open(path, encoding="utf-8") as file:
+            return run.status, file.read()
+
+    def test_a_configuration_that_can_not_be_read_is_told_in_the_file_for_monitoring_too(self):
+        self.well()
+        self.monitored()
+        self.configure("no-such-key = 1\n")
+        status, text = self.monitored(NOW + 60)
+        self.assertEqual(status, COMMAND_LINE)
+        self.assertIn("kestrix_configuration_read 0\n", text)
+        self.assertIn(f"kestrix_status_timestamp_seconds {NOW + 60}\n", text)
+        self.assertNotIn("kestrix_job_well{", text)
+
+    def test_room_that_is_not_known_is_no_figure(self):
+        self.well()
+        self.assertIn("kestrix_job_free_bytes{", self.monitored()[1])
+        os.rename(self.place_path(""), self.place_path("")[:-1] + ".away")
+        text = self.monitored()[1]
+        self.assertNotIn("kestrix_job_free_bytes{", text)
+        self.assertIn('kestrix_job_well{job="job"} 0\n', text)
+
+    def test_a_proof_from_the_future_is_none(self):
+        self.well()
+        self.rewrite_sidecar(NAME, provedAt=NOW + 30 * DAY)
+        status, state = self.status(NOW + 60)
+        self.assertEqual((status, state["chainProvedAt"]), (FAILED, 0))
+        self.assertEqual(state["problems"], ["the chain of the last image: when it was last read whole is not known"])

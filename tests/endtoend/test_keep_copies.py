@@ -167,6 +167,21 @@ class Remotes(RemoteTest):
         self.assertEqual(status, WELL)
         self.assertTrue(any("rclone" in line for line in report["warnings"]), report)
 
+    def test_where_a_new_name_means_another_copy_that_one_is_compared_too(self):
+        self.environment("RCLONE_DISABLE", "Move,Copy")  # as a remote that has neither
+        self.serve()
+        passage = self.passage()
+        self.copy_by(port=passage.port)
+        first = self.well()
+        self.check_same(first)
+        os.unlink(self.there_path(first))
+        bytesOnce = passage.passed["up"] // 2
+        passage.flips("up", bytesOnce + os.path.getsize(self.place_path(first)) // 2)
+        _, report = self.backup(NOW + DAY)
+        self.missed(report, first)
+        self.assertNotIn(first, self.there_names(), "what is not what it should be has no image's name")
+        self.assertTrue(passage.hasFlipped)
+
     def test_a_copy_that_lost_its_sidecar_is_made_anew(self):
         self.serve()
         self.copy_by()

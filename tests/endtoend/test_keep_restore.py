@@ -281,6 +281,13 @@ class Ends(RestoreTest):
 
         self.each(end)
 
+    def test_a_quit(self):
+        def end(talk):
+            talk.type(b"\x1c")
+            return "NOT DONE: it was interrupted."
+
+        self.each(end)
+
     def test_a_request_to_end(self):
         def end(talk):
             talk.process.send_signal(signal.SIGTERM)
@@ -747,6 +754,28 @@ class Failures(RestoreTest):
         self.assertIn("kestrix was ended before it was done", rest)
         self.assertIn("IS PARTLY WRITTEN", rest)
 
+    def test_an_interrupt_while_the_disk_is_compared_is_told_as_what_it_leaves(self):
+        size = 512 * MIB  # long enough for the interrupt to come in its middle
+        self.sidecar(self.image("full.kstx", bytes(size), chunkSize=4 * MIB))
+        self.disk(1, size)
+        for end in (b"\x03", b"\x1c"):
+            with self.subTest(end=end):
+                self.stand_in("echo 'Restoring it'\n")
+                talk = self.guided("--trust-last-audit")
+                talk.answer(IMAGE, "1")
+                talk.answer(TARGET, "1")
+                talk.answer(SERIAL, "1234")
+                talk.expect("Reading the disk back")
+                talk.type(end)
+                status, rest = talk.finish()
+                self.assertEqual(status, FAILED)
+                self.assertIn("NOT DONE: the comparison was interrupted before its end.", rest)
+                self.assertIn("is NOT PROVED", rest)
+
+    def test_a_kestrix_that_fails_without_a_word_may_have_written(self):
+        self.stand_in("exit 1\n")
+        self.assertIn("kestrix ended with exit status 1", self.failed("partlyWritten"))
+
 
 class Scripts(RestoreTest):
     def setUp(self):
@@ -788,6 +817,8 @@ class Scripts(RestoreTest):
                 status, said = self.script(disk="serial:" + serial, proof=serial)
                 self.assertEqual((status, said["diskState"]), (FAILED, "untouched"))
                 self.assertIn(why, said["failure"])
+                isShown = any("serial: SYSTEM-01" in line for line in said["lines"])
+                self.assertEqual(isShown, serial in ("SYSTEM-01", "NOBODY"), "the cards of all, where none is meant")
 
     def test_an_image_that_is_none(self):
         self.file("text", b"no image")

@@ -1,0 +1,84 @@
+"""The copies of one job through its year, and what must hold of them after each night.
+
+The place is a folder with rules of its own. What is damaged there on purpose is found when it is compared, and made
+anew as long as the image is still in the job's folder; otherwise an administrator takes it away when he is told.
+"""
+import hashlib
+import json
+import os
+
+import kestrix_image
+from keep_rule import demand
+
+KEEP = {"last": 2, "daily": 3, "weekly": 2, "monthly": 0}
+
+
+class Copies:
+    def __init__(self, folder, job):
+        self.job = job
+        self.place = os.path.join(folder, f"copies-{job}")
+        self.spoiled = set()  # names of what was damaged here on purpose
+        self.compared = {}    # name: marks of what had the digest of its sidecar
+        os.mkdir(self.place)
+
+    def configuration(self):
+        keep = ", ".join(f"{key} = {value}" for key, value in KEEP.items())
+        return f"copies = [{{ to = \"{self.place}\", keep = {{ {keep} }} }}]\n"
+
+    def path(self, name):
+        return os.path.join(self.place, name)
+
+    def images(self):
+        return sorted(name for name in os.listdir(self.place) if name.endswith(".kstx"))
+
+    def sidecar(self, name):
+        demand(os.path.exists(self.path(name + ".json")), f"the copy of {name} has no sidecar")
+        with open(self.path(name + ".json"), encoding="utf-8") as file:
+            return json.load(file)
+
+    def check(self):
+        """What has an image's name is that image, and all that it stands on is there."""
+        for name in self.images():
+            sidecar = self.sidecar(name)
+            facts = os.stat(self.path(name))
+            marks = facts.st_ino, facts.st_size, facts.st_mtime_ns
+            if name not in self.spoiled and self.compared.get(name) != marks:
+                with open(self.path(name), "rb") as file:
+                    isSame = hashlib.sha256(file.read()).hexdigest() == sidecar["sha256"]
+                demand(isSame, f"the copy of {name} is another")
+                self.compared[name] = marks
+            base = sidecar["base"]
+            demand(not base or os.path.exists(self.path(base)), f"{base}, which {name} stands on, is not there")
+
+    def check_complete(self, newest):
+        """After a run that nothing was wrong with."""
+        demand(newest in self.images(), f"{newest} was not copied, and nothing said so")
+
+    def flip_byte(self, chance):
+        """False: there is nothing to be damaged."""
+        names = [name for name in self.images() if name not in self.spoiled]
+        if not names:
+            return False
+        name = chance.choice(names)
+        kestrix_image.flip_byte(self.path(name), chance.randrange(os.path.getsize(self.path(name))))
+        self.spoiled.add(name)
+        return True
+
+    def heal(self, report):
+        """After each run: what was made anew is sound again, and what is told as damaged and was not is taken away."""
+        told = "\n".join(report["warnings"])
+        for name in sorted(self.spoiled):
+            if not os.path.exists(self.path(name)):
+                self.spoiled.discard(name)
+            elif f"{name}: its SHA-256 is" in told:
+                self.spoiled.discard(name)
+                if "removed, with its sidecar" in told:
+                    self.take_away(name)
+        return told
+
+    def take_away(self, name):
+        for other in self.images():
+            if other != name and self.sidecar(other)["base"] == name:
+                self.take_away(other)
+        for path in (self.path(name), self.path(name + ".json")):
+            os.unlink(path)
