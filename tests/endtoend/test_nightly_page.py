@@ -168,6 +168,16 @@ class NightlyPage(ScheduleTest):
         self.night(script().replace("S3Z9NB0K123456", "S3Z9NB0K12345"), "2026-11-01", status=1)
         self.assertEqual(self.shell("ls /mnt/backup/server"), "")
 
+
+class Lines(unittest.TestCase):
+    def test_the_lines_that_tell_what_a_night_costs_are_on_the_page_of_performance(self):
+        paragraph, = re.findall(r"^What that costs in time.*?\n\n", page(), re.M | re.S)
+        rows = re.findall(r"\*([^*]+)\*", paragraph.replace("\n", " "))
+        self.assertEqual(len(rows), 3)
+        with open(os.path.join(ROOT, "docs", "performance.md"), encoding="utf-8") as file:
+            measured = re.findall(r"^\| ([^|]+) \|", file.read(), re.M)
+        self.assertLessEqual(set(rows), set(measured))
+
     def test_the_line_for_cron_runs_the_script(self):
         line, = blocks("crontab")
         self.assertRegex(line, r"^[0-9]+ [0-9]+ \* \* \* (\S+)\n$")
