@@ -54,7 +54,7 @@ Register-ArgumentCompleter -Native -CommandName kestrix, kestrix.exe, kestrix-im
     if ($before -in '--disk', '--twin-disk') {
         $folder = Split-Path -Parent $words[0].Trim('"', "'")
         $keep = if ($folder) { Join-Path $folder 'kestrix-keep.exe' } else { 'kestrix-keep' }
-        $disks = (& $keep disks --json 2>$null | ConvertFrom-Json).disks
+        $disks = (& $keep disks --json 2>$null | Out-String | ConvertFrom-Json).disks
         return $disks | Where-Object { "$($_.number)" -like "$wordToComplete*" } | ForEach-Object {
             $size = '{0:N1} GiB' -f ($_.sizeBytes / 1GB)
             $mark = if ($_.systemDisk) { ', SYSTEM DISK' } else { '' }

@@ -36,6 +36,14 @@ def links(page):
             yield os.path.normpath(os.path.join(os.path.dirname(page), path)) if path else page, anchor
 
 
+def places(page):
+    """The places of the tree that a page names; what stands for another name is in capitals."""
+    with open(os.path.join(ROOT, page), encoding="utf-8") as file:
+        text = file.read()
+    words = re.findall(r"(?<![\w./-])((?:src|platform|companions|tests|scripts|docs|completion)/[\w./*-]*)", text)
+    return {word.rstrip(".") for word in words if not re.search("[A-Z]{4}", word)}
+
+
 def is_packaged(path):
     return path in PACKAGED or os.path.dirname(path) == "docs"
 
@@ -50,6 +58,14 @@ class Links(unittest.TestCase):
                     self.assertTrue(os.path.exists(os.path.join(ROOT, path)) or path in COMING)
                     if anchor:
                         self.assertIn(anchor, anchors(path))
+
+    def test_places_of_the_tree_that_developers_are_told_of_are_there(self):
+        pages = [page for page in PAGES if not is_packaged(page)]
+        self.assertGreater(sum(len(places(page)) for page in pages), 20)
+        for page in pages:
+            for place in places(page):
+                with self.subTest(page=page, place=place):
+                    self.assertTrue(glob.glob(os.path.join(ROOT, place)))
 
     def test_of_packaged_pages_lead_to_packaged_pages(self):
         for page in filter(is_packaged, set(PAGES) - MOVING):
