@@ -243,6 +243,8 @@ class Year:
             demand(self.counts[event] > 0, f"nothing came of: {event}")
         for figure in ("let go", "damage told", "proved by the tracker", "dry runs"):
             demand(self.figures[figure] > 0, f"there was none: {figure}")
+        for job in self.jobs:
+            demand(not job.copies or job.copies.told > 0, f"no damage to a copy of {job.name} was told")
         demand(self.tracker.faults == [], f"the tracker's stand-in: {self.tracker.faults}")
 
     def night(self, job, now, night, event):

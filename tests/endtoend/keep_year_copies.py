@@ -18,6 +18,7 @@ class Copies:
         self.job = job
         self.place = os.path.join(folder, f"copies-{job}")
         self.spoiled = set()  # names of what was damaged here on purpose
+        self.told = 0         # of those
         self.compared = {}    # name: marks of what had the digest of its sidecar
         os.mkdir(self.place)
 
@@ -71,6 +72,7 @@ class Copies:
             if not os.path.exists(self.path(name)):
                 self.spoiled.discard(name)
             elif f"{name}: its SHA-256 is" in told:
+                self.told += 1
                 self.spoiled.discard(name)
                 if "removed, with its sidecar" in told:
                     self.take_away(name)
