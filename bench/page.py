@@ -523,7 +523,9 @@ def write(results, notesPath):
                  "a warm cache would help only those who read through it; the fastest first. "
                  f"Versions: {names}.\n", all_peers(found["records"])]
     if "growth" in results:
-        text += ["## How cost grows\n", growth_text(results["growth"]["records"])]
+        found = results["growth"]
+        text += [f"## How cost grows\n\nMeasured on {found['about']['date']} at {found['about']['kestrix']}, load before the "
+                 f"first run {found['about']['load']:.2f}.\n", growth_text(found["records"])]
     if "serving" in results:
         found = results["serving"]
         text += ["## An image served by nbdkit\n\n"

@@ -49,6 +49,10 @@ class Goals(unittest.TestCase):
 
     def test_every_note_is_on_a_figure_that_has_a_goal(self):
         named = {f"{row.name}, {figure}" for row in ROWS for figure in ("CPU", "wall", "wall until all is on the disk")}
+        named |= {f"{row.name}, wall" for row in page.images.ROWS}
+        named |= {f"{row}, {cache}" for row in page.SERVING_GOALS for cache in ("cold", "warm")}
+        named |= {f"a night, {row.name}, {figure}" for row in page.nightly.ROWS if row.hasBase
+                  for figure in ("cpu", "wall", "settled")}
         self.assertLessEqual(set(page.Goals(NOTES).notes), named)
 
 
