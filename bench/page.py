@@ -524,8 +524,9 @@ def write(results, notesPath):
                  f"Versions: {names}.\n", all_peers(found["records"])]
     if "growth" in results:
         found = results["growth"]
-        text += [f"## How cost grows\n\nMeasured on {found['about']['date']} at {found['about']['kestrix']}, load before the "
-                 f"first run {found['about']['load']:.2f}.\n", growth_text(found["records"])]
+        about = found["about"]
+        text += [f"## How cost grows\n\nMeasured on {about['date']} at {about['kestrix']}; load before the first run "
+                 f"{about['load']:.2f}.\n", growth_text(found["records"])]
     if "serving" in results:
         found = results["serving"]
         text += ["## An image served by nbdkit\n\n"
