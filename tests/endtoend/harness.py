@@ -180,6 +180,12 @@ def needs(*reasons):
     return decorate
 
 
+def is_sanitized():
+    """Whether the program under test is built with sanitizers, which keep memory of their own for every byte of its."""
+    with open(PROGRAM, "rb") as file:
+        return b"__asan_init" in file.read()
+
+
 # A process of its own: the figure of a child begins with the memory of the process that it was split off from.
 MEASURE = """
 import os, sys

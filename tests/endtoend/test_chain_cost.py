@@ -14,10 +14,9 @@ import sys
 
 import harness
 from change_tracker import attach_to
-from harness import MIB, SANITIZERS, TIME_LIMIT, MachineTest
+from harness import MIB, SANITIZERS, TIME_LIMIT, MachineTest, is_sanitized
 from kestrix_image import (ENTRY, FULL, HEADER, IMAGE_MAGIC, THIN, TRAILER_MAGIC, ZERO_NONCE, ZERO_SALT, ZERO_TAG,
                            Header, Trailer, decode_header, decode_table, decode_trailer, image_id, make_chain)
-from test_large_disk import is_sanitized
 from test_thin import thin_end
 from tracked_disk import CHUNK, show
 

@@ -15,11 +15,10 @@ import re
 import shutil
 import struct
 
-from harness import why_no_mounts
+from harness import is_sanitized, why_no_mounts
 from image_machine import FOUND, GOOD, IMPOSSIBLE, ImageMachineTest
 from kestrix_image import ENTRY, HEADER, chunk_length, decode_header, seeded_disk
 from test_image_differential import LARGEST_DISK
-from test_vectors import is_sanitized
 
 SECTOR, CHUNK, COUNT = 64, 128, 3
 DATA = HEADER.size + COUNT * ENTRY.size  # where stored chunks begin

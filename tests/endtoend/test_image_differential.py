@@ -17,10 +17,10 @@ import shutil
 import signal
 
 from damaged_images import PASSWORD, cases, table_of
-from harness import MIB
+from harness import MIB, is_sanitized
 from image_machine import FOUND, GOOD, IMPOSSIBLE, ImageMachineTest
 from kestrix_image import THIN, chunk_length
-from test_vectors import VECTORS, is_sanitized, read_index
+from test_vectors import VECTORS, read_index
 from tracked_disk import show
 
 DAMAGED = 300

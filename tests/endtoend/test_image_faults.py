@@ -7,10 +7,9 @@ import signal
 import subprocess
 import time
 
-from harness import KIB, MIB, SANITIZERS, TIME_LIMIT, Run, needs, why_no_mounts
+from harness import KIB, MIB, SANITIZERS, TIME_LIMIT, Run, is_sanitized, needs, why_no_mounts
 from image_machine import FOUND, GOOD, IMPOSSIBLE, ImageMachineTest
 from kestrix_image import flip_byte, make_chain, seeded_disk
-from test_vectors import is_sanitized
 
 MOMENTS = 16
 SIZE = 16 * MIB

@@ -7,10 +7,9 @@ import resource
 import struct
 import subprocess
 
-from harness import SANITIZERS, TIME_LIMIT
+from harness import SANITIZERS, TIME_LIMIT, is_sanitized
 from image_machine import COMMAND_LINE, FOUND, GOOD, IMPOSSIBLE, ImageMachineTest
 from kestrix_image import flip_byte, make_chain, seeded_disk
-from test_large_disk import is_sanitized
 
 CHUNK = 4096
 DATA = 64 + 72 * 4  # where the chunks of an image of four chunks begin

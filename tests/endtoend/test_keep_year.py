@@ -11,7 +11,7 @@ import time
 
 from keep_machine import KeepMachineTest
 from keep_year import Year
-from test_large_disk import is_sanitized
+from harness import is_sanitized
 
 SEED = int(os.environ.get("KESTRIX_SEED", random.SystemRandom().randrange(1 << 32)))
 SECONDS = float(os.environ.get("KESTRIX_YEARS_SECONDS", "0"))

@@ -16,12 +16,6 @@ BYTES_PER_CHUNK = 160
 PLAIN_LIMIT = 24 * MIB + BYTES_PER_CHUNK * CHUNKS
 
 
-def is_sanitized():
-    """A build with sanitizers keeps memory of its own for every byte of the program's."""
-    with open(harness.PROGRAM, "rb") as file:
-        return b"__asan_init" in file.read()
-
-
 class LargeDisk(harness.MachineTest):
     def setUp(self):
         super().setUp()
@@ -41,7 +35,7 @@ class LargeDisk(harness.MachineTest):
     def run_within(self, limit, *arguments):
         """A run that must end well and stay within limit bytes of memory; gives what it used."""
         used = self.peak_memory(*arguments)
-        if not is_sanitized():
+        if not harness.is_sanitized():
             self.assertLessEqual(used, limit, arguments)
         return used
 

@@ -8,10 +8,9 @@ import stat
 import subprocess
 
 import change_tracker
-from harness import (MIB, SANITIZERS, TIME_LIMIT, MachineTest, Run, needs, source_line, why_no_loop_devices,
-                     why_no_mounts)
+from harness import (MIB, SANITIZERS, TIME_LIMIT, MachineTest, Run, is_sanitized, needs, source_line,
+                     why_no_loop_devices, why_no_mounts)
 from kestrix_image import seeded_disk
-from test_large_disk import is_sanitized
 
 SIZE = 9 * MIB + 512
 READ_FAILED = "ReadFile from source disk failed mid-capture - image is incomplete, do not trust it"

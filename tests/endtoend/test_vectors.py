@@ -16,7 +16,7 @@ import tempfile
 import unittest
 
 import change_tracker
-from harness import MIB, PROGRAM, ROOT, MachineTest, without_speed
+from harness import MIB, ROOT, MachineTest, is_sanitized, without_speed
 
 VECTORS = os.path.join(ROOT, "tests", "vectors")
 GENERATOR = os.path.join(VECTORS, "make_vectors.py")
@@ -49,11 +49,6 @@ def promises(byteCount):
     except (OSError, ValueError):
         return False
     return True
-
-
-def is_sanitized():
-    with open(PROGRAM, "rb") as file:
-        return b"__asan_init" in file.read()
 
 
 class VectorTest(MachineTest):
