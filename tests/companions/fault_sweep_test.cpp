@@ -406,20 +406,28 @@ TEST_F(KestrixImageSweeps, WhatADiskGivesIsTakenOnlyAsItWasChecked)
         TwinPlaces places;
         places.diskName = "disk";
         ASSERT_FALSE(host::OpenFileToRead("disk.raw", host::Caching::Cached, &places.disk));
+        reader::ImageFile image;
+        image.facts.header.diskSize = length;
+        image.facts.header.chunkSize = static_cast<uint32_t>(length);
+        image.table.resize(1);
+        const host::Digest digest = host::DigestOf(content.data(), content.size());
+        memcpy(image.table[0].hash, digest.data(), digest.size());
+        const reader::Chain chain = reader::MakeAlone(std::move(image));
         std::vector<LostChunk> lost(1);
-        lost[0].length = static_cast<uint32_t>(length);
-        lost[0].digest = host::DigestOf(content.data(), content.size());
+        uint64_t dropped = 0;
         Bytes taken;
         std::vector<std::string> notes;
         FailCalls({"pread", 0, false, 0});
-        FindTwins({}, places, lost, notes, [&](const LostChunk &, uint64_t, const uint8_t *piece, size_t byteCount) {
+        const auto take = [&](uint64_t, uint64_t, const uint8_t *piece, size_t byteCount) {
             taken.insert(taken.end(), piece, piece + byteCount);
             WriteBytes("disk.raw", Bytes(length, 7));
             return true;
-        });
+        };
+        FindTwins({}, chain, places, lost, notes, take, [&dropped] { ++dropped; });
         EXPECT_EQ(CallsCounted(), length == chunkBytes ? 1U : 4U);
         EXPECT_EQ(lost[0].isFound, length == chunkBytes);
         EXPECT_EQ(taken == content, lost[0].isFound);
+        EXPECT_EQ(dropped, lost[0].isFound ? 0U : 1U);
     }
 }
 
