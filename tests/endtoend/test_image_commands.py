@@ -13,7 +13,7 @@ import tempfile
 import termios
 import time
 
-from harness import KIB, MIB, SANITIZERS, TIME_LIMIT, Started, needs, why_no_loop_devices, why_no_mounts
+from harness import KIB, MIB, SANITIZERS, TIME_LIMIT, Started, is_sanitized, needs, why_no_loop_devices, why_no_mounts
 from image_machine import COMMAND_LINE, FOUND, GOOD, IMPOSSIBLE, ImageMachineTest
 from kestrix_image import make_chain, seeded_disk
 
@@ -359,7 +359,8 @@ class Check(CommandTest):
         small = self.peak_memory("extract", "small", "--out", "o1", "-j", "1", "--quiet")
         lost = self.peak_memory("extract", "a", "--out", "o2", "-j", "1", "--quiet", "--twins", os.path.dirname(sound))
         self.assertEqual(self.file_bytes("o2"), content)
-        self.assertLess(lost, small + 2 * 80 * chunks, "the image and its twin")
+        if not is_sanitized():
+            self.assertLess(lost, small + 2 * 80 * chunks, "the image and its twin")
 
     def test_what_the_tables_refuse_is_not_told_as_checked(self):
         def hollow(record):

@@ -13,7 +13,7 @@ from test_browse import BROWSE, SURROUNDINGS, TIME_LIMIT
 
 PROGRAMS = """awk basename bash blkid blockdev cat cmp cp cut dirname env flock grep head id insmod kill ln ls lsblk
     mkdir mktemp mount nbd-client nbdkit numfmt od partx pgrep readlink realpath rm rmdir sed setsid
-    sh sha256sum sleep stat tail timeout touch tr umount uname""".split()
+    sh sha256sum sleep stat tail timeout touch tr true umount uname""".split()
 SCRIPT = """
 set -eu
 export PATH=/usr/sbin:/usr/bin
@@ -104,7 +104,7 @@ class Kernel(harness.MachineTest):
         mounts = {line.split()[1]: line.split()[2:4] for line in said.splitlines() if line.startswith("/dev/nbd0p")}
         self.assertEqual({folder: kind for folder, (kind, _) in mounts.items()},
                          {"/tmp/guest/look/1": "ext4", "/tmp/guest/look/2": "xfs", "/tmp/guest/look/5": "vfat",
-                          "/tmp/guest/look/6": "btrfs"})
+                          "/tmp/guest/look/6": "btrfs"}, said)
         journal = {"ext4": {"norecovery"}, "xfs": {"norecovery"}, "vfat": set(), "btrfs": {"rescue=nologreplay"}}
         for folder, (kind, options) in mounts.items():
             self.assertLessEqual({"ro", "nosuid", "nodev"} | journal[kind], set(options.split(",")), folder)
