@@ -12,6 +12,7 @@
 #include "kestrix-keep/clock.h"
 #include "kestrix-keep/copies.h"
 #include "kestrix-keep/disk_cards.h"
+#include "kestrix-keep/guest.h"
 #include "kestrix-keep/plan.h"
 #include "report/report.h"
 
@@ -169,6 +170,25 @@ static bool FindTheDisk(Run &run, const host::FileSystemFacts &facts)
     }
     const host::Trouble trouble = host::HoldDisk(run.facts, disks, kestrix, &run.held);
     return !trouble || Fail(run, "disk " + std::to_string(found->number) + " can't be held: " + *trouble);
+}
+
+// kestrix-vm runs the kestrix beside it.
+static bool FindTheGuestsDisk(Run &run)
+{
+    const std::string program = host::ProgramBeside("kestrix-vm");
+    for (const std::string &one : {program, host::ProgramBeside("kestrix")}) {
+        if (const host::Trouble trouble = host::CheckTrusted(one)) {
+            return Fail(run, one + " is not run: " + *trouble);
+        }
+    }
+    reader::Result<FoundGuestDisk> found = FindGuestDisk(program, *run.job.guest);
+    if (!found) {
+        return Fail(run, found.fault.text);
+    }
+    run.disk = found->identity;
+    Say(run, "disk " + run.disk.serial + " of a virtual machine: " + found->format + ", " + found->file + ", " +
+                 SizeText(run.disk.sizeBytes));
+    return true;
 }
 
 // ---- What dead runs left ----
@@ -481,14 +501,15 @@ static std::optional<int64_t> FreeTime(const Run &run)
 static CaptureOutcome CaptureTo(Run &run, const std::string &path)
 {
     CaptureOrder order;
-    order.program = run.held.program;
+    order.guest = run.job.guest;
+    order.program = order.guest ? host::ProgramBeside("kestrix-vm") : run.held.program;
     order.disk = run.held.number;
     order.outPath = path;
     order.basePath = run.plan.base == noImage ? "" : PathOf(run.folder, run.folder.images[run.plan.base]);
     order.passwordFile = run.job.passwordFile;
     order.usesSnapshots = run.job.snapshots;
     CaptureOutcome outcome = RunCapture(order, [&run](const std::string &line) { Say(run, "kestrix: " + line); });
-    if (outcome.failure.empty()) {
+    if (outcome.failure.empty() && !order.guest) {
         if (const host::Trouble trouble = host::CheckHeldDisk(run.held)) {
             outcome.failure = "disk " + std::to_string(run.held.number) + ": " + *trouble;
         }
@@ -780,7 +801,8 @@ static void RunSteps(Run &run)
         Fail(run, run.job.folder + ": it can't be looked at: " + *trouble);
         return;
     }
-    if (!CheckFileSystem(run, facts) || !TakeFolder(run) || !FindTheDisk(run, facts) || !ReadFolder(run)) {
+    if (!CheckFileSystem(run, facts) || !TakeFolder(run) ||
+        !(run.job.guest ? FindTheGuestsDisk(run) : FindTheDisk(run, facts)) || !ReadFolder(run)) {
         return;
     }
     ReadUnreadAgain(run);

@@ -1,6 +1,8 @@
 // The program's lines are its own fixed texts; of each note the part that names it.
 #include "kestrix-keep/capture.h"
 
+#include "kestrix-keep/guest.h"
+
 #include <algorithm>
 
 // Cuts output into lines. What a carriage return overwrites on a terminal is not kept.
@@ -33,8 +35,15 @@ struct LineCutter {
 
 static std::vector<std::string> ArgumentsOf(const CaptureOrder &order)
 {
-    std::vector<std::string> arguments = {order.program, "capture",    "--disk", std::to_string(order.disk),
-                                          "--out",       order.outPath};
+    std::vector<std::string> arguments = {order.program, "capture"};
+    if (order.guest) {
+        arguments.insert(arguments.end(), {order.guest->domain, order.guest->disk});
+        const std::vector<std::string> way = WayToGuest(*order.guest);
+        arguments.insert(arguments.end(), way.begin(), way.end());
+    } else {
+        arguments.insert(arguments.end(), {"--disk", std::to_string(order.disk)});
+    }
+    arguments.insert(arguments.end(), {"--out", order.outPath});
     if (!order.basePath.empty()) {
         arguments.insert(arguments.end(), {"--base", order.basePath, "--thin"});
     }
@@ -61,14 +70,16 @@ CaptureOutcome RunCapture(const CaptureOrder &order, const std::function<void(co
     cutter.Finish();
     CaptureOutcome outcome;
     outcome.lines = std::move(cutter.lines);
+    const std::string name = order.guest ? "kestrix-vm" : "kestrix";
     if (trouble) {
         outcome.failure = order.program + ": it can't be started: " + *trouble;
     } else if (end.wasEnded) {
-        outcome.failure = "kestrix was ended before the image was complete";
+        outcome.failure = name + " was ended before the image was complete";
     } else if (end.exitStatus != 0) {
-        const auto fatal = std::find_if(outcome.lines.rbegin(), outcome.lines.rend(),
-                                        [](const std::string &line) { return Contains(line, "FATAL"); });
-        outcome.failure = "kestrix ended with exit status " + std::to_string(end.exitStatus) +
+        const auto fatal = std::find_if(outcome.lines.rbegin(), outcome.lines.rend(), [](const std::string &line) {
+            return Contains(line, "FATAL") || line.rfind("kestrix-vm: ", 0) == 0;
+        });
+        outcome.failure = name + " ended with exit status " + std::to_string(end.exitStatus) +
                           (fatal == outcome.lines.rend() ? "" : ": " + *fatal);
     }
     return outcome;
@@ -76,9 +87,15 @@ CaptureOutcome RunCapture(const CaptureOrder &order, const std::function<void(co
 
 std::vector<std::string> NotesOf(const std::vector<std::string> &captureLines)
 {
-    static const char *const parts[] = {
-        "reading live instead",  "it will be read live",         "read live.", "cannot prove what changed", "WARNING",
-        "crash-consistent only", "did not complete successfully"};
+    static const char *const parts[] = {"reading live instead",
+                                        "it will be read live",
+                                        "read live.",
+                                        "cannot prove what changed",
+                                        "WARNING",
+                                        "crash-consistent only",
+                                        "did not complete successfully",
+                                        "Not frozen",
+                                        "proves nothing"};
     std::vector<std::string> notes;
     for (const std::string &line : captureLines) {
         const bool isNote =

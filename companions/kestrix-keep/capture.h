@@ -1,6 +1,7 @@
-// kestrix, run for one disk, and what it says.
+// kestrix, run for one disk, or kestrix-vm for one of a guest, and what they say.
 #pragma once
 
+#include "kestrix-keep/configuration.h"
 #include "kestrix-keep/sidecar.h"
 
 #include <functional>
@@ -8,8 +9,9 @@
 #include <vector>
 
 struct CaptureOrder {
-    std::string program; // kestrix, where the disk has its number
+    std::string program; // kestrix, where the disk has its number, or kestrix-vm
     uint32_t disk = 0;
+    std::optional<GuestDisk> guest; // in the place of disk
     std::string outPath;
     std::string basePath;     // empty: a full image
     std::string passwordFile; // empty: a plain one

@@ -383,9 +383,9 @@ struct KnownKeys {
 static const KnownKeys &JobKeys()
 {
     static const KnownKeys known = {"the job itself",
-                                    {"disk", "folder", "folder-must-be", "folder-without-locks", "password-file",
-                                     "snapshots", "every", "base", "new-full", "keep", "check", "copies", "before",
-                                     "after", "on-success", "on-failure"}};
+                                    {"disk", "machine", "folder", "folder-must-be", "folder-without-locks",
+                                     "password-file", "snapshots", "every", "base", "new-full", "keep", "check",
+                                     "copies", "before", "after", "on-success", "on-failure"}};
     return known;
 }
 
@@ -732,6 +732,71 @@ static std::string ReadDisk(Reading &reading, const Value &value)
     return text;
 }
 
+static void RequireKey(Reading &reading, const Value &table, const char *name, const char *meaning)
+{
+    if (Member(table, name).node == nullptr) {
+        AddFault(reading, {nullptr, table.key + "." + name, table.line, ""},
+                 std::string("this key is missing: ") + meaning);
+    }
+}
+
+// "libvirt:URI/DOMAIN/DISK" or "qmp:SOCKET/DOMAIN/DISK". Names of domains and disks have no slash, both of the others
+// may.
+static std::optional<GuestDisk> GuestDiskOf(const std::string &text)
+{
+    const std::optional<std::string> connection = Behind("libvirt:", text);
+    const std::optional<std::string> socket = Behind("qmp:", text);
+    const std::string &all = connection ? *connection : socket ? *socket : text;
+    const size_t beforeDisk = all.rfind('/');
+    const size_t beforeDomain =
+        beforeDisk == std::string::npos || beforeDisk == 0 ? std::string::npos : all.rfind('/', beforeDisk - 1);
+    if ((!connection && !socket) || beforeDomain == std::string::npos) {
+        return std::nullopt;
+    }
+    GuestDisk guest;
+    (connection ? guest.connection : guest.socket) = all.substr(0, beforeDomain);
+    guest.domain = all.substr(beforeDomain + 1, beforeDisk - beforeDomain - 1);
+    guest.disk = all.substr(beforeDisk + 1);
+    const bool isWhole = !guest.domain.empty() && !guest.disk.empty() && guest.domain[0] != '-' &&
+                         guest.disk[0] != '-' && guest.connection.size() + guest.socket.size() != 0 &&
+                         (connection || guest.socket[0] == '/');
+    return isWhole ? std::optional<GuestDisk>(guest) : std::nullopt;
+}
+
+static void ReadGuest(Reading &reading, const Value &value, Job &job)
+{
+    const std::string text = TextOf(reading, value);
+    job.guest = GuestDiskOf(text);
+    if (!text.empty() && reading.rules == host::PathRules::Windows) {
+        AddFault(reading, value, "disks of virtual machines are captured from a host with Linux alone");
+    } else if (!text.empty() && !job.guest) {
+        AddFault(reading, value,
+                 "\"libvirt:URI/DOMAIN/DISK\" or \"qmp:/SOCKET/DOMAIN/DISK\" is wanted, not " + Quoted(text));
+    }
+}
+
+// Which disk, of this machine or of a virtual one.
+static void ReadWhatToImage(Reading &reading, const Value &table, Job &job)
+{
+    const Value disk = Member(table, "disk");
+    const Value machine = Member(table, "machine");
+    if (machine.node == nullptr) {
+        RequireKey(reading, table, "disk", "which disk to image");
+    } else {
+        ReadGuest(reading, machine, job);
+    }
+    if (machine.node != nullptr && disk.node != nullptr) {
+        AddFault(reading, disk, "the job has machine already, and one disk is all that it images");
+    } else if (disk.node != nullptr) {
+        job.disk = ReadDisk(reading, disk);
+    }
+    job.snapshots = TruthOf(reading, Member(table, "snapshots"));
+    if (job.snapshots && machine.node != nullptr) {
+        AddFault(reading, Member(table, "snapshots"),
+                 "this is for disks of this machine: a guest's file systems are frozen by its own agent");
+    }
+}
+
 static void ReadFolderMustBe(Reading &reading, const Value &value, Job &job)
 {
     const std::string text = TextOf(reading, value);
@@ -909,30 +974,18 @@ static std::string JobNameFault(const std::string &name)
                : "";
 }
 
-static void RequireKey(Reading &reading, const Value &table, const char *name, const char *meaning)
-{
-    if (Member(table, name).node == nullptr) {
-        AddFault(reading, {nullptr, table.key + "." + name, table.line, ""},
-                 std::string("this key is missing: ") + meaning);
-    }
-}
-
 static Job ReadJob(Reading &reading, const Value &table)
 {
     Job job;
     job.name = table.name;
     RefuseUnknownKeys(reading, table, JobKeys());
-    RequireKey(reading, table, "disk", "which disk to image");
+    ReadWhatToImage(reading, table, job);
     RequireKey(reading, table, "folder", "where the images go");
-    if (const Value disk = Member(table, "disk"); disk.node != nullptr) {
-        job.disk = ReadDisk(reading, disk);
-    }
     const Value folder = Member(table, "folder");
     job.folder = PathForKestrix(reading, folder, TextOf(reading, folder));
     ReadFolderMustBe(reading, Member(table, "folder-must-be"), job);
     job.folderWithoutLocks = TruthOf(reading, Member(table, "folder-without-locks"));
     ReadPasswordFile(reading, Member(table, "password-file"), job);
-    job.snapshots = TruthOf(reading, Member(table, "snapshots"));
     job.everySeconds = DurationOf(reading, Member(table, "every"), job.everySeconds);
     job.base = IsSecondWord(reading, Member(table, "base"), "full", "newest") ? BaseScheme::Newest : BaseScheme::Full;
     job.newFull = ReadNewFull(reading, Member(table, "new-full"));

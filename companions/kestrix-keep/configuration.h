@@ -49,9 +49,18 @@ struct CopyPlace {
     std::optional<KeepRules> keep; // none: nothing there is ever let go
 };
 
+// A disk of a virtual machine, as kestrix-vm names it. Without a connection there is a socket.
+struct GuestDisk {
+    std::string connection; // URI of libvirt's
+    std::string socket;     // of QMP, a path
+    std::string domain;
+    std::string disk;
+};
+
 struct Job {
     std::string name;                // [A-Za-z0-9._-], at most 64 characters, no other job's in any case
     std::string disk;                // serial:…, wwn:…, a number's digits, or on Linux a path under /dev/disk/
+    std::optional<GuestDisk> guest;  // in the place of disk
     std::string folder;              // absolute, no other job's
     std::string fileSystemUuid;      // at most one of these two is set: what folder has to lie on
     std::string fileSystemSource;    // as host:/export or \\server\share

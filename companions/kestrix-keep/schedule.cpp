@@ -5,6 +5,7 @@
 // as it was gives way, and only such a one is taken away again.
 #include "kestrix-keep/clock.h"
 #include "kestrix-keep/commands.h"
+#include "kestrix-keep/guest.h"
 #include "kestrix-keep/jobs.h"
 #include "kestrix-keep/schedule_texts.h"
 #include "report/report.h"
@@ -146,7 +147,8 @@ static ScheduledRun RunOf(const Job &job, const KeepOptions &common)
     for (size_t i = run.places.size(); i-- > 0;) {
         run.places.push_back(host::ResolvedPath(run.places[i]));
     }
-    run.runsPrograms = !job.before.empty() || !job.after.empty() || !job.onSuccess.empty() || !job.onFailure.empty();
+    run.runsPrograms =
+        job.guest || !job.before.empty() || !job.after.empty() || !job.onSuccess.empty() || !job.onFailure.empty();
     run.usesShare = !job.fileSystemSource.empty();
     return run;
 }
@@ -154,7 +156,7 @@ static ScheduledRun RunOf(const Job &job, const KeepOptions &common)
 static void NoteWhatToKnow(ScheduleReport &report, const Job &job, const ScheduledRun &run)
 {
     if (!job.passwordFile.empty()) {
-        report.notes.push_back("keep a copy of " + job.passwordFile + " elsewhere than on the disk " + job.disk +
+        report.notes.push_back("keep a copy of " + job.passwordFile + " elsewhere than on the disk " + DiskOfJob(job) +
                                ", which this job is to bring back: without the password none of its images can be "
                                "restored");
     }
@@ -163,8 +165,8 @@ static void NoteWhatToKnow(ScheduleReport &report, const Job &job, const Schedul
     }
     if (run.runsPrograms) {
         report.notes.emplace_back(
-            "the job has programs of its own, so that the run is not confined to its disk and its "
-            "folders: what such programs need is not known");
+            "other programs have a part in the job, so that the run is not confined to its disk and "
+            "its folders: what such programs need is not known");
     }
     if (!run.runsPrograms && !run.usesRclone && host::OwnScheduler() == host::Scheduler::Systemd) {
         report.notes.emplace_back(

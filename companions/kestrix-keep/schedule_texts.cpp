@@ -215,12 +215,12 @@ static std::vector<std::string> Sandbox(const ScheduledRun &run)
     return lines;
 }
 
-// A program of the administrator's may mount the backup disk, which must then be seen outside of the service as well,
-// send mail by a program with rights of its own, or talk to any device.
+// A program of the administrator's, or kestrix-vm, may mount the backup disk, which must then be seen outside of the
+// service as well, send mail by a program with rights of its own, or talk to any device.
 static std::vector<std::string> SandboxAroundPrograms()
 {
     return {
-        "# The job has programs of its own, before or after it. What would keep them from their work isn't set:",
+        "# Other programs have a part in the job. What would keep them from their work isn't set:",
         "# what files, devices, networks and rights they need is not known.",
         "RestrictRealtime=yes",
         "LockPersonality=yes",

@@ -36,7 +36,7 @@ struct ScheduledRun {
     std::string inhibitor;           // systemd-inhibit; empty: it can't be used
     std::vector<std::string> writes; // folders that the run writes into
     std::vector<std::string> places; // all it writes and reads by name, as written and where links of it lead to
-    bool runsPrograms = false;       // of the administrator's
+    bool runsPrograms = false;       // besides kestrix
     bool usesRclone = false;
     bool usesShare = false;
 };

@@ -3,6 +3,7 @@
 
 #include "kestrix-keep/clock.h"
 #include "kestrix-keep/commands.h"
+#include "kestrix-keep/guest.h"
 #include "kestrix-keep/jobs.h"
 #include "kestrix-keep/status_page.h"
 #include "report/report.h"
@@ -117,6 +118,7 @@ JobStatus StatusOf(const Job &job, const JobFolder &folder, int64_t now)
     JobStatus status;
     status.job = job.name;
     status.folder = job.folder;
+    status.disk = DiskOfJob(job);
     const size_t newest = NewestSound(folder);
     if (newest != noImage) {
         status.lastGood = folder.images[newest].name;
@@ -140,6 +142,7 @@ static PageJob LookAtJob(const KeepOptions &common, const Job &job, int64_t now,
     if (!folder) {
         looked.status.job = job.name;
         looked.status.folder = job.folder;
+        looked.status.disk = DiskOfJob(job);
         looked.status.isOverdue = true;
         looked.status.problems.push_back(folder.fault.text);
         return looked;
@@ -158,6 +161,7 @@ Json JsonOf(const JobStatus &status)
 {
     return {{"job", status.job},
             {"folder", status.folder},
+            {"disk", status.disk},
             {"isWell", status.problems.empty()},
             {"problems", status.problems},
             {"lastGood", status.lastGood.empty() ? Json(nullptr) : Json(status.lastGood)},
@@ -199,6 +203,7 @@ static void PrintStatus(const JobStatus &status, int64_t now)
     for (const std::string &problem : status.problems) {
         PrintLine("  ! " + problem);
     }
+    PrintLine("  disk: " + status.disk);
     if (!status.lastGood.empty()) {
         PrintLine("  last good image: " + status.lastGood + ", " + AgeText(now - status.lastGoodAt) + " old");
         PrintLine("  next due: " + LocalTimeText(status.dueAt));

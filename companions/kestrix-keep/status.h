@@ -10,6 +10,7 @@
 struct JobStatus {
     std::string job;
     std::string folder;
+    std::string disk;                  // as the configuration names it
     std::vector<std::string> problems; // what is wrong, as sentences; none: all is well
     std::string lastGood;              // file name of the newest sound image; empty: there is none
     int64_t lastGoodAt = 0;

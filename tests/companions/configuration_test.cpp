@@ -619,7 +619,7 @@ TEST(Configuration, UnknownKeysAreRefusedWithWhatWasMeant)
         {"keep = { last = 1, decennially = 3 }",
          "4: job.server.keep.decennially: there is no such key; here there can be last, daily, weekly, monthly"},
         {"\"\" = 1",
-         "4: job.server.\"\": there is no such key; here there can be disk, folder, folder-must-be, "
+         "4: job.server.\"\": there is no such key; here there can be disk, machine, folder, folder-must-be, "
          "folder-without-locks, password-file, snapshots, every, base, new-full, keep, check, copies, before, "
          "after, on-success, on-failure"},
     });
@@ -693,7 +693,7 @@ TEST(Configuration, AByteOrderMarkAndWindowsLineEndsAreFine)
     EXPECT_EQ(JobOf("\xEF\xBB\xBF[job.server]\r\ndisk = 1\r\nfolder = \"/b\"\r\n").folder, "/b");
     ExpectFaults(
         {{"\xEF\xBB\xBF[job.server]\r\ndisk = 1\r\nfolder = \"/b\"\r\nchian = 1\r\n",
-          "4: job.server.chian: there is no such key; here there can be disk, folder, folder-must-be, "
+          "4: job.server.chian: there is no such key; here there can be disk, machine, folder, folder-must-be, "
           "folder-without-locks, password-file, snapshots, every, base, new-full, keep, check, copies, before, "
           "after, on-success, on-failure"}});
 }

@@ -899,7 +899,7 @@ class StatusTest(BackupTest):
     def test_the_lines_for_a_person_say_the_same(self):
         self.well()
         run = self.keep("status", "--now", str(NOW + 3600), "--config", self.configuration)
-        self.assertIn(f"job: well\n  last good image: {NAME}, 1 hour old\n".encode(), run.out)
+        self.assertIn(f"job: well\n  disk: serial:SERIAL1\n  last good image: {NAME}, 1 hour old\n".encode(), run.out)
 
     def test_the_file_for_monitoring_has_each_figure_in_its_form(self):
         self.well()
