@@ -55,7 +55,7 @@ program_suite("companions, sanitized" LABELS unit sanitized COST 20 ENVIRONMENT 
 
 # Without what is about cost, time, pages and other programs: there the plain run sees all that there is to see.
 set(plainAlone test_architecture test_chain_cost test_completion test_keep_faults test_keep_page test_keep_places
-               test_keep_year test_large_disk test_magic test_manual_pages test_month test_page_links)
+               test_keep_year test_large_disk test_magic test_manual_pages test_month test_page_links test_vm test_vm_page)
 file(GLOB files CONFIGURE_DEPENDS RELATIVE ${CMAKE_CURRENT_SOURCE_DIR}/endtoend endtoend/test_*.py)
 foreach(tests IN LISTS files)
   cmake_path(GET tests STEM stem)
@@ -73,6 +73,7 @@ foreach(tests IN LISTS files)
   endif()
 endforeach()
 endtoend_suite("endtoend browsing" browse LABELS machine COST 400)
+endtoend_suite("endtoend whole guests" vm LABELS machine COST 400)
 
 foreach(target IN ITEMS images verify tracker command_line device_socket image_check)
   suite("fuzz inputs, ${target}" LABELS fuzz sanitized COST 10 ENVIRONMENT ${sanitizers}
@@ -128,13 +129,15 @@ suite("cppcheck finds nothing" LABELS tree COST 15 COMMAND cppcheck --quiet
       --enable=warning,style,performance,portability --std=c++17 --error-exitcode=1 --inconclusive
       --suppressions-list=.cppcheck -I src -I platform -I platform/linux/include -I platform/linux -I companions
       src platform/linux companions)
-suite("Python is sound" LABELS tree COST 10 COMMAND ${python} -m flake8 tests bench scripts/count-results scripts/figures
-      scripts/messages scripts/mutate scripts/years)
+suite("Python is sound" LABELS tree COST 10 COMMAND ${python} -m flake8 tests bench companions/kestrix-vm
+      companions/kestrix-vm/kestrix-vm scripts/count-results scripts/figures scripts/figures-vm scripts/messages
+      scripts/mutate scripts/years)
 suite("shell scripts are sound" LABELS tree COST 10 COMMAND scripts/check-scripts)
 suite("every test file is in the build" LABELS tree COST 5 COMMAND scripts/check-test-files)
 suite("manual pages are sound" LABELS tree COST 5 COMMAND scripts/check-manuals)
 suite("the drawing is made of its source" LABELS tree COST 1 COMMAND scripts/draw --check)
 suite("the page of figures says what its tables do" LABELS tree COST 1 COMMAND scripts/figures --check)
+suite("the page of virtual machines has its table" LABELS tree COST 1 COMMAND scripts/figures-vm --check)
 suite("the port holds the calls of the program and no others" LABELS tree COST 1
       COMMAND scripts/check-port ${CMAKE_BINARY_DIR})
 suite("the simulator stands in for every call, windows" LABELS tree wine COST 1

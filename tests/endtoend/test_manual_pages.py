@@ -55,6 +55,10 @@ class Synopses(unittest.TestCase):
         self.everywhere = {"--json", "--quiet", "--config", "--now"}
         self.check_subcommands("kestrix-keep.8")
 
+    def test_of_kestrix_vm_have_the_options_of_each_subcommand(self):
+        self.everywhere = set()
+        self.check_subcommands("kestrix-vm.8")
+
     def test_of_kestrix_browse_are_its_usage(self):
         helped = said(os.path.join(FOLDER, "kestrix-browse"), "--help")
         usage = re.findall(r"(?:Usage: |^ {7})(kestrix-browse .*)$", helped, re.M)

@@ -1,0 +1,202 @@
+"""kestrix-vm on a guest of libvirt's: backups that are pulled, and checkpoints. Run where a libvirtd answers at
+qemu:///system whose guests may read the tests' folder."""
+import json
+import os
+import re
+import signal
+import subprocess
+import tempfile
+import time
+import unittest
+import uuid
+
+from guest_disks import KESTRIX_VM, end_process, why_no_guests
+from harness import MIB, MachineTest, Run, system
+from kestrix_image import read_image
+from small_guest import kernel, make_disk, make_initrd, why_no_guest
+
+URI = "qemu:///system"
+SIZE = 64 * MIB
+
+
+def why_no_libvirt():
+    done, text = system("virsh", "--connect", URI, "version")
+    return None if done else f"no libvirt: {text.splitlines()[0] if text else 'virsh fails'}"
+
+
+REASON = why_no_guests() or why_no_guest() or why_no_libvirt()
+
+
+@unittest.skipIf(REASON, REASON)
+class Libvirt(MachineTest):
+    @classmethod
+    def setUpClass(cls):
+        super().setUpClass()
+        cls.shared = tempfile.TemporaryDirectory(prefix="kestrix-guest-")
+        cls.addClassCleanup(cls.shared.cleanup)
+        cls.initrd = make_initrd(cls.shared.name)
+
+    def setUp(self):
+        super().setUp()
+        self.state = os.path.join(self.folder, "state")
+        self.disk = make_disk(self.folder, SIZE)
+        self.line = os.path.join(self.folder, "line")
+        self.running = "running"
+        self.name = "kestrix-" + uuid.uuid4().hex[:8]
+        path = os.path.join(self.folder, "domain.xml")
+        with open(path, "w", encoding="utf-8") as file:
+            file.write(f"""<domain type='qemu'><name>{self.name}</name><memory unit='MiB'>256</memory>
+<os><type arch='x86_64' machine='q35'>hvm</type><kernel>{kernel()}</kernel><initrd>{self.initrd}</initrd>
+<cmdline>console=ttyS0 quiet panic=1</cmdline></os>
+<devices><emulator>/usr/bin/qemu-system-x86_64</emulator>
+<disk type='file' device='disk'><driver name='qemu' type='qcow2'/><source file='{self.disk}'/>
+<target dev='vda' bus='virtio'/></disk>
+<serial type='file'><source path='{self.line}'/><target port='0'/></serial>
+<channel type='unix'><target type='virtio' name='org.qemu.guest_agent.0'/></channel>
+<memballoon model='none'/></devices></domain>""")
+        self.virsh("define", path)
+        self.addCleanup(self.undefine)
+        self.begin()
+
+    def virsh(self, *words):
+        return self.must("virsh", "--connect", URI, "--quiet", *words)
+
+    def undefine(self):
+        system("virsh", "--connect", URI, "destroy", self.name)
+        system("virsh", "--connect", URI, "undefine", self.name, "--checkpoints-metadata")
+
+    def begin(self):
+        with open(self.line, "wb"):
+            pass
+        self.virsh("start", self.name)
+        self.wait_for("READY")
+
+    def said(self):
+        with open(self.line, encoding="utf-8", errors="replace") as file:
+            return file.read()
+
+    def wait_for(self, text, seconds=120):
+        end = time.monotonic() + seconds
+        while text not in self.said():
+            self.assertLess(time.monotonic(), end, self.said()[-2000:])
+            time.sleep(0.1)
+
+    def wait_until_it_writes(self):
+        seen = len(re.findall("WROTE", self.said()))
+        end = time.monotonic() + 60
+        while len(re.findall("WROTE", self.said())) < seen + 2:
+            self.assertLess(time.monotonic(), end, "the guest writes no more")
+            time.sleep(0.1)
+        self.assertNotIn("FAILED", self.said())
+
+    def start_vm(self, *words):
+        process = subprocess.Popen([KESTRIX_VM, *words, "--connect", URI, "--state", self.state], cwd=self.images,
+                                   stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        self.addCleanup(end_process, process)
+        return process
+
+    def start_capture(self, name, *more):
+        return self.start_vm("capture", self.name, "vda", "--out", name, "--kestrix", self.program, *more)
+
+    def capture(self, name, *more):
+        process = self.start_capture(name, *more)
+        out, err = process.communicate(timeout=300)
+        return Run(process.returncode, out, err)
+
+    def captured(self, name, base=None, proved=True):
+        run = self.capture(name, *(["--base", base, "--thin"] if base else []))
+        text = run.out.decode()
+        self.assertEqual((run.status, run.err), (0, b""), text)
+        self.assertNotIn("WARNING", text)
+        if base:
+            self.assertIn("matches tracker" if proved else "Nothing is proved", text)
+        self.check_nothing_left()
+        return text
+
+    def checkpoints(self):
+        return self.virsh("checkpoint-list", self.name, "--name").split()
+
+    def check_nothing_left(self):
+        self.assertLessEqual(len([name for name in self.checkpoints() if name.startswith("kestrix-")]), 1)
+        self.assertEqual(os.listdir(os.path.join(self.state, "run")), [])
+        self.assertEqual(self.virsh("domstate", self.name), self.running)
+        self.assertIn("None", self.virsh("domjobinfo", self.name))
+
+    def test_nights_are_proved_and_hold_the_disk(self):
+        self.wait_until_it_writes()
+        text = self.captured("a")
+        self.assertRegex(text, r"File systems frozen: 1, for 0\.\d\d s\.")
+        self.wait_until_it_writes()
+        self.captured("b", "a")
+        self.assertEqual(self.capture("none/c", "--base", "a").status, 1)
+        self.check_nothing_left()
+        self.wait_until_it_writes()
+        process = self.start_capture("c", "--base", "b", "--thin")
+        time.sleep(0.4)
+        process.kill()
+        process.communicate()
+        self.wait_until_it_writes()
+        self.captured("c", "b")
+        told, = [disk for disk in json.loads(self.start_vm("disks", "--json").communicate()[0])
+                 if disk["domain"] == self.name]
+        self.assertEqual((told["disk"], told["size"], told["unproved"]), ("vda", SIZE, None))
+        # A guest that stands still leaves its disk as the image has it.
+        self.virsh("suspend", self.name)
+        self.running = "paused"
+        self.assertIn("Not frozen: the guest is paused.", self.captured("d", "c"))
+        self.running = "running"
+        self.virsh("destroy", self.name)
+        raw = os.path.join(self.folder, "compare")
+        self.must("qemu-img", "convert", "-f", "qcow2", "-O", "raw", self.disk, raw)
+        with open(raw, "rb") as file:
+            self.assertTrue(read_image(self.path("d")).disk() == file.read())
+        self.begin()
+        self.captured("e", "d")
+        self.throw_off()
+        self.begin()
+        self.captured("f", "e", proved=False)
+        self.captured("g", "f")
+
+    def throw_off(self):
+        """As a host that crashes: QEMU stores no bitmap."""
+        with open(f"/run/libvirt/qemu/{self.name}.pid", encoding="ascii") as file:
+            os.kill(int(file.read()), signal.SIGKILL)
+        self.wait_until_off()
+
+    def wait_until_off(self):
+        end = time.monotonic() + 30
+        while self.virsh("domstate", self.name) != "shut off":
+            self.assertLess(time.monotonic(), end)
+            time.sleep(0.1)
+
+    def test_a_checkpoint_of_somebody_else_is_left_alone(self):
+        self.captured("a")
+        self.virsh("checkpoint-create-as", self.name, "theirs")
+        self.wait_until_it_writes()
+        self.captured("b", "a")
+        self.assertIn("theirs", self.checkpoints())
+
+    def test_a_checkpoint_that_was_deleted_proves_nothing(self):
+        self.captured("a")
+        name, = self.checkpoints()
+        self.virsh("checkpoint-delete", self.name, name)
+        self.captured("b", "a", proved=False)
+
+    def test_bitmaps_outlive_a_shutdown_and_a_disk_that_was_cut_meanwhile_proves_nothing(self):
+        self.captured("a")
+        self.wait_until_it_writes()
+        self.shut_off()
+        self.begin()
+        self.wait_until_it_writes()
+        self.captured("b", "a")
+        self.shut_off()
+        self.must("qemu-img", "resize", "-q", "--shrink", self.disk, str(SIZE - 2 * MIB))
+        self.must("qemu-img", "resize", "-q", self.disk, str(SIZE))
+        self.begin()
+        self.assertIn("Nothing is proved: the disk was resized.", self.captured("c", "b", proved=False))
+        self.captured("d", "c")
+
+    def shut_off(self):
+        self.virsh("suspend", self.name)
+        self.virsh("qemu-monitor-command", self.name, '{"execute": "quit"}')
+        self.wait_until_off()
