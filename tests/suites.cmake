@@ -3,7 +3,8 @@
 # taken from where the other presets build it. Each suite writes what its tests came to, in the form of JUnit, to
 # build/test-logs, from which scripts/count-results counts.
 #
-# Labels: unit, port, endtoend, wine, sanitized, machine (whole virtual ones), fuzz (saved inputs), packages, tree.
+# Labels: unit, port, endtoend, wine, sanitized, machine (whole virtual ones), fuzz (saved inputs), packages, tree; and
+# long, for what scripts/test leaves out unless it is asked for (docs/development/long-tests.md).
 
 set(logs ${CMAKE_SOURCE_DIR}/build/test-logs)
 set(other ${CMAKE_SOURCE_DIR}/build)
@@ -73,7 +74,7 @@ foreach(tests IN LISTS files)
   endif()
 endforeach()
 endtoend_suite("endtoend browsing" browse LABELS machine COST 400)
-endtoend_suite("endtoend whole guests" vm LABELS machine COST 400)
+endtoend_suite("endtoend whole guests" vm LABELS machine long COST 600)
 
 foreach(target IN ITEMS images verify tracker command_line device_socket image_check)
   suite("fuzz inputs, ${target}" LABELS fuzz sanitized COST 10 ENVIRONMENT ${sanitizers}

@@ -72,9 +72,10 @@ def thaw_left(guest, marker):
     say("What an earlier capture left frozen was thawed.")
 
 
-def capture(guest, state, domain, disks, options):
-    """Captures the disks, each a pair of a Disk and the arguments of its `kestrix capture`, of one moment. Gives the
-    exit status; raises NotBegun or Fault."""
+def capture(guest, state, domain, choose, options):
+    """Captures the disks that choose gives, each a pair of a Disk and the arguments of its `kestrix capture`, of one
+    moment. They are looked for when nothing of an earlier run stands above them any more. Gives the exit status; raises
+    NotBegun or Fault."""
     refuse_without_nbd()
     kestrix = find_kestrix(options.kestrix)
     refuse_noexec(state.folder)
@@ -83,6 +84,7 @@ def capture(guest, state, domain, disks, options):
         try:
             heed_signals()
             clear_dead_runs(guest, state)
+            disks = choose()
             guest.refuse([disk for disk, _ in disks])
             refuse_full(state.folder)
             run = Run(state, new_run(), guest.key)

@@ -171,18 +171,22 @@ def refuse_nonsense(parser, options):
         parser.error("--agent and --nbd go with --qmp")
 
 
+def chosen_disks(guest, options):
+    if not options.all_disks:
+        disks = [guest.find_disk(options.disk)]
+    else:
+        disks = [disk for disk in guest.find_disks() if not disk.readOnly]
+    if not disks:
+        raise NotBegun("The guest has no disks.")
+    return [(disk, arguments_of(options, disk)) for disk in disks]
+
+
 def run_capture(parser, options):
     refuse_nonsense(parser, options)
     state = State(options.state or default_folder())
     guest = open_guest(options, state, options.domain)
     try:
-        if options.all_disks:
-            disks = [disk for disk in guest.find_disks() if not disk.readOnly]
-            if not disks:
-                raise NotBegun("The guest has no disks.")
-        else:
-            disks = [guest.find_disk(options.disk)]
-        return capture(guest, state, options.domain, [(disk, arguments_of(options, disk)) for disk in disks], options)
+        return capture(guest, state, options.domain, lambda: chosen_disks(guest, options), options)
     finally:
         guest.close()
 

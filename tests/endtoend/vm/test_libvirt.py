@@ -1,5 +1,4 @@
-"""kestrix-vm on a guest of libvirt's: backups that are pulled, and checkpoints. Run where a libvirtd answers at
-qemu:///system whose guests may read the tests' folder."""
+"""kestrix-vm on a guest of libvirt's: backups that are pulled, and checkpoints."""
 import json
 import os
 import re
@@ -10,24 +9,32 @@ import time
 import unittest
 import uuid
 
+import own_libvirt
 from guest_disks import KESTRIX_VM, end_process, why_no_guests
 from harness import MIB, MachineTest, Run, system
 from kestrix_image import read_image
 from small_guest import kernel, make_disk, make_initrd, why_no_guest
 
-URI = "qemu:///system"
+URI = own_libvirt.URI
+own = []  # the libvirtd that was started for these tests
 SIZE = 64 * MIB
 
 
-def why_no_libvirt():
-    done, text = system("virsh", "--connect", URI, "version")
-    return None if done else f"no libvirt: {text.splitlines()[0] if text else 'virsh fails'}"
+def setUpModule():
+    reason = why_no_guests() or why_no_guest()
+    if reason:
+        raise unittest.SkipTest(reason)
+    try:
+        own.append(own_libvirt.begin())
+    except OSError as error:
+        raise unittest.SkipTest(str(error)) from None
 
 
-REASON = why_no_guests() or why_no_guest() or why_no_libvirt()
+def tearDownModule():
+    while own:
+        own_libvirt.end(own.pop())
 
 
-@unittest.skipIf(REASON, REASON)
 class Libvirt(MachineTest):
     @classmethod
     def setUpClass(cls):
