@@ -517,6 +517,17 @@ static CaptureOutcome CaptureTo(Run &run, const std::string &path)
     return outcome;
 }
 
+// What one has to know of the image in a year's time.
+static std::vector<std::string> NotesOfImage(const Run &run, const CaptureOutcome &outcome)
+{
+    std::vector<std::string> notes = NotesOf(outcome.lines);
+    const bool wasInUse = run.facts.isInUse || run.facts.isSystemDisk;
+    if (wasInUse && !run.job.snapshots) { // of snapshots the lines tell
+        notes.emplace_back("read live: the disk was in use, and the image holds what a power cut might have left");
+    }
+    return notes;
+}
+
 // The sidecar of an image that has passed its audit.
 static Sidecar DescribeImage(const Run &run, const reader::ImageFacts &facts, const FileDigest &digest,
                              const CaptureOutcome &outcome)
@@ -541,7 +552,7 @@ static Sidecar DescribeImage(const Run &run, const reader::ImageFacts &facts, co
     sidecar.storedChunks = facts.storedChunks;
     sidecar.isSealed = reader::IsSealed(facts.header);
     sidecar.captureLines = outcome.lines;
-    sidecar.notes = NotesOf(outcome.lines);
+    sidecar.notes = NotesOfImage(run, outcome);
     sidecar.isSound = true;
     sidecar.provedAt = TimeNow(run);
     sidecar.mayNotBeBase = WhyNoBaseAfter(outcome.lines);

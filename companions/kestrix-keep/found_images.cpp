@@ -190,6 +190,11 @@ std::vector<std::string> ImageCard(const FoundImage &image)
             lines.push_back("  " + NeedsLine(image));
         }
         lines.push_back("  " + ProvedLine(image));
+        if (image.sidecar) {
+            for (const std::string &note : image.sidecar->notes) {
+                lines.push_back("  " + note);
+            }
+        }
     }
     if (!image.whyNot.empty()) {
         lines.push_back("  CAN'T BE RESTORED: " + image.whyNot);

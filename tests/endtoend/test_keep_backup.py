@@ -178,6 +178,15 @@ class OneRun(BackupTest):
         self.assertRegex("".join(self.sidecar(name)["notes"]), "^--vss: .* - reading live instead")
         self.assertEqual(self.backup(NOW + DAY)[1]["notes"][:1], self.sidecar(name)["notes"][:1])
 
+    def test_a_disk_in_use_is_said_to_be_read_live_in_the_report_and_in_the_sidecar(self):
+        self.assertEqual(self.sidecar(self.well())["notes"], [])
+        os.unlink(self.device("C:"))
+        self.volume_c(1)
+        status, report = self.backup(NOW + DAY)
+        self.assertEqual(status, WELL, report)
+        self.assertEqual(sum(note.startswith("read live: ") for note in self.sidecar(report["image"])["notes"]), 1)
+        self.assertEqual(report["notes"], self.sidecar(report["image"])["notes"])
+
     def test_whole_checks_find_damage_below_a_new_image_the_same_night(self):
         for each, status in (("own", WELL), ("whole", FAILED)):
             with self.subTest(each=each):

@@ -167,10 +167,11 @@ class TheWholeWay(RestoreTest):
         self.assertTrue(self.disk_bytes(1) == DISK)
 
     def test_a_sidecar_tells_what_the_image_is_and_its_audit_can_be_trusted(self):
-        self.sidecar(self.image("full.kstx", DISK))
+        self.sidecar(self.image("full.kstx", DISK), notes=["read live: the disk was in use"])
         talk = self.guided()
         shown = talk.answer(IMAGE, "1")
         self.assertIn("of Source, serial SRC-0001, in machine; made 2026-11-22 03:00:05 +0100", shown)
+        self.assertIn("  read live: the disk was in use\n", shown)
         talk.answer(AUDIT, "2")
         shown = talk.answer(TARGET, "1")
         self.assertIn("is trusted", shown)

@@ -83,12 +83,18 @@ def past_firmware():
     return os.path.join(RESCUE, "vmlinuz"), os.path.join(RESCUE, "initrd"), options
 
 
+def make_ready(machine, prompt):
+    """Makes the shell ready for long lines; of what the kernel would say in between, the log of the kernel has it."""
+    machine.type("dmesg -n 1; stty cols 2000; bind 'set enable-bracketed-paste off'; export TERM=dumb PAGER=cat "
+                 + PLAIN_DIGESTS)
+    machine.expect(prompt)
+
+
 def reach_prompt(machine, seconds=420):
-    """From the firmware, or past it, to the shell of the stick, which is made ready for long lines."""
+    """From the firmware, or past it, to the shell of the stick."""
     machine.expect(PROMPT, seconds=seconds)
-    machine.type("stty cols 2000; bind 'set enable-bracketed-paste off'; export TERM=dumb PAGER=cat " + PLAIN_DIGESTS)
-    machine.expect(PROMPT)
+    make_ready(machine, PROMPT)
 
 
 __all__ = ["CASES", "Disk", "MIB", "Machine", "PLAIN_DIGESTS", "PROMPT", "RESCUE", "ROOT", "STICK", "WORK", "blank",
-           "case", "digest", "digests", "host", "noise", "past_firmware", "reach_prompt", "stick"]
+           "case", "digest", "digests", "host", "make_ready", "noise", "past_firmware", "reach_prompt", "stick"]

@@ -41,7 +41,8 @@ class Disk:
     def device(self, by_firmware, port):
         options = {"virtio": "virtio-blk-pci", "sata": f"ide-hd,bus=ide.{port}", "nvme": "nvme",
                    "usb": "usb-storage,bus=xhci.0",
-                   "scsi": "scsi-hd,bus=scsi.0", "cd": f"ide-cd,bus=ide.{port}", "floppy": "floppy"}[self.kind]
+                   "scsi": "scsi-hd,bus=scsi.0", "cd": f"ide-cd,bus=ide.{port}",
+                   "floppy": "floppy,bus=controller.0"}[self.kind]
         options += f",drive={self.name},id=dev-{self.name}"
         if self.serial:
             options += f",serial={self.serial}"
@@ -94,13 +95,15 @@ class Machine:
                    "-display", "none", "-vga", "std", "-no-reboot", "-name", "kestrix-rehearsal",
                    "-chardev", f"socket,id=line,path={self.folder}/line,server=on,wait=off", "-serial", "chardev:line",
                    "-chardev", f"socket,id=control,path={self.folder}/control,server=on,wait=off",
-                   "-mon", "chardev=control,mode=control", "-device", "qemu-xhci,id=xhci",
-                   "-device", "virtio-scsi-pci,id=scsi", *self._firmware()]
-        if self.network:
+                   "-mon", "chardev=control,mode=control", *self._firmware()]
+        if self.network:  # before those that take the next place that is free
             command += ["-netdev", "user,id=network", "-device", "virtio-net-pci,netdev=network,addr=0x3"]
+        command += ["-device", "qemu-xhci,id=xhci", "-device", "virtio-scsi-pci,id=scsi"]
         ports = 0
         for number, disk in enumerate(self.disks):
             disk.name = disk.name or f"disk{number}"
+            if disk.kind == "floppy":
+                command += ["-device", "isa-fdc,id=controller"]
             command += ["-blockdev", json.dumps(disk.node()), "-device",
                         disk.device(not isinstance(self.boots, tuple), ports)]
             ports += disk.kind in ("sata", "cd")
@@ -214,8 +217,9 @@ class Machine:
         """Runs a command in the shell; gives what it printed. status None takes any."""
         # What is typed is shown too, and must not look like the end.
         self.text = ""
-        self.type(command + "; printf '\\n~%d~\\n' $?")
-        self.expect(re.escape("$?") + "\\s", seconds=seconds)
+        end = "; printf '\\n~%d~\\n' $?"
+        self.type(command + end)
+        self.expect(re.escape(end), seconds=seconds)
         match = self.expect(r"((?:.|\n)*)\n~(\d+)~", seconds=seconds)
         printed, ended = match[1].strip("\n"), int(match[2])
         self.expect("[#$] $", seconds=seconds)

@@ -4,8 +4,8 @@ import concurrent.futures
 import datetime
 import glob
 import importlib
-import json
 import os
+import re
 import shutil
 import subprocess
 import sys
@@ -15,7 +15,6 @@ import traceback
 from cases import CASES, ROOT, WORK
 
 PAGE = os.path.join(ROOT, "docs", "rehearsals.md")
-RESULTS = os.path.join(WORK, "results.json")
 HEAD = """# Rehearsals
 
 The bad day, and what may go wrong before it, on whole machines: QEMU with emulated processors, a real kernel, disks in
@@ -37,10 +36,16 @@ def version_of(*packages):
     return ", ".join(said.strip().splitlines())
 
 
+def git(*arguments):
+    done = subprocess.run(["git", "-C", ROOT, *arguments], stdout=subprocess.PIPE, text=True, check=False)
+    return done.stdout.strip()
+
+
 def versions():
-    commit = subprocess.run(["git", "-C", ROOT, "describe", "--always", "--dirty"], stdout=subprocess.PIPE, text=True,
-                            check=False).stdout.strip()
-    return f"commit {commit or 'unknown'}, {version_of('qemu-system-x86', 'ovmf')}"
+    # The page itself changes with every case.
+    changed = git("status", "--porcelain", "--untracked-files=no", "--", ".", f":!{os.path.relpath(PAGE, ROOT)}")
+    commit = (git("rev-parse", "--short", "HEAD") or "unknown") + ("-dirty" if changed else "")
+    return f"commit {commit}, {version_of('qemu-system-x86', 'ovmf')}"
 
 
 def run(chosen):
@@ -50,6 +55,7 @@ def run(chosen):
     shutil.rmtree(folder, ignore_errors=True)
     os.makedirs(folder)
     begin = time.monotonic()
+    tried = versions()
     noted = None
     try:
         noted = chosen.function(folder)
@@ -64,22 +70,32 @@ def run(chosen):
         for path in glob.glob(os.path.join(folder, "*")):
             if not path.endswith(".log"):
                 shutil.rmtree(path) if os.path.isdir(path) else os.remove(path)
-    return {"outcome": outcome, "seconds": seconds, "noted": noted, "versions": versions(),
+    return {"outcome": outcome, "seconds": seconds, "noted": noted, "versions": tried,
             "date": datetime.date.today().isoformat()}
+
+
+def read_page():
+    """What the page tells of cases that were run, by their names."""
+    with open(PAGE, encoding="utf-8") as file:
+        text = file.read()
+    keys = dict(re.findall(r"^(\d+)\. (.+)$", text, re.M))
+    rows = re.findall(r"^\| (.+) \| (passed|FAILED)(?:: (.+))? \| (\d+) s \| (\S+) \| (\d+) \|$", text, re.M)
+    return {name: {"outcome": outcome, "noted": noted, "seconds": int(seconds), "date": date, "versions": keys[key]}
+            for name, outcome, noted, seconds, date, key in rows}
 
 
 def write_page(results):
     lines = [HEAD]
     keys = []
-    for result in results.values():
-        if result["versions"] not in keys:
-            keys.append(result["versions"])
+    for one in CASES:
+        if one.name in results and results[one.name]["versions"] not in keys:
+            keys.append(results[one.name]["versions"])
     group = None
     for one in CASES:
         if one.group != group:
             group = one.group
             lines.append(f"## {group}\n\n| Case | Outcome | Time | Day | Versions |\n|---|---|---|---|---|\n")
-        result = results.get(one.function.__name__)
+        result = results.get(one.name)
         lines.append(f"| {one.name} | " + (
             f"{result['outcome']}{': ' + result['noted'] if result['noted'] else ''} | {result['seconds']} s | "
             f"{result['date']} | {keys.index(result['versions']) + 1} |\n" if result else "not run yet | | | |\n"))
@@ -105,18 +121,13 @@ def main():
         print("there is no such case", file=sys.stderr)
         return 1
     os.makedirs(WORK, exist_ok=True)
-    results = {}
-    if (options.words or options.short) and os.path.exists(RESULTS):
-        with open(RESULTS, encoding="utf-8") as file:
-            results = json.load(file)
+    results = read_page() if options.words else {}
     failed = 0
     with concurrent.futures.ThreadPoolExecutor(options.jobs) as pool:
         begun = {pool.submit(run, one): one for one in chosen}
         for done in concurrent.futures.as_completed(begun):
-            results[begun[done].function.__name__] = result = done.result()
+            results[begun[done].name] = result = done.result()
             failed += result["outcome"] != "passed"
-            with open(RESULTS, "w", encoding="utf-8") as file:
-                json.dump(results, file, indent=1)
             if not options.short:
                 write_page(results)
     print(f"{len(chosen) - failed} passed, {failed} failed")

@@ -62,7 +62,9 @@ def nfs(folder, share):
     os.makedirs(own)
     config = os.path.join(own, "ganesha.conf")
     with open(config, "w", encoding="utf-8") as file:
-        file.write(f'NFS_CORE_PARAM {{ Protocols = 4; NFS_Port = 2049; Bind_addr = 127.0.0.1; }}\n'
+        # By the port alone: what else it offers has to be registered with a service that may not run.
+        file.write(f'NFS_CORE_PARAM {{ Protocols = 4; NFS_Port = 2049; Bind_addr = 127.0.0.1; Enable_UDP = false; '
+                   f'Enable_RQUOTA = false; Enable_NLM = false; }}\n'
                    f'NFSv4 {{ RecoveryBackend = fs; RecoveryRoot = {own}; Grace_Period = 5; Lease_Lifetime = 5; }}\n'
                    f'EXPORT {{ Export_Id = 1; Path = {share}; Pseudo = /export/backup; Access_Type = RW; '
                    f'Squash = No_Root_Squash; Protocols = 4; Transports = TCP; SecType = sys; '

@@ -1,9 +1,11 @@
 """The bad day: a machine is captured by its own scheduled job, its disk becomes noise, the stick brings it back."""
 import os
 import re
+import subprocess
 
 import debian
-from cases import MIB, PLAIN_DIGESTS, Disk, Machine, blank, case, host, noise, past_firmware, reach_prompt, stick
+from cases import (MIB, PLAIN_DIGESTS, Disk, Machine, blank, case, host, make_ready, noise, past_firmware,
+                   reach_prompt, stick)
 
 GROUP = "The bad day"
 BACKUP_MIB = 1200
@@ -40,8 +42,7 @@ def log_in(machine, passphrase=None, seconds=420):
     machine.expect("Password: $")
     machine.type(debian.PASSWORD)
     machine.expect("# $")
-    machine.type("stty cols 2000; bind 'set enable-bracketed-paste off'; export TERM=dumb PAGER=cat " + PLAIN_DIGESTS)
-    machine.expect("# $")
+    make_ready(machine, "# $")
 
 
 def capture(machine, serial, password=None, writer=""):
@@ -72,18 +73,19 @@ def go_off(machine):
     machine.wait_until_off(240)
 
 
-def answer_restore(machine, serial, moves=False, password=None, refused=()):
+def answer_restore(machine, serial, moves=False, password=None, refused=(), folder="/mnt/backup/system", live=False):
     """Types what a person would: reads the cards, tries disks that must not be taken, and then takes the right one."""
     machine.expect("In which folder.*lie\\?")
-    machine.type("/mnt/backup/system")
-    machine.expect("Which image is to be restored\\?.*:")
+    machine.type(folder)
+    card = machine.expect("((?:.|\n)*)Which image is to be restored\\?.*:")[1]
+    assert ("read live" in card) == live, card
     machine.type("1")
     if password:
         machine.expect("Its password")
         machine.type(password)
-    if machine.expect("Is the image to be checked first\\?.*:", "The disks of this machine", seconds=900)[0][0] == "I":
+    if machine.expect("Is the image to be checked first\\?.*:", "Reading and checking", seconds=180)[0][0] == "I":
         machine.type("1")
-        machine.expect("The image is sound", seconds=900)
+    machine.expect("The image is sound", seconds=900)
     for one in refused:
         number, _ = disk_of(machine, one)
         machine.type(number)
@@ -125,6 +127,25 @@ def compare_files(machine):
     assert machine.run("systemctl --failed --plain --no-legend") == ""
 
 
+# Files that come, grow and go, each put onto the disk at once.
+WRITER = ("(i=0; while :; do i=$((i+1)); dd if=/dev/urandom of=/var/tmp/w$((i%40)) bs=64k count=$((i%9+1)) conv=fsync "
+          "status=none; rm -f /var/tmp/w$(((i+20)%40)); done) & true")
+
+
+def found_by_fsck(folder, disk):
+    """What the check of the system's file system finds, once the journal was replayed, as at the first start."""
+    part = os.path.join(folder, "restored.part")
+    host("dd", f"if={disk}", f"of={part}", "bs=1M", f"skip={1 + debian.EFI_MIB}", f"count={debian.ROOT_MIB}",
+         "conv=sparse", "status=none")
+    host("truncate", "-s", f"{debian.ROOT_MIB}M", part)
+    replayed, done = [subprocess.run(["e2fsck", *options, part], stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                                     text=True, check=False) for options in (["-E", "journal_only", "-p"], ["-fn"])]
+    assert replayed.returncode in (0, 1), replayed.stdout
+    os.remove(part)
+    return "fsck finds nothing" if done.returncode == 0 else "fsck finds " + "; ".join(
+        line.strip() for line in done.stdout.splitlines()[2:8] if line.strip())
+
+
 def bad_day(folder, make=debian.gpt_machine, *, machine_boots, stick_boots, source, target, target_bytes=None,
             backup_kind="virtio", backup_system="ext4", passphrase=None, password=None, writer=""):
     """source and target are what the disk is plugged in as; writer, what writes on while it is captured."""
@@ -140,11 +161,13 @@ def bad_day(folder, make=debian.gpt_machine, *, machine_boots, stick_boots, sour
     new = noise(system, target_bytes or size, 2)
     serial = "OLD-DISK-4711" if source == target else "NEW-DISK-0815"
     restore(folder, Disk(new, target, serial), Disk(backup, backup_kind, "BACKUP-DISK-7"), stick_boots,
-            moves=bool(target_bytes), refused=["BACKUP-DISK-7", "RESCUE-STICK"], password=password)
+            moves=bool(target_bytes), refused=["BACKUP-DISK-7", "RESCUE-STICK"], password=password, live=True)
+    noted = found_by_fsck(folder, new) if writer else None
     with Machine(os.path.join(folder, "again.log"), [Disk(new, target, serial, boots=0)], machine_boots) as machine:
         log_in(machine, passphrase)
         compare_files(machine)
         go_off(machine)
+    return noted
 
 
 @case(GROUP, "GPT, UEFI: onto an equal disk")
@@ -152,10 +175,11 @@ def test_equal_disk(folder):
     bad_day(folder, machine_boots="uefi", stick_boots="uefi", source="sata", target="sata")
 
 
-@case(GROUP, "GPT, UEFI with Secure Boot: onto a larger disk of another kind (SATA to NVMe), from a USB disk with NTFS")
+@case(GROUP, "GPT, UEFI with Secure Boot: captured while it writes, onto a larger disk of another kind (SATA to NVMe), "
+             "from a USB disk with NTFS")
 def test_larger_disk(folder):
-    bad_day(folder, machine_boots="secure", stick_boots="secure", source="sata", target="nvme",
-            target_bytes=760 * MIB, backup_kind="usb", backup_system="ntfs")
+    return bad_day(folder, machine_boots="secure", stick_boots="secure", source="sata", target="nvme",
+                   target_bytes=760 * MIB, backup_kind="usb", backup_system="ntfs", writer=WRITER)
 
 
 @case(GROUP, "MBR and LVM, BIOS: onto an equal disk of another kind (SATA to virtio)")

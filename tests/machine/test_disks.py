@@ -140,7 +140,7 @@ USES = [
 READ = "dd if=$A iflag=direct bs=1M status=none | sha256sum"
 
 
-@case(GROUP, "a disk in use is refused and untouched: mounted, swap, LVM, md, LUKS, held", short=True)
+@case(GROUP, "a disk in use is refused and untouched: mounted, swap, LVM, md, LUKS, held")
 def test_in_use(folder):
     used = Disk(blank(os.path.join(folder, "used"), 64 * MIB), "scsi", "USED-DISK", name="used")
     source = Disk(noise(os.path.join(folder, "source"), 16 * MIB, 3), "virtio", "SOURCE", name="source")

@@ -47,11 +47,12 @@ def make_places(machine):
     machine.run("mount /dev/disk/by-label/BACKUP /mnt && mkdir /mnt/system")
     machine.run("N=$(kestrix-keep disks | grep -B3 'serial: OLD-DISK' | sed -n 's/^disk \\([0-9]*\\):.*/\\1/p')")
     machine.run(f"kestrix capture --disk $N --out {IMAGE}; umount /mnt", seconds=180)
-    machine.run("cd /dev/disk/by-partlabel; pvcreate -qy VOLUME; vgcreate -q backup VOLUME; "
-                "lvcreate -qy -n images -L 16M backup; vgchange -qan backup")
-    machine.run("printf secret | cryptsetup luksFormat -q --pbkdf pbkdf2 --pbkdf-force-iterations 1000 SECRET -")
-    machine.run("yes | mdadm --create /dev/md0 --run --level=1 --raid-devices=2 HALF1 HALF2; mdadm --wait /dev/md0; "
-                "mdadm --stop /dev/md0; cd", seconds=180)
+    machine.run("part() { readlink -f /dev/disk/by-partlabel/$1; }; pvcreate -qy $(part VOLUME) && "
+                "vgcreate -q backup $(part VOLUME) && lvcreate -qy -n images -L 16M backup && vgchange -qan backup")
+    machine.run("printf secret | cryptsetup luksFormat -q --pbkdf pbkdf2 --pbkdf-force-iterations 1000 "
+                "$(part SECRET) -")
+    machine.run("yes | mdadm --create /dev/md0 --run --level=1 --raid-devices=2 $(part HALF1) $(part HALF2); "
+                "mdadm --wait /dev/md0; mdadm --stop /dev/md0", seconds=180)
     machine.run("echo '10.0.2.2 nas' >>/etc/hosts; cd /root; ln -s /dev/sr0 kestrix-rescue.iso")
 
 
@@ -59,7 +60,7 @@ def run_line(machine, line):
     """One command of the page, with what a person does around it."""
     if line == "restore":
         machine.type(line)
-        answer_restore(machine, "NEW-DISK", moves=True, refused=["BACKUP-DISK"])
+        answer_restore(machine, "NEW-DISK", moves=True, refused=["BACKUP-DISK"], folder="/mnt/system")
         machine.expect(PROMPT)
     elif line.startswith("mount -t cifs"):
         machine.type(line)
