@@ -7,6 +7,7 @@
 # long, for what scripts/test leaves out unless it is asked for (docs/development/long-tests.md).
 
 set(logs ${CMAKE_SOURCE_DIR}/build/test-logs)
+file(MAKE_DIRECTORY ${logs}/figures)
 set(other ${CMAKE_SOURCE_DIR}/build)
 set(python /usr/bin/python3) # Debian's own, which is the one that Debian's Python packages are for
 # Images behind the first keep their handles until the process ends, so leaks are no finding there.
