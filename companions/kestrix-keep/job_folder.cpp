@@ -70,6 +70,12 @@ static bool IsLeftover(const std::string &job, const std::string &name)
            unfinished == job + ".keep.json" || IsImagesWith(job, unfinished, SidecarPath(""));
 }
 
+// From the mark on the image is none of the job's any more, though its end is still to come.
+static bool IsBeingLetGo(const std::vector<std::string> &names, const std::string &image)
+{
+    return std::find(names.begin(), names.end(), SidecarPath(image) + endingOfWhatGoes) != names.end();
+}
+
 // The image's name, of an image or a sidecar; empty for other files.
 static std::string ImageNameOf(const std::string &job, const std::string &name)
 {
@@ -233,7 +239,7 @@ reader::Result<JobFolder> ReadJobFolder(const std::string &path, const std::stri
     for (auto &[name, image] : images) {
         ReadOneSidecar(folder, image);
         LookAtFile(folder, image);
-        if (image.isThere || image.sidecar) {
+        if ((image.isThere || image.sidecar) && !IsBeingLetGo(names, name)) {
             folder.images.push_back(std::move(image));
         }
     }

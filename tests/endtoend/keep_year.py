@@ -243,8 +243,7 @@ class Year:
             demand(self.counts[event] > 0, f"nothing came of: {event}")
         for figure in ("let go", "damage told", "proved by the tracker", "dry runs"):
             demand(self.figures[figure] > 0, f"there was none: {figure}")
-        for job in self.jobs:
-            demand(not job.copies or job.copies.told > 0, f"no damage to a copy of {job.name} was told")
+        self.figures["damage to copies told"] = sum(job.copies.told for job in self.jobs if job.copies)
         demand(self.tracker.faults == [], f"the tracker's stand-in: {self.tracker.faults}")
 
     def night(self, job, now, night, event):
@@ -423,6 +422,8 @@ class Year:
             return
         demand(status == 0, f"exit status {status}: {report}")
         demand(report["warnings"] == [] or "its SHA-256 is" in told, f"{report}")
+        if job.copies:
+            job.copies.check_compared(report, now, WHOLE_EVERY)
         if job.copies and not told:
             job.copies.check_complete(report["image"])
         demand(foreseen is None or foreseen in report["lines"], f"a dry run had said: {foreseen}")
@@ -615,7 +616,7 @@ class Year:
         self.after(job, now)
 
     def copy_flipped(self, job, now):
-        happened = None if job.copies.flip_byte(self.chance) else "nothing"
+        happened = None if job.copies.flip_byte(self.chance, now) else "nothing"
         self.run_well(job, now)
         return happened
 

@@ -17,7 +17,7 @@ class Copies:
     def __init__(self, folder, job):
         self.job = job
         self.place = os.path.join(folder, f"copies-{job}")
-        self.spoiled = set()  # names of what was damaged here on purpose
+        self.spoiled = {}     # name of what was damaged here on purpose: when
         self.told = 0         # of those
         self.compared = {}    # name: marks of what had the digest of its sidecar
         os.mkdir(self.place)
@@ -55,14 +55,26 @@ class Copies:
         """After a run that nothing was wrong with."""
         demand(newest in self.images(), f"{newest} was not copied, and nothing said so")
 
-    def flip_byte(self, chance):
+    def check_compared(self, report, now, wholeEvery):
+        """After a run that let copies go: what is left of the newest was read within that many seconds."""
+        if not any(line.startswith(f"let go at {self.place}") for line in report["lines"]):
+            return
+        name = max(self.images(), key=lambda one: self.sidecar(one)["number"])
+        while name:
+            damaged = self.spoiled.get(name, now)
+            demand(now - damaged < wholeEvery, f"copies went, and {name} there is damaged since {damaged}, not told")
+            name = self.sidecar(name)["base"]
+
+    def flip_byte(self, chance, now):
         """False: there is nothing to be damaged."""
         names = [name for name in self.images() if name not in self.spoiled]
         if not names:
             return False
-        name = chance.choice(names)
+        fulls = [name for name in names if not self.sidecar(name)["base"]]
+        fulls.sort(key=lambda name: self.sidecar(name)["number"])
+        name = chance.choice([chance.choice(names), *fulls[-1:]])  # the newest stays long enough to be read again
         kestrix_image.flip_byte(self.path(name), chance.randrange(os.path.getsize(self.path(name))))
-        self.spoiled.add(name)
+        self.spoiled[name] = now
         return True
 
     def heal(self, report):
@@ -70,10 +82,10 @@ class Copies:
         told = "\n".join(report["warnings"])
         for name in sorted(self.spoiled):
             if not os.path.exists(self.path(name)):
-                self.spoiled.discard(name)
+                del self.spoiled[name]
             elif f"{name}: its SHA-256 is" in told:
                 self.told += 1
-                self.spoiled.discard(name)
+                del self.spoiled[name]
                 if "removed, with its sidecar" in told:
                     self.take_away(name)
         return told

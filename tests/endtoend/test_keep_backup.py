@@ -905,6 +905,13 @@ class StatusTest(BackupTest):
         status, state = self.status(NOW + 60)
         self.assertEqual((status, state["damagedImages"], state["lastGood"]), (FAILED, 1, None))
 
+    def test_an_image_that_was_being_let_go_is_none_any_more(self):
+        self.well()
+        second = self.well(NOW + DAY)
+        os.rename(self.place_path(second + ".json"), self.place_path(second + ".json.let-go"))
+        _, state = self.status(NOW + DAY)
+        self.assertEqual((state["images"], state["lastGood"], state["damagedImages"]), (1, NAME, 0))
+
     def test_the_lines_for_a_person_say_the_same(self):
         self.well()
         run = self.keep("status", "--now", str(NOW + 3600), "--config", self.configuration)
