@@ -28,7 +28,7 @@ ROWS = [
     Row("check of a full image", "check --cached full", "kestrix verify", "{kestrix} verify --in full", 0.60,
         reads=("full",)),
     Row("compare, cold", f"compare full --disk {SOURCE}", "bare loop", "{bareLoop} digest {source}", 0.60, "cold"),
-    Row("compare, warm", f"compare full --disk {SOURCE}", "bare loop", "{bareLoop} digest {source}", 0.60),
+    Row("compare, warm", f"compare --cached full --disk {SOURCE}", "bare loop", "{bareLoop} digest {source}", 0.60),
     Row("extract of a disk that is half zeros", "extract half --out out", "kestrix restore onto a file",
         f"{{kestrix}} restore --in half --disk {TARGET_FILE} --confirm YES", 1.00, "cold"),
     Row(f"check of a chain of {CHAIN}", f"check --cached image{CHAIN - 1}", "check of a full image of that disk",

@@ -41,6 +41,21 @@ class Folders(CopiesTest):
         self.assertEqual(self.there_names(), [names[2], names[2] + ".json"])
         self.assertEqual(self.image_names(), names)
 
+    @needs(why_no_mounts)
+    def test_a_copy_stays_while_one_that_stands_on_it_can_not_go_though_the_clock_was_put_back(self):
+        self.copy_to(self.there, ", keep = { last = 1 }", 'new-full = { every = "2d" }')
+        first = self.well()
+        second = self.well(NOW - 3600)
+        self.assertEqual((self.sidecar(second)["base"], second < first), (first, True))
+        held = self.there_path(second)
+        self.must("mount", "--bind", held, held)
+        try:
+            _, report = self.backup(NOW + 3 * DAY)
+        finally:
+            self.must("umount", held)
+        self.assertIn("busy", "".join(report["warnings"]))
+        self.assertLessEqual({first, second, report["image"]}, set(self.there_names()))
+
     def damage_there(self, name):
         kestrix_image.flip_byte(self.there_path(name), 64 + 2 * 72 + 5)
 
