@@ -63,7 +63,7 @@ foreach(tests IN LISTS files)
   cmake_path(GET tests STEM stem)
   string(REPLACE "test_" "" name ${stem})
   set(cost 20)
-  if(stem MATCHES "keep_year|image_differential|random_chains|kill|keep_backup|keep_faults")
+  if(stem MATCHES "keep_year|image_differential|random_chains|kill|keep_faults")
     set(cost 100)
   endif()
   endtoend_suite("endtoend ${name}" ${tests} LABELS endtoend COST ${cost}

@@ -5,7 +5,7 @@ import subprocess
 import threading
 import time
 
-from test_keep_backup import BackupTest
+from keep_job import JobTest
 
 RCLONE = "/usr/bin/rclone"
 
@@ -105,7 +105,7 @@ class Passage:
         self.cut()
 
 
-class CopiesTest(BackupTest):
+class CopiesTest(JobTest):
     def setUp(self):
         super().setUp()
         self.there = os.path.join(self.folder, "there")

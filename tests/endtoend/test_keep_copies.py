@@ -5,9 +5,9 @@ import shutil
 
 import kestrix_image
 from harness import why_no_mounts, needs
+from keep_job import DAY, NAME, NOW
 from keep_machine import COMMAND_LINE, FAILED, WELL
 from keep_remotes import CopiesTest, RemoteTest
-from test_keep_backup import DAY, NAME, NOW
 
 
 class Folders(CopiesTest):

@@ -5,9 +5,8 @@ import random
 import re
 
 import kestrix_image
-import test_keep_backup
+from keep_job import DAY, NOW, JobTest
 from keep_machine import FAILED, WELL
-from test_keep_backup import DAY, NOW
 
 # Of each kind so many calls of a run fail, one in a run; KESTRIX_KEEP_FAULTS=all has each of them fail.
 TRIED_OF_EACH = 4
@@ -19,9 +18,7 @@ KINDS = {"EIO": "openat pread64 pwrite64 fsync fdatasync ftruncate fallocate ren
 NOT_STARTED = 127  # the system could not load the program, or its libraries
 
 
-class OneFailingCall(test_keep_backup.BackupTest):
-    traced = test_keep_backup.FailingCalls.traced
-
+class OneFailingCall(JobTest):
     def setUp(self):
         super().setUp()
         self.configure('keep = { last = 1 }\nnew-full = { every = "1d" }\ncheck = { whole-every = "1d" }')

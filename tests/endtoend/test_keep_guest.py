@@ -4,9 +4,8 @@ import json
 import os
 import sys
 
-import test_keep_backup
+from keep_job import DAY, DISK, NAME, NOW, JobTest
 from keep_machine import COMMAND_LINE, FAILED, WELL
-from test_keep_backup import DAY, DISK, NAME, NOW
 
 GUEST = "libvirt:qemu:///system/win2022/vda"
 STAND_IN = f"""#!{sys.executable} -I
@@ -27,7 +26,7 @@ else:
 """
 
 
-class Guests(test_keep_backup.BackupTest):
+class Guests(JobTest):
     def setUp(self):
         super().setUp()
         self.configure()

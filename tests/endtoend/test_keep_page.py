@@ -11,9 +11,9 @@ from xml.etree import ElementTree
 
 import kestrix_image
 from harness import MIB, needs
+from keep_job import NOW, JobTest
 from keep_machine import COMMAND_LINE, FAILED, WELL
 from keep_nights import DAY, Nights
-from test_keep_backup import NOW, BackupTest
 
 CHUNK = 4 * MIB
 LATER = NOW + 3600
@@ -70,7 +70,7 @@ def cells_of(strip, letter):
     return cells
 
 
-class PageTest(BackupTest):
+class PageTest(JobTest):
     def setUp(self):
         super().setUp()
         self.page = os.path.join(self.folder, "page.html")

@@ -11,9 +11,9 @@ import time
 
 import kestrix_image
 from harness import MIB, needs, why_no_loop_devices, why_no_mounts
+from keep_job import DAY, DISK, NAME, NOW
 from keep_machine import COMMAND_LINE, FAILED, WELL
 from keep_remotes import RCLONE, RemoteTest, answers, free_port
-from test_keep_backup import DAY, DISK, NAME, NOW
 from test_keep_restore import IMAGE, SERIAL, TARGET, Talk
 
 FETCH = "Into which folder are the image and what it stands on to be fetched\\?"
