@@ -11,6 +11,23 @@ DAY = 86400
 CHUNK = 512  # bytes
 
 
+def sidecar_of(written, startedAt, **known):
+    """What a run of a minute would have written beside an image; known: what is otherwise."""
+    with open(written.path, "rb") as file:
+        content = file.read()
+    header, trailer = written.record.header, written.record.trailer
+    return {"form": 1, "job": "job", "machine": os.uname().nodename, "number": 1,
+            "disk": {"model": "Model", "serial": "SERIAL1", "wwn": "", "sizeBytes": len(written.disk),
+                     "sectorBytes": header.sectorSize},
+            "startedAt": startedAt, "endedAt": startedAt + 60, "startedLocal": "",
+            "identity": written.image_id().hex(), "base": os.fsdecode(trailer.baseName) if trailer else "",
+            "baseIdentity": trailer.basePin.hex() if trailer else "", "fileBytes": len(content),
+            "sha256": hashlib.sha256(content).hexdigest(), "chunks": len(written.record.table),
+            "storedChunks": sum(entry.storedLength != 0 for entry in written.record.table),
+            "isSealed": header.encrypted != 0, "captureLines": [], "notes": [], "isSound": True, "damage": "",
+            "provedAt": startedAt + 60, "mayNotBeBase": "", **known}
+
+
 class Nights:
     """Images of a disk of so many chunks, one a night, the newest at the time last. Each stands on the newest full
     image, or on the one before; each fullEvery nights one is full."""
@@ -49,22 +66,8 @@ class Nights:
         name = f"{self.job}-{time.strftime('%Y%m%dT%H%M%SZ', time.gmtime(startedAt))}.kstx"
         written = kestrix_image.make_image(self.path(name), bytes(self.disk), password, base, chunkSize=CHUNK)
         self.names.append(name)
-        self.write_sidecar(name, self.sidecar(written, startedAt, base))
+        self.write_sidecar(name, sidecar_of(written, startedAt, job=self.job, number=self.number))
         return written
-
-    def sidecar(self, written, startedAt, base):
-        with open(written.path, "rb") as file:
-            content = file.read()
-        return {"form": 1, "job": self.job, "machine": os.uname().nodename, "number": self.number,
-                "disk": {"model": "Model", "serial": "SERIAL1", "wwn": "", "sizeBytes": len(self.disk),
-                         "sectorBytes": CHUNK},
-                "startedAt": startedAt, "endedAt": startedAt + 60, "startedLocal": "", "identity":
-                written.image_id().hex(), "base": os.path.basename(base.path) if base else "",
-                "baseIdentity": base.image_id().hex() if base else "", "fileBytes": len(content),
-                "sha256": hashlib.sha256(content).hexdigest(), "chunks": self.chunks,
-                "storedChunks": sum(entry.storedLength != 0 for entry in written.record.table),
-                "isSealed": written.record.header.encrypted != 0, "captureLines": [], "notes": [], "isSound": True,
-                "damage": "", "provedAt": startedAt + 60, "mayNotBeBase": ""}
 
     def read_sidecar(self, name):
         with open(self.path(name + ".json"), encoding="utf-8") as file:

@@ -14,7 +14,8 @@ from harness import MIB, needs, why_no_loop_devices, why_no_mounts
 from keep_job import DAY, DISK, NAME, NOW
 from keep_machine import COMMAND_LINE, FAILED, WELL
 from keep_remotes import RCLONE, RemoteTest, answers, free_port
-from test_keep_restore import IMAGE, SERIAL, TARGET, Talk
+from keep_restoring import IMAGE, SERIAL, TARGET
+from terminal import Talk
 
 FETCH = "Into which folder are the image and what it stands on to be fetched\\?"
 S3_SERVER = os.path.join(os.path.dirname(os.path.abspath(__file__)), "s3_server.py")
