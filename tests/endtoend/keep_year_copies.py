@@ -13,6 +13,11 @@ from keep_rule import demand
 KEEP = {"last": 2, "daily": 3, "weekly": 2, "monthly": 0}
 
 
+def marks_of(path):
+    facts = os.stat(path)
+    return facts.st_ino, facts.st_size, facts.st_mtime_ns
+
+
 class Copies:
     def __init__(self, folder, job):
         self.job = job
@@ -41,8 +46,7 @@ class Copies:
         """What has an image's name is that image, and all that it stands on is there."""
         for name in self.images():
             sidecar = self.sidecar(name)
-            facts = os.stat(self.path(name))
-            marks = facts.st_ino, facts.st_size, facts.st_mtime_ns
+            marks = marks_of(self.path(name))
             if name not in self.spoiled and self.compared.get(name) != marks:
                 with open(self.path(name), "rb") as file:
                     isSame = hashlib.sha256(file.read()).hexdigest() == sidecar["sha256"]

@@ -13,10 +13,12 @@ import time
 import nbd
 
 import harness
+import kestrix_image
 from harness import SANITIZERS, TIME_LIMIT, MachineTest
 
 PLUGIN = os.environ.get("KESTRIX_NBDKIT_PLUGIN",
                         os.path.join(os.path.dirname(harness.PROGRAM), "nbdkit-kestrix-plugin.so"))
+CHUNK = 8192  # bytes, of most images that are served
 
 
 @functools.lru_cache(maxsize=None)
@@ -134,3 +136,32 @@ class NbdkitTest(MachineTest):
         self.assertEqual(run.returncode, 1, run.stderr)
         self.assertFalse(os.path.exists(socket))
         return run.stderr
+
+
+def data_offset(written, i):
+    """File offset of what the image stores of chunk i."""
+    return len(written.record.head()) + sum(len(data) for data in written.record.data[:i])
+
+
+class Served(NbdkitTest):
+    """With a password file, and reads that must fail."""
+
+    def password(self, content=b"secret\n"):
+        self.file("password", content)
+        return "password-file=password"
+
+    def check_read_fails(self, client, length, offset):
+        with self.assertRaises(nbd.Error) as caught:
+            client.pread(length, offset)
+        self.assertEqual(caught.exception.errno, "EIO")
+
+    def check_bad(self, server, disk, bad, chunkSize=CHUNK):
+        """Exactly these chunks of the disk can't be read."""
+        client = self.connect(server)
+        for i in range(kestrix_image.count_chunks(len(disk), chunkSize)):
+            part = disk[i * chunkSize:(i + 1) * chunkSize]
+            if i in bad:
+                for offset in (0, len(part) - 1):
+                    self.check_read_fails(client, 1, i * chunkSize + offset)
+            else:
+                self.assertTrue(client.pread(len(part), i * chunkSize) == part, f"chunk {i} has other bytes")
