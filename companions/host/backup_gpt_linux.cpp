@@ -6,7 +6,12 @@ namespace host
 
 std::string WhyNoBackupGptMove()
 {
-    return ProgramOfSystem("sfdisk").empty() ? "there is no sfdisk here to move it" : "";
+    const std::string program = ProgramOfSystem("sfdisk");
+    if (program.empty()) {
+        return "there is no sfdisk here to move it";
+    }
+    const Trouble trouble = CheckTrusted(program);
+    return trouble ? program + " is not run: " + *trouble : "";
 }
 
 Trouble MoveBackupGpt(const HeldDisk &held)
@@ -18,6 +23,9 @@ Trouble MoveBackupGpt(const HeldDisk &held)
             {{ProgramOfSystem("sfdisk"), "--relocate", "gpt-bak-std", disk}, {}, {}},
             [&said](const std::string &piece) { said += piece; }, &end)) {
         return trouble;
+    }
+    if (end.wasEnded) {
+        return "sfdisk was ended before it was done";
     }
     return end.exitStatus == 0 ? Trouble() : "sfdisk says: " + said;
 }

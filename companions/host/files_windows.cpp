@@ -205,11 +205,15 @@ bool IsGone(const Source &source)
 
 Trouble IdentityOf(const std::string &path, FileIdentity *identity)
 {
-    Source source;
-    if (const Trouble trouble = OpenFileToRead(path, Caching::Cached, &source)) {
-        return trouble;
+    const std::unique_ptr<OpenHandle, CloseOpenHandle> handle(new OpenHandle);
+    BY_HANDLE_FILE_INFORMATION facts = {};
+    handle->file = CreateFileW(Widen(path).c_str(), FILE_READ_ATTRIBUTES,
+                               FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
+                               FILE_FLAG_BACKUP_SEMANTICS, nullptr); // which a folder can't be opened without
+    if (handle->file == INVALID_HANDLE_VALUE || !GetFileInformationByHandle(handle->file, &facts)) {
+        return SystemText(GetLastError());
     }
-    *identity = source.identity;
+    *identity = IdentityOfFile(facts);
     return {};
 }
 

@@ -102,7 +102,8 @@ PasswordTrial TryPassword(const std::string &path, const AuditOptions &options)
     return {};
 }
 
-reader::Result<FileDigest> DigestFile(const std::string &path, host::Caching caching)
+reader::Result<FileDigest> DigestFile(const std::string &path, host::Caching caching,
+                                      const std::function<void(uint64_t bytes)> &onBytes)
 {
     constexpr size_t blockBytes = size_t{4} << 20;
     host::Source source;
@@ -119,6 +120,9 @@ reader::Result<FileDigest> DigestFile(const std::string &path, host::Caching cac
         }
         digesting.Add(block.get(), step);
         offset += step;
+        if (onBytes) {
+            onBytes(step);
+        }
     }
     const host::Digest digest = digesting.Finish();
     return FileDigest{HexText(digest.data(), digest.size()), source.sizeBytes};

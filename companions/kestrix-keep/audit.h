@@ -3,6 +3,7 @@
 
 #include "kestrix-keep/job_folder.h"
 
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -31,9 +32,10 @@ struct PasswordTrial {
 // Opens the chain of the image at path, and of each sealed image in it one chunk that is needed, the deepest first.
 PasswordTrial TryPassword(const std::string &path, const AuditOptions &options);
 
-// The SHA-256 of the file at path, as hexadecimal digits, and its length.
+// The SHA-256 of the file at path, as hexadecimal digits, and its length. onBytes hears of each part that was read.
 struct FileDigest {
     std::string sha256;
     uint64_t bytes = 0;
 };
-reader::Result<FileDigest> DigestFile(const std::string &path, host::Caching caching);
+reader::Result<FileDigest> DigestFile(const std::string &path, host::Caching caching,
+                                      const std::function<void(uint64_t bytes)> &onBytes = nullptr);

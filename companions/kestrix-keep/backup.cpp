@@ -76,20 +76,26 @@ static bool Fail(Run &run, const std::string &sentence, int status = exitFailed)
 
 // ---- The folder and the disk ----
 
+// Empty: the job's folder may be written to where it lies.
+static std::string WhyNotThisFileSystem(const Job &job, const host::FileSystemFacts &facts)
+{
+    if (!job.fileSystemUuid.empty() && job.fileSystemUuid != facts.uuid) {
+        return job.folder + ": it lies on the file system " + (facts.uuid.empty() ? "of an unknown UUID" : facts.uuid) +
+               ", not on " + job.fileSystemUuid + ": is the backup disk mounted?";
+    }
+    if (!job.fileSystemSource.empty() && job.fileSystemSource != facts.source) {
+        return job.folder + ": it lies on " + facts.source + ", not on " + job.fileSystemSource +
+               ": is the share mounted?";
+    }
+    return facts.isReadOnly ? job.folder + ": its file system is read-only" : "";
+}
+
 static bool CheckFileSystem(Run &run, const host::FileSystemFacts &facts)
 {
     const Job &job = run.job;
-    if (!job.fileSystemUuid.empty() && job.fileSystemUuid != facts.uuid) {
-        return Fail(run, job.folder + ": it lies on the file system " +
-                             (facts.uuid.empty() ? "of an unknown UUID" : facts.uuid) + ", not on " +
-                             job.fileSystemUuid + ": is the backup disk mounted?");
-    }
-    if (!job.fileSystemSource.empty() && job.fileSystemSource != facts.source) {
-        return Fail(run, job.folder + ": it lies on " + facts.source + ", not on " + job.fileSystemSource +
-                             ": is the share mounted?");
-    }
-    if (facts.isReadOnly) {
-        return Fail(run, job.folder + ": its file system is read-only");
+    const std::string why = WhyNotThisFileSystem(job, facts);
+    if (!why.empty()) {
+        return Fail(run, why);
     }
     if (job.fileSystemUuid.empty() && job.fileSystemSource.empty()) {
         Warn(run, job.folder + ": nothing says which file system it has to lie on, so that a backup disk that isn't "
@@ -295,7 +301,10 @@ static std::string ChangedText(const KeptImage &image)
 static void ProveFile(Run &run, size_t index)
 {
     KeptImage &image = run.folder.images[index];
-    reader::Result<FileDigest> digest = DigestFile(PathOf(run.folder, image), host::Caching::Medium);
+    Progress progress(run.options.showsProgress, "reading " + image.name, image.sidecar->fileBytes);
+    reader::Result<FileDigest> digest = DigestFile(PathOf(run.folder, image), host::Caching::Medium,
+                                                   [&progress](uint64_t bytes) { progress.Add(bytes); });
+    progress.Hide();
     if (!digest) {
         KeepUnread(run, index, digest.fault.text);
         return;
@@ -470,12 +479,19 @@ static void DecideKind(Run &run)
     }
 }
 
-static bool HasRoom(Run &run, const host::FileSystemFacts &facts)
+// Asked for now: what a dead run left may just have made room.
+static bool HasRoom(Run &run)
 {
+    host::FileSystemFacts facts;
+    if (const host::Trouble trouble = host::FileSystemOf(run.job.folder, &facts)) {
+        return Fail(run, run.job.folder + ": how much room there is can't be told: " + *trouble);
+    }
     const uint64_t needed = RoomNeeded(run.folder, run.plan, run.disk);
     if (facts.freeBytes < needed) {
         return Fail(run, run.job.folder + ": there is room for " + SizeText(facts.freeBytes) +
-                             ", and the image may take " + SizeText(needed));
+                             ", and the image may take " + SizeText(needed) +
+                             "; images go only behind a new one. Make room: by other files, or by old images that "
+                             "nothing stands on (kestrix-image tree tells which), each with its sidecar");
     }
     return true;
 }
@@ -528,6 +544,15 @@ static std::vector<std::string> NotesOfImage(const Run &run, const CaptureOutcom
     return notes;
 }
 
+static uint64_t NextNumber(const JobFolder &folder)
+{
+    uint64_t number = folder.memory.lastNumber + 1;
+    for (const KeptImage &image : folder.images) {
+        number = image.sidecar ? std::max(number, image.sidecar->number + 1) : number;
+    }
+    return number;
+}
+
 // The sidecar of an image that has passed its audit.
 static Sidecar DescribeImage(const Run &run, const reader::ImageFacts &facts, const FileDigest &digest,
                              const CaptureOutcome &outcome)
@@ -535,10 +560,7 @@ static Sidecar DescribeImage(const Run &run, const reader::ImageFacts &facts, co
     Sidecar sidecar;
     sidecar.job = run.job.name;
     sidecar.machine = host::MachineName();
-    sidecar.number = run.folder.memory.lastNumber + 1;
-    for (const KeptImage &image : run.folder.images) {
-        sidecar.number = image.sidecar ? std::max(sidecar.number, image.sidecar->number + 1) : sidecar.number;
-    }
+    sidecar.number = NextNumber(run.folder);
     sidecar.disk = run.disk;
     sidecar.startedAt = run.report.startedAt;
     sidecar.endedAt = TimeNow(run);
@@ -699,7 +721,7 @@ static std::string Joined(const std::vector<std::string> &sentences)
 }
 
 // From the renaming on the image is gone, whenever the rest comes to be done.
-static void LetGo(Run &run, const KeptImage &image)
+static bool LetGo(Run &run, const KeptImage &image)
 {
     const std::string path = PathOf(run.folder, image);
     const std::string mark = SidecarPath(path) + endingOfWhatGoes;
@@ -707,22 +729,42 @@ static void LetGo(Run &run, const KeptImage &image)
     trouble = trouble ? trouble : host::RemoveName(path);
     trouble = trouble ? trouble : host::RemoveName(mark);
     if (trouble) {
-        Fail(run, path + ": it can't be let go: " + *trouble);
-        return;
+        return Fail(run, path + ": it can't be let go: " + *trouble);
     }
     run.report.letGo.push_back(image.name);
+    return true;
+}
+
+// A dry run decides with the image that it would make.
+static RetainedImage ImageToCome(const Run &run)
+{
+    RetainedImage image;
+    image.number = NextNumber(run.folder);
+    image.time = TimeNow(run);
+    image.isOurs = true;
+    image.isSound = true;
+    image.base = run.plan.base;
+    return image;
 }
 
 static void ApplyRetention(Run &run)
 {
-    const std::vector<Decision> decisions =
-        DecideRetention(RetainedImagesOf(run.folder), run.job.keep, StateOfRetention(run));
+    std::vector<RetainedImage> images = RetainedImagesOf(run.folder);
+    if (run.options.isDryRun) {
+        images.push_back(ImageToCome(run));
+    }
+    const std::vector<Decision> decisions = DecideRetention(images, run.job.keep, StateOfRetention(run));
+    std::string stuck;                                    // what could not go; it may stand on any of those behind it
     for (size_t i = run.folder.images.size(); i-- > 0;) { // what stands on another one goes before it
         const KeptImage &image = run.folder.images[i];
         const Decision &decision = decisions[i];
+        if (decision.isLetGo && !stuck.empty()) {
+            Say(run, "kept: " + image.name + ": " + stuck + " has to go before it");
+            continue;
+        }
         Say(run, (decision.isLetGo ? "let go: " : "kept: ") + image.name + ": " + Joined(decision.reasons));
-        if (decision.isLetGo && !run.options.isDryRun) {
-            LetGo(run, image);
+        if (decision.isLetGo && !run.options.isDryRun && !LetGo(run, image)) {
+            stuck = image.name;
         }
     }
 }
@@ -818,9 +860,12 @@ static void RunSteps(Run &run)
     }
     ReadUnreadAgain(run);
     DecideKind(run);
-    const bool hasRoom = HasRoom(run, facts);
+    const bool hasRoom = HasRoom(run);
     if (run.options.isDryRun) {
         ApplyRetention(run);
+        for (const CopyPlace &place : run.job.copies) {
+            Say(run, NameOfPlace(place) + ": what is copied and what goes there is decided when it is reached");
+        }
         return;
     }
     if (!hasRoom || !MakeImage(run) || !ReadFolder(run)) {
@@ -865,11 +910,25 @@ static std::string ReportText(const Run &run)
     return JsonOf(run.report).dump(1, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 
+// A run that failed before it came to its folder leaves its report there all the same: where earlier ones lie, and
+// where nobody else is now.
+static bool HoldsFolderNow(Run &run)
+{
+    host::FileSystemFacts facts;
+    std::string trouble;
+    if (run.holdsFolder || run.options.isDryRun || run.report.status == exitBusy) {
+        return run.holdsFolder;
+    }
+    return !host::NameIsFree(MemoryPath(run.job.folder, run.job.name)) && !host::FileSystemOf(run.job.folder, &facts) &&
+           WhyNotThisFileSystem(run.job, facts).empty() &&
+           host::TakeLock(LockPath(run.job.folder), &run.lock, &trouble) == host::LockResult::Held;
+}
+
 // Only who holds the folder may write into it.
 static void RememberReport(Run &run)
 {
     const std::string path = MemoryPath(run.job.folder, run.job.name);
-    if (!run.holdsFolder) {
+    if (!HoldsFolderNow(run)) {
         return;
     }
     if (run.folder.path.empty()) { // the run ended before it was read

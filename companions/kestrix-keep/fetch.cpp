@@ -74,9 +74,12 @@ MaybeFault FindRemoteImages(const Place &place, const std::string &passwordFile,
 // ---- What has to be fetched ----
 
 // What has the name already is either what would be fetched, or not to be touched.
-static MaybeFault JudgeFileThere(const std::string &path, const ChainFile &file)
+static MaybeFault JudgeFileThere(const std::string &path, const ChainFile &file, bool showsProgress)
 {
-    reader::Result<FileDigest> digest = DigestFile(path, host::Caching::Medium);
+    Progress progress(showsProgress, "reading " + file.name + ", which is there already", file.sidecar.fileBytes);
+    reader::Result<FileDigest> digest =
+        DigestFile(path, host::Caching::Medium, [&progress](uint64_t bytes) { progress.Add(bytes); });
+    progress.Hide();
     if (!digest) {
         return digest.fault;
     }
@@ -100,7 +103,7 @@ static MaybeFault JudgeSidecarThere(const std::string &path, const ChainFile &fi
                                                  "would be fetched. Choose another folder, or move it away"));
 }
 
-static MaybeFault TakePart(const std::string &folder, const ChainFile &file, FetchPlan *plan)
+static MaybeFault TakePart(const std::string &folder, const ChainFile &file, bool showsProgress, FetchPlan *plan)
 {
     const std::string path = folder + "/" + file.name;
     uint64_t left = 0;
@@ -109,7 +112,7 @@ static MaybeFault TakePart(const std::string &folder, const ChainFile &file, Fet
     }
     ++plan->allFiles;
     if (!host::NameIsFree(path)) {
-        return JudgeFileThere(path, file);
+        return JudgeFileThere(path, file, showsProgress);
     }
     if (MaybeFault fault = JudgeSidecarThere(path, file)) {
         return fault;
@@ -139,12 +142,12 @@ static MaybeFault CheckRoom(const std::string &folder, const FetchPlan &plan)
                                                 SizeText(plan.freeBytes) + ": choose a folder with more room"));
 }
 
-reader::Result<FetchPlan> PlanFetch(const FoundImage &image, const std::string &folder)
+reader::Result<FetchPlan> PlanFetch(const FoundImage &image, const std::string &folder, bool showsProgress)
 {
     FetchPlan plan;
     MaybeFault fault = LookAtFolder(folder, &plan);
     for (size_t i = 0; !fault && i < image.toFetch.size(); ++i) {
-        fault = TakePart(folder, image.toFetch[i], &plan);
+        fault = TakePart(folder, image.toFetch[i], showsProgress, &plan);
     }
     fault = fault ? fault : CheckRoom(folder, plan);
     return fault ? reader::Result<FetchPlan>(std::move(*fault)) : std::move(plan);

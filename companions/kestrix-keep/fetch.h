@@ -25,7 +25,7 @@ struct FetchPlan {
 // What of the image's chain has to be fetched into the folder: what is there and has its digest is not. Nothing is
 // written. A fault if the folder can't take it: it can't be looked at, there is no room, or something else has one of
 // the names.
-reader::Result<FetchPlan> PlanFetch(const FoundImage &image, const std::string &folder);
+reader::Result<FetchPlan> PlanFetch(const FoundImage &image, const std::string &folder, bool showsProgress);
 
 // Takes the folder's lock, which no other run has then, for as long as files are fetched into it. A folder without
 // locks is taken as it is: what two runs would do to one another is found by the digests.

@@ -38,10 +38,10 @@ static std::optional<Sidecar> SidecarOf(const std::string &path, const ImageFact
     return std::move(*sidecar);
 }
 
-// 0 where it is not known, or damage is.
+// 0 where it is not known, or damage is, or it could not be read since.
 static int64_t ProvedAt(const std::optional<Sidecar> &sidecar)
 {
-    return sidecar && sidecar->isSound ? sidecar->provedAt : 0;
+    return sidecar && sidecar->isSound && sidecar->unread.empty() ? sidecar->provedAt : 0;
 }
 
 // ---- What it stands on ----
@@ -175,6 +175,9 @@ static std::string ProvedLine(const FoundImage &image)
 {
     if (image.sidecar && !image.sidecar->isSound) {
         return "the last audit found it DAMAGED: " + image.sidecar->damage;
+    }
+    if (image.sidecar && !image.sidecar->unread.empty()) {
+        return "the last audit could NOT READ all of it: " + image.sidecar->unread;
     }
     return image.provedAt == 0 ? "when all of it was last read and found sound is not known"
                                : "all of it was read and found sound by " + LocalTimeText(image.provedAt);

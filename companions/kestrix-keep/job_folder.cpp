@@ -107,6 +107,14 @@ static void ReadOneSidecar(const JobFolder &folder, KeptImage &image)
     }
 }
 
+// Whoever put it there, what it stands on must not go.
+static void AskFileForBase(const JobFolder &folder, KeptImage &image)
+{
+    const reader::ImageFacts facts = reader::ReadImageFacts(PathOf(folder, image), false);
+    image.isOpaque = facts.kind == reader::FileKind::Damaged || facts.kind == reader::FileKind::Unreadable;
+    image.standsOn = facts.trailer ? facts.trailer->baseName.c_str() : "";
+}
+
 // Two machines whose jobs have one name would go on with each other's images.
 static void NoteOtherMachines(JobFolder &folder)
 {
@@ -178,6 +186,7 @@ static void LinkImages(JobFolder &folder)
 {
     for (KeptImage &image : folder.images) {
         if (!image.sidecar) {
+            image.base = image.standsOn.empty() ? noImage : IndexOf(folder, image.standsOn);
             continue;
         }
         if (image.sidecar->base.empty()) {
@@ -240,6 +249,9 @@ reader::Result<JobFolder> ReadJobFolder(const std::string &path, const std::stri
         ReadOneSidecar(folder, image);
         LookAtFile(folder, image);
         if ((image.isThere || image.sidecar) && !IsBeingLetGo(names, name)) {
+            if (!image.sidecar) {
+                AskFileForBase(folder, image);
+            }
             folder.images.push_back(std::move(image));
         }
     }
@@ -350,6 +362,7 @@ std::vector<RetainedImage> RetainedImagesOf(const JobFolder &folder)
         retained.isOurs = image.sidecar.has_value() && image.otherMachine.empty();
         retained.isSound = IsSound(image);
         retained.isDamaged = image.isDamaged;
+        retained.isOpaque = image.isOpaque;
         retained.base = image.base;
         images.push_back(retained);
     }

@@ -12,6 +12,8 @@ struct KeptImage {
     std::string name; // of the file
     int64_t time = 0; // by the clock when it was begun
     std::optional<Sidecar> sidecar;
+    std::string standsOn;     // name of its base by the file itself, where there is no sidecar to tell it
+    bool isOpaque = false;    // neither tells
     std::string otherMachine; // that made it; empty: this one did, or a folder of copies does not ask
     bool isThere = false;     // false: there is only a sidecar; its image is gone
     std::string doubt;        // why it can't be counted on; empty: nothing is known against it
@@ -46,8 +48,8 @@ std::string NameOfUnfinished(const std::string &name);
 // What the sidecar's name ends with from the moment on that its image is let go.
 extern const char endingOfWhatGoes[];
 
-// Reads the names, the sidecars and the lengths; no image is opened. A folder that can't be listed, and a memory that
-// can't be read, is a fault.
+// Reads the names, the sidecars and the lengths; an image is opened only where no sidecar tells what it stands on. A
+// folder that can't be listed, and a memory that can't be read, is a fault.
 reader::Result<JobFolder> ReadJobFolder(const std::string &path, const std::string &job);
 
 // Notes against an image what its file, whose facts these are, has otherwise than its sidecar says. Nothing is noted

@@ -1,6 +1,7 @@
 // All of the configuration is checked, whichever jobs are wanted.
 #include "kestrix-keep/jobs.h"
 
+#include "kestrix-keep/guest.h"
 #include "report/report.h"
 
 #include <algorithm>
@@ -30,4 +31,13 @@ bool ReadJobs(const std::string &configurationPath, const std::vector<std::strin
         jobs->push_back(*found);
     }
     return true;
+}
+
+std::string PasswordCopyText(const Job &job)
+{
+    return job.passwordFile.empty()
+               ? ""
+               : "keep a copy of " + job.passwordFile + " elsewhere than on the disk " + DiskOfJob(job) +
+                     ", which this job is to bring back: without the password none of its images "
+                     "can be restored";
 }

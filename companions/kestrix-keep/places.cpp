@@ -437,6 +437,9 @@ Result<Place> MakePlace(const CopyPlace &place)
     if (program.empty()) {
         return FaultAt("rclone:" + place.rclone, "rclone is not there: install it");
     }
+    if (const host::Trouble trouble = host::CheckTrusted(program)) {
+        return FaultAt("rclone:" + place.rclone, program + " is not run: " + *trouble);
+    }
     Remote remote;
     remote.program = program;
     remote.path = place.rclone;

@@ -352,7 +352,7 @@ static Step ChooseFetch(RestoreRun &run, std::string *folder, FetchPlan *plan)
         if (typed->empty()) {
             continue;
         }
-        reader::Result<FetchPlan> made = PlanFetch(*run.image, *typed);
+        reader::Result<FetchPlan> made = PlanFetch(*run.image, *typed, !run.common.quiet);
         if (made) {
             *folder = *typed;
             *plan = std::move(*made);
@@ -936,9 +936,13 @@ static bool SettleBackupGpt(RestoreRun &run)
             (why.empty() ? ": sfdisk --relocate gpt-bak-std " + run.disk->node + " moves it." : "; " + why + "."));
         return true;
     }
+    const host::InterruptHold hold; // it ends sfdisk in the middle of the table, which is then told
     host::Trouble trouble = host::CheckHeldDisk(run.held);
     trouble = trouble ? trouble : host::MoveBackupGpt(run.held);
     if (trouble) {
+        run.remains.push_back("Look at the partition table (sfdisk --list " + run.disk->node +
+                              "). If it is as it should be, sfdisk --relocate gpt-bak-std " + run.disk->node +
+                              " moves its backup; if not, restore again.");
         return Fail(run, "the backup of the partition table could not be moved to the end of the disk: " + *trouble);
     }
     run.isBackupGptMoved = true;
@@ -1048,12 +1052,12 @@ static void ReportJson(const RestoreRun &run)
 
 static bool RunSteps(RestoreRun &run)
 {
-    if (!SettleImage(run) || !SettleDisk(run) || !HoldTheDisk(run) || !OverwriteAndCompare(run) ||
-        !SettleBackupGpt(run)) {
+    if (!SettleImage(run) || !SettleDisk(run) || !HoldTheDisk(run) || !OverwriteAndCompare(run)) {
         return false;
     }
+    const bool isSettled = SettleBackupGpt(run);
     TellWhatRemains(run);
-    return true;
+    return isSettled;
 }
 
 // What the options that name places ask of one another; empty if all is well.

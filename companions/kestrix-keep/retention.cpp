@@ -105,10 +105,15 @@ static void KeepAll(Retention &run, const std::string &reason)
 // What forbids that anything goes.
 static void KeepAllIfForbidden(Retention &run)
 {
-    const bool anyDamaged =
-        std::any_of(run.images.begin(), run.images.end(), [](const RetainedImage &image) { return image.isDamaged; });
-    if (anyDamaged) {
+    const auto any = [&run](bool RetainedImage::*mark) {
+        return std::any_of(run.images.begin(), run.images.end(),
+                           [mark](const RetainedImage &image) { return image.*mark; });
+    };
+    if (any(&RetainedImage::isDamaged)) {
         KeepAll(run, "nothing goes while an image is damaged");
+    } else if (any(&RetainedImage::isOpaque)) {
+        KeepAll(run, "nothing goes while there is an image without a sidecar of which it can't be told what it stands "
+                     "on: remove that image, or bring its sidecar back");
     } else if (!run.state.chainIsProved) {
         KeepAll(run, "nothing goes before the newest image's chain has passed an audit: " + run.state.chainSays);
     }

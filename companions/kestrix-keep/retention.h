@@ -17,6 +17,7 @@ struct RetainedImage {
     bool isOurs = false;  // its sidecar says that this job made it
     bool isSound = false; // nothing is known against it and what it stands on
     bool isDamaged = false;
+    bool isOpaque = false; // what it stands on can't be told
     size_t base = noImage; // index of what it stands on
 };
 
@@ -32,6 +33,6 @@ struct Decision {
 };
 
 // Decides about each image; without rules all stay. The places of an image from the future, one that nobody made, and a
-// damaged one are never counted; as long as one is damaged, or the newest chain not proved, all stay.
+// damaged one are never counted; as long as one is damaged or opaque, or the newest chain not proved, all stay.
 std::vector<Decision> DecideRetention(const std::vector<RetainedImage> &images, const std::optional<KeepRules> &rules,
                                       const RetentionState &state);

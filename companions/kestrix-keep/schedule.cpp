@@ -150,15 +150,14 @@ static ScheduledRun RunOf(const Job &job, const KeepOptions &common)
     run.runsPrograms =
         job.guest || !job.before.empty() || !job.after.empty() || !job.onSuccess.empty() || !job.onFailure.empty();
     run.usesShare = !job.fileSystemSource.empty();
+    run.capturesGuest = job.guest.has_value();
     return run;
 }
 
 static void NoteWhatToKnow(ScheduleReport &report, const Job &job, const ScheduledRun &run)
 {
     if (!job.passwordFile.empty()) {
-        report.notes.push_back("keep a copy of " + job.passwordFile + " elsewhere than on the disk " + DiskOfJob(job) +
-                               ", which this job is to bring back: without the password none of its images can be "
-                               "restored");
+        report.notes.push_back(PasswordCopyText(job));
     }
     if (job.everySeconds < secondsPerDay) {
         report.notes.emplace_back("the job is to have an image more often than once a day, and this makes one a day");
@@ -193,7 +192,11 @@ static void MakeTexts(ScheduleReport &report, const ScheduledRun &run)
 // The scheduler runs them with all rights.
 static bool CheckPrograms(ScheduleReport &report, const ScheduledRun &run)
 {
-    for (const std::string &path : {run.program, host::ProgramBeside("kestrix")}) {
+    std::vector<std::string> programs = {run.program, host::ProgramBeside("kestrix")};
+    if (run.capturesGuest) {
+        programs.push_back(host::ProgramBeside("kestrix-vm"));
+    }
+    for (const std::string &path : programs) {
         if (const host::Trouble trouble = host::CheckTrusted(path)) {
             return Refuse(report, "what runs each night with all rights must be nobody else's to change: " + *trouble);
         }

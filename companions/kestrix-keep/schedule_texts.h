@@ -39,6 +39,7 @@ struct ScheduledRun {
     bool runsPrograms = false;       // besides kestrix
     bool usesRclone = false;
     bool usesShare = false;
+    bool capturesGuest = false; // by kestrix-vm
 };
 
 // Why the paths of a run can't be written down for a scheduler, as a sentence; empty if they can.

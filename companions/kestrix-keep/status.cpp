@@ -131,6 +131,9 @@ JobStatus StatusOf(const Job &job, const JobFolder &folder, int64_t now)
     ReadLastReport(folder, status);
     JudgeCopies(job, folder, now, status);
     AskSpace(job, status);
+    if (!job.passwordFile.empty()) {
+        status.notes.push_back(PasswordCopyText(job));
+    }
     return status;
 }
 
@@ -164,6 +167,7 @@ Json JsonOf(const JobStatus &status)
             {"disk", status.disk},
             {"isWell", status.problems.empty()},
             {"problems", status.problems},
+            {"notes", status.notes},
             {"lastGood", status.lastGood.empty() ? Json(nullptr) : Json(status.lastGood)},
             {"lastGoodAt", status.lastGood.empty() ? Json(nullptr) : Json(status.lastGoodAt)},
             {"dueAt", status.lastGood.empty() ? Json(nullptr) : Json(status.dueAt)},
@@ -204,6 +208,9 @@ static void PrintStatus(const JobStatus &status, int64_t now)
         PrintLine("  ! " + problem);
     }
     PrintLine("  disk: " + status.disk);
+    for (const std::string &note : status.notes) {
+        PrintLine("  " + note);
+    }
     if (!status.lastGood.empty()) {
         PrintLine("  last good image: " + status.lastGood + ", " + AgeText(now - status.lastGoodAt) + " old");
         PrintLine("  next due: " + LocalTimeText(status.dueAt));

@@ -26,7 +26,8 @@ struct JobStatus {
     uint64_t freeBytes = 0;
     uint64_t bytesPerDay = 0; // that the images of the last month took; 0: not known yet
     bool lastRunFailed = false;
-    std::string lastRunSays; // of the last run: when, and how it ended; empty: there was none
+    std::vector<std::string> notes; // what to see to though all be well, as sentences
+    std::string lastRunSays;        // of the last run: when, and how it ended; empty: there was none
 };
 
 // What the images in the job's folder, which was read, come to.

@@ -216,6 +216,9 @@ static std::string JobFacts(const JobStatus &status, int64_t now)
     if (!status.lastRunSays.empty()) {
         text += Fact("Last run", Escaped(status.lastRunSays), "");
     }
+    for (const std::string &note : status.notes) {
+        text += Fact("Password", Escaped(note), "");
+    }
     return text + "</dl>\n";
 }
 

@@ -50,8 +50,10 @@ class OneRun(JobTest):
         run = self.keep("backup", "--dry-run", "--now", str(NOW + DAY), "--config", self.configuration)
         self.assertEqual(run.status, WELL, run.out)
         self.assertIn(f"a thin image on {NAME}, the newest full image".encode(), run.out)
-        self.assertIn(f"kept: {NAME}: the newest sound image".encode(), run.out)
+        decided = f"kept: {NAME}: a kept image stands on it"
+        self.assertIn(decided.encode(), run.out)
         self.assertEqual({name: self.content(name) for name in os.listdir(self.place)}, before)
+        self.assertIn(decided, self.backup(NOW + DAY)[1]["lines"])
 
     def test_images_of_a_job_with_a_password_are_sealed_thin_ones_too(self):
         self.configure(self.password("secret"))
@@ -212,7 +214,16 @@ class Refusals(JobTest):
 
     def test_a_folder_without_room_is_refused_before_the_capture(self):
         self.configure(folder=self.small_file_system("60m"))
-        self.refused("^.*: there is room for .*, and the image may take .*$")
+        self.refused("^.*: there is room for .*, and the image may take .*; .*Make room: .*each with its sidecar$")
+
+    @needs(why_no_mounts)
+    def test_what_a_dead_run_left_is_no_room_that_is_missing(self):
+        small = self.small_file_system("80m")
+        self.configure(folder=small)
+        half = os.path.join(small, "job-20261121T020005Z.kstx.in-the-making")
+        with open(half, "wb") as file:
+            os.posix_fallocate(file.fileno(), 0, 20 * MIB)
+        self.assertEqual(self.backup()[0], WELL)
 
     def test_a_faulty_configuration_is_named_and_nothing_is_run(self):
         self.configure("kepe = 3")
@@ -264,6 +275,13 @@ class Programs(JobTest):
         status, report = self.backup()
         self.assertEqual((status, self.image_names()), (FAILED, []))
         self.assertRegex(report["failure"], "before: .* exit status 3$")
+
+    def test_a_program_before_that_fails_is_what_status_tells_of_the_last_run(self):
+        self.well()
+        self.configure(f'before = ["{self.hook("before", "exit 3")}"]')
+        self.assertEqual(self.backup(NOW + 60)[0], FAILED)
+        _, said = self.ask("status", "--now", str(NOW + 120), "--config", self.configuration)
+        self.assertRegex(said["jobs"][0]["problems"][0], "^the last run failed: before: .* exit status 3$")
 
     def told_hooks(self):
         """Four programs that each write their name into a file; gives that file."""

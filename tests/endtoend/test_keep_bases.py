@@ -5,7 +5,7 @@ import os
 import shutil
 
 import kestrix_image
-from harness import MIB
+from harness import MIB, needs, why_no_mounts
 from keep_job import DAY, NAME, NOW, JobTest
 from keep_machine import FAILED, WELL
 
@@ -171,6 +171,42 @@ class LettingGo(JobTest):
         self.assertEqual((status, report["letGo"]), (WELL, [NAME]))
         self.assertEqual(self.image_names(), [report["image"]])
 
+    def test_what_an_image_without_a_sidecar_stands_on_stays(self):
+        self.configure('keep = { last = 1 }\nnew-full = { every = "2d" }')
+        self.well()
+        second = self.well(NOW + DAY)
+        os.unlink(self.place_path(second + ".json"))
+        _, report = self.backup(NOW + 2 * DAY)
+        self.assertEqual((report["letGo"], self.image_names()), ([], [NAME, second, report["image"]]))
+        self.assertIn(f"kept: {NAME}: a kept image stands on it", report["lines"])
+
+    def test_nothing_goes_while_it_is_not_known_what_an_image_stands_on(self):
+        self.configure('keep = { last = 1 }\nnew-full = { every = "2d" }')
+        self.well()
+        second = self.well(NOW + DAY)
+        os.unlink(self.place_path(second + ".json"))
+        os.truncate(self.place_path(second), 100)
+        _, report = self.backup(NOW + 2 * DAY)
+        self.assertEqual((report["letGo"], self.image_names()), ([], [NAME, second, report["image"]]))
+        self.assertRegex("\n".join(report["lines"]), f"kept: {NAME}: nothing goes while .* without a sidecar")
+
+    @needs(why_no_mounts)
+    def test_an_image_stays_while_one_that_stands_on_it_can_not_go(self):
+        self.configure('keep = { last = 1 }\nnew-full = { every = "2d" }')
+        self.well()
+        second = self.well(NOW + DAY)
+        held = self.place_path(second + ".json")
+        self.must("mount", "--bind", held, held)
+        try:
+            status, report = self.backup(NOW + 2 * DAY)
+        finally:
+            self.must("umount", held)
+        self.assertEqual((status, report["letGo"]), (FAILED, []))
+        self.assertRegex(report["failure"], f"{second}: it can't be let go: ")
+        self.assertIn(f"kept: {NAME}: {second} has to go before it", report["lines"])
+        status, report = self.backup(NOW + 3 * DAY)
+        self.assertEqual((status, sorted(report["letGo"])), (WELL, [NAME, second]))
+
     def test_an_image_whose_sidecar_names_another_job_is_not_this_jobs_to_let_go(self):
         self.configure('keep = { last = 1 }\nnew-full = { every = "1d" }')
         self.well()
@@ -203,5 +239,5 @@ class LettingGo(JobTest):
         self.configure('keep = { last = 1 }')
         status, report = self.backup(NOW + 3 * DAY, "--dry-run")
         self.assertEqual((status, report["letGo"]), (WELL, []))
-        self.assertTrue(any(line.startswith("let go: ") for line in report["lines"]), report)
+        self.assertEqual(len([line for line in report["lines"] if line.startswith("let go: ")]), 2, report)
         self.assertEqual({name: self.content(name) for name in os.listdir(self.place)}, before)

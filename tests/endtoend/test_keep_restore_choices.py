@@ -217,6 +217,15 @@ class Images(RestoreTest):
         self.assertIn("found it DAMAGED: chunk 3 is bad", talk.answer(IMAGE, "1"))
         self.assertNotIn("Is the image to be checked first", talk.expect(TARGET))
 
+    def test_an_image_that_could_not_be_read_since_has_no_audit_to_trust(self):
+        self.sidecar(self.image("full.kstx", DISK), unread="full.kstx: it can't be read at byte 4096: its medium")
+        talk = self.guided()
+        self.assertIn("could NOT READ all of it: full.kstx: it can't be read", talk.answer(IMAGE, "1"))
+        self.assertNotIn("Is the image to be checked first", talk.expect(TARGET))
+        status, said = self.script("--trust-last-audit")
+        self.assertEqual((status, said["audit"]), (FAILED, "none"))
+        self.untouched()
+
 
 class Passwords(RestoreTest):
     def test_a_typed_password_opens_a_sealed_chain_and_is_never_shown(self):

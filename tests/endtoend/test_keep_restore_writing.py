@@ -1,9 +1,10 @@
 """kestrix-keep restore: what is written, what can go wrong with it, and what is said of the machine afterwards."""
 import os
 import subprocess
+import time
 
 import kestrix_image
-from harness import KIB, MIB, TIME_LIMIT
+from harness import KIB, MIB, TIME_LIMIT, needs, why_no_mounts
 from keep_machine import FAILED, WELL
 from keep_restoring import CHUNK, DISK, IMAGE, MOVE, OLD, SERIAL, TARGET, RestoreTest
 
@@ -60,6 +61,46 @@ class LargerDisks(RestoreTest):
         status, said = self.script("--move-backup-gpt", image="gpt.kstx")
         self.assertEqual((status, said["backupGptMoved"], said["equal"]), (WELL, True, True))
         self.assertIn("No errors detected", self.verified())
+
+    def other_sfdisk(self, text, mode=0o755):
+        """Runs that see another sfdisk where the system's lies, and nobody else does."""
+        other, wrapper = (os.path.join(self.folder, name) for name in ("sfdisk", "keep"))
+        run = f"mount --bind {other} $(readlink -f $(command -v sfdisk)) && exec {self.keepProgram} \"$@\""
+        for path, script in ((other, text), (wrapper, f"exec unshare --mount sh -c '{run}' sh \"$@\"\n")):
+            with open(path, "w", encoding="ascii") as file:
+                file.write("#!/bin/sh\n" + script)
+            os.chmod(path, mode if path == other else 0o755)
+        self.keepProgram = wrapper
+
+    @needs(why_no_mounts)
+    def test_a_table_that_can_not_be_moved_leaves_a_restored_disk_and_says_what_remains(self):
+        self.other_sfdisk("echo broken; exit 1\n")
+        status, said = self.script("--move-backup-gpt", image="gpt.kstx")
+        self.assertEqual((status, said["equal"], said["diskState"]), (FAILED, True, "written"))
+        self.assertRegex(said["failure"], "could not be moved to the end of the disk: sfdisk says: broken")
+        remains = "\n".join(said["remains"])
+        self.assertRegex(remains, "sfdisk --relocate gpt-bak-std .* moves its backup; if not, restore again")
+        self.assertIn("boot entry", remains)
+
+    @needs(why_no_mounts)
+    def test_an_interrupt_while_the_table_is_moved_is_told(self):
+        self.other_sfdisk("echo moving >&2; exec sleep 100\n")
+        talk = self.up_to_the_move()
+        talk.type(b"1\n")
+        time.sleep(1)
+        talk.type(b"\x03")
+        status, rest = talk.finish()
+        self.assertEqual(status, FAILED)
+        self.assertIn("sfdisk was ended before it was done", rest)
+        self.assertIn("Look at the partition table", rest)
+
+    @needs(why_no_mounts)
+    def test_an_sfdisk_that_others_can_change_is_not_run(self):
+        self.other_sfdisk("touch " + self.path("ran") + "\n", mode=0o777)
+        status, said = self.script("--move-backup-gpt", image="gpt.kstx")
+        self.assertEqual((status, said["backupGptMoved"]), (WELL, False))
+        self.assertRegex("\n".join(said["remains"]), "sfdisk is not run: every user can change")
+        self.assertFalse(os.path.exists(self.path("ran")))
 
     def test_a_larger_disk_without_such_a_table_is_left_alone(self):
         self.image("plain.kstx", DISK)

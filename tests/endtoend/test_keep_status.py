@@ -58,6 +58,14 @@ class StatusTest(JobTest):
         _, state = self.status(NOW + DAY)
         self.assertEqual((state["images"], state["lastGood"], state["damagedImages"]), (1, NAME, 0))
 
+    def test_a_copy_of_the_password_must_lie_elsewhere(self):
+        self.configure(self.password("secret"))
+        self.well()
+        _, state = self.status(NOW)
+        self.assertRegex(state["notes"][0], "keep a copy of .*/password elsewhere than on the disk serial:SERIAL1")
+        lines = self.keep("status", "--now", str(NOW), "--config", self.configuration).out.decode()
+        self.assertIn("  " + state["notes"][0] + "\n", lines)
+
     def test_the_lines_for_a_person_say_the_same(self):
         self.well()
         run = self.keep("status", "--now", str(NOW + 3600), "--config", self.configuration)
