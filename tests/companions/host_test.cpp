@@ -221,6 +221,22 @@ TEST_F(HostFiles, AreOneByTheirIdentityUnderTwoNames)
     EXPECT_TRUE(host::IdentityOf(Path("absent"), &other));
 }
 
+TEST_F(HostFiles, AreInAFolderThatIsOneUnderTwoNames)
+{
+    host::FileIdentity first;
+    host::FileIdentity second;
+    host::FileIdentity other;
+    for (const char *name : {"one", "two"}) {
+        std::filesystem::create_directory(folder / name);
+    }
+    const std::string roundabout = (folder / "two" / ".." / "one").string();
+    ASSERT_EQ(host::IdentityOf(Path("one"), &first), std::nullopt);
+    ASSERT_EQ(host::IdentityOf(roundabout, &second), std::nullopt);
+    ASSERT_EQ(host::IdentityOf(Path("two"), &other), std::nullopt);
+    EXPECT_TRUE(first == second);
+    EXPECT_FALSE(first == other);
+}
+
 TEST_F(HostFiles, AreListedSortedAndWithoutFolders)
 {
     Write("b", "");
