@@ -137,6 +137,9 @@ class WindowsProgram:
 class Kestrix(WindowsProgram, unittest.TestCase):
     program, libraries = "kestrix", {"OLE32.DLL", "OLEAUT32.DLL"}
 
+    def test_its_version_is_found_in_its_file_as_in_that_for_linux(self):
+        self.assertEqual(re.findall(rb"\0(Kestrix [0-9.]+)\0", self.bytes), [f"Kestrix {project_version()}".encode()])
+
     def test_it_finds_the_snapshot_library_itself(self):
         self.assertIn(f"{LATE_LIBRARY}\0".encode("utf-16-le"), self.bytes)
 
