@@ -41,9 +41,3 @@ configure() {
         return 1
     fi
 }
-
-# Leaves of a program for Linux what is shipped. The build's identity is a digest of the debug information too, in which
-# the place of the tree stands.
-strip_program() {
-    strip --strip-unneeded --remove-section=.comment --remove-section=.note.gnu.build-id "$1"
-}
