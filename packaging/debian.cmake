@@ -81,6 +81,14 @@ foreach(name IN ITEMS kestrix-image kestrix-keep)
   file(CREATE_LINK kestrix ${CMAKE_CURRENT_BINARY_DIR}/${name} SYMBOLIC)
   install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${name} DESTINATION ${completions} COMPONENT kestrix)
 endforeach()
+# Units for any job, of the words of schedule.
+add_executable(unit_templates EXCLUDE_FROM_ALL unit_templates.cpp)
+target_link_libraries(unit_templates PRIVATE kestrix_keep_commands kestrix_keep_configuration companion_report
+                                             companion_reader companion_disk_facts companion_host kestrix_warnings)
+set(units ${CMAKE_CURRENT_BINARY_DIR}/kestrix-keep@.service ${CMAKE_CURRENT_BINARY_DIR}/kestrix-keep@.timer)
+add_custom_command(OUTPUT ${units} DEPENDS unit_templates COMMAND unit_templates)
+list(APPEND made ${units})
+install(FILES ${units} DESTINATION lib/systemd/system COMPONENT kestrix)
 # file's own magic belongs to another package.
 install(FILES ${CMAKE_SOURCE_DIR}/share/magic/kestrix DESTINATION share/kestrix RENAME magic COMPONENT kestrix)
 

@@ -126,12 +126,13 @@ suite("the packages come out the same twice and work" LABELS packages COST 300
 
 suite("clang and clang-tidy find nothing" LABELS tree COST 600 COMMAND scripts/check-tidy)
 suite("C++ is formatted" LABELS tree COST 10 COMMAND bash -c
-      "find src platform companions tests bench -name '*.cpp' -o -name '*.h' | xargs clang-format --dry-run -Werror")
+      "find src platform companions packaging tests bench -name '*.cpp' -o -name '*.h' | \
+       xargs clang-format --dry-run -Werror")
 suite("GCC for Windows warns of nothing" LABELS tree COST 80 COMMAND scripts/check-warnings)
 suite("cppcheck finds nothing" LABELS tree COST 15 COMMAND cppcheck --quiet
       --enable=warning,style,performance,portability --std=c++17 --error-exitcode=1 --inconclusive
       --suppressions-list=.cppcheck -I src -I platform -I platform/linux/include -I platform/linux -I companions
-      src platform/linux companions)
+      src platform/linux companions packaging)
 suite("Python is sound" LABELS tree COST 10 COMMAND ${python} -m flake8 tests bench companions/kestrix-vm
       companions/kestrix-vm/kestrix-vm scripts/count-results scripts/figures scripts/figures-vm scripts/messages
       scripts/mutate scripts/years)
