@@ -7,200 +7,24 @@ fault that opening ends in, or the finding at each chunk that isn't sound. outco
 """
 import copy
 import hashlib
-import json
 import os
-import random
 import sys
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, os.path.join(os.path.dirname(HERE), "endtoend"))
 sys.dont_write_bytecode = True
 
-import kestrix_image  # noqa: E402
-import outcomes  # noqa: E402
-from kestrix_image import (  # noqa: E402
-    CAPTURE_CHUNK, ENTRY, HEADER, THIN, Entry, decode_header, decode_table, seeded_disk)
+from edits import (  # noqa: E402
+    both, changed_with_digest, cut, entry, flip, flip_data, flip_pin, flipped, from_another, header, named, reference,
+    resized, swapped_chunks, swapped_data, trailer, with_one_more, without_last)
+from index import (  # noqa: E402
+    ABNORMAL, CHUNK, CHUNKS, COUNT, EPOCH, EVERY, ITERATIONS, NEW, OLD, ONE, OTHER, RIGHT, SECRET, SIZE, TABLE_END,
+    Vectors)
+from kestrix_image import CAPTURE_CHUNK  # noqa: E402
 from outcomes import (  # noqa: E402
                       BAD_HASH, BAD_TAG, BAD_TRAILER, CUT, CUT_BELOW, EMPTY_PASSWORD, HASH, NO_BASE_IN_CHUNK, NO_HEADER,
                       NO_ITERATIONS, NO_PASSWORD, NO_PASSWORD_FILE, NO_TABLE, NO_TRAILER, NOT_AN_IMAGE, OK,
-                      OTHER_GEOMETRY, OUTSIDE, TAG, TOO_DEEP, Statement, missing_base, not_opened, other_base)
-
-CHUNK, SIZE, COUNT = 512, 1280, 3  # the last chunk has 256 bytes
-TABLE_END = 64 + 72 * COUNT
-OLD = seeded_disk(SIZE, 1)
-NEW = OLD[:CHUNK] + seeded_disk(CHUNK, 2) + OLD[2 * CHUNK:]  # what the thin images hold: another chunk 1
-OTHER = seeded_disk(SIZE, 3)  # of which the base has no chunk
-ONE = OLD[:CHUNK]  # the disk of the long chain
-SECRET = b"password"
-ITERATIONS = 3
-EPOCH = outcomes.PREVIOUS_EPOCH
-CHUNKS = [OLD[:CHUNK], OLD[CHUNK:2 * CHUNK], OLD[2 * CHUNK:]]
-DISKS = {"old.disk": OLD, "new.disk": NEW, "other.disk": OTHER, "one.disk": ONE}
-PASSWORDS = {"right.password": SECRET + b"\n", "wrong.password": b"Password\n", "empty.password": b"",
-             "line-ends.password": b"\r\n\n"}
-RIGHT = "right.password"
-EVERY = (0, 1, 2)
-ABNORMAL = "abnormal"
-
-
-class Vectors:
-    """The folder as it is filled, and its index."""
-
-    def __init__(self, folder):
-        self.folder = folder
-        self.written = {}  # the record of each image as the writer made it
-        self.index = []
-        for name, content in {**DISKS, **PASSWORDS}.items():
-            self.file(name, content)
-
-    def file(self, name, content):
-        with open(os.path.join(self.folder, name), "wb") as file:
-            file.write(content)
-
-    def make(self, name, disk=OLD, password=None, base=None, edit=None, raw=None, **options):
-        """An image of a disk; edit changes its record and raw its finished bytes."""
-        path = os.path.join(self.folder, name)
-        options = {"chunkSize": CHUNK, "kdfIterations": ITERATIONS, **options}
-        made = kestrix_image.make_image(path, disk, password, self.written[base] if base else None, edit=edit,
-                                        randomBytes=random.Random(name).randbytes, **options)
-        self.written[name] = made
-        if raw:
-            self.file(name, raw(made.record.encode()))
-        return made
-
-    def add(self, name, says, *, disk=OLD, seal=False, use=None, password=None, opening=None, found=None, fetched=None,
-            plain=None, bases=(), folders=(), places=None, claims=0, deep=False, **making):
-        """One vector: the image, unless it is there already, and what is stated of it."""
-        image = use or name + ".kstx"
-        if not use:
-            if deep:
-                making = {"chunkSize": CAPTURE_CHUNK, "epoch": EPOCH, **making}
-            self.make(image, disk, SECRET if seal else None, **making)
-        password = password or (RIGHT if seal else None)
-        password = None if password == "none" else password
-        statement = self.state(image, disk, opening, found or {}, fetched or {}, plain)
-        vector = {"name": name, "says": says, "image": image}
-        if password:
-            vector["password"] = password
-        base = making.get("base")
-        for key, value in (("bases", ([base] if base else []) + list(bases)), ("folders", list(folders)),
-                           ("places", places), ("claims", claims)):
-            if value:
-                vector[key] = value
-        vector["disk"] = next(name for name, content in DISKS.items() if content == disk)
-        vector["expect"] = {}
-        for command, run in COMMANDS.items():
-            if deep or command not in DEEP_COMMANDS:
-                join(vector["expect"], command, expected(run, statement))
-        self.index.append(vector)
-
-    def state(self, image, disk, opening, found, fetched, plain):
-        if opening:
-            return Statement(image, disk, opening)
-        with open(os.path.join(self.folder, image), "rb") as file:
-            data = file.read()
-        header = decode_header(data[:HEADER.size])
-        end = HEADER.size + header.chunkCount * ENTRY.size
-        statement = Statement(image, disk, None, header, decode_table(data[HEADER.size:end]), None, found, fetched,
-                              head=data[:end])
-        chunks = range(header.chunkCount)
-        statement.plain = plain or [disk[i * header.chunkSize:][:statement.length(i)] for i in chunks]
-        if header.version == THIN:
-            # The name as it is printed: text ends at its first zero byte.
-            statement.chain = os.fsdecode(self.written[image].record.trailer.baseName.split(b"\0")[0])
-        return statement
-
-    def close(self):
-        """One line for what is stated of a vector as a whole, and one for each outcome."""
-        with open(os.path.join(self.folder, "vectors.json"), "w", encoding="ascii", newline="\n") as file:
-            for i, vector in enumerate(self.index):
-                *stated, (_, expect) = vector.items()
-                outcomes_text = ",\n  ".join(f"{json.dumps(commands)}: {json.dumps(outcome)}"
-                                             for commands, outcome in expect.items())
-                file.write(("[" if i == 0 else ",") + json.dumps(dict(stated))[:-1] + ',\n "expect": {\n  ' +
-                           outcomes_text + "}}\n")
-            file.write("]\n")
-
-
-COMMANDS = {"verify": outcomes.verify, "restore": outcomes.restore, "consolidate": outcomes.consolidate,
-            "capture": outcomes.capture, "capture-thin": outcomes.capture_thin,
-            "capture-proved": outcomes.capture_proved}
-DEEP_COMMANDS = ("capture-thin", "capture-proved")  # for images with the chunk size of a capture alone
-
-
-def expected(run, statement):
-    """An outcome as the index has it, without what is empty."""
-    if statement.opening == ABNORMAL:
-        return {"status": ABNORMAL}
-    outcome = run(statement)
-    stated = {"status": outcome.status, "out": outcome.out, "err": outcome.err}
-    if outcome.written is not None and outcome.written != outcomes.fresh_target(statement):
-        stated["written"] = hashlib.sha256(outcome.written).hexdigest()
-    return {key: value for key, value in stated.items() if value != ""}
-
-
-def join(expect, command, outcome):
-    """Commands with one outcome share an entry."""
-    same = next((commands for commands, other in expect.items() if other == outcome), None)
-    if same:
-        expect[f"{same}, {command}"] = expect.pop(same)
-    else:
-        expect[command] = outcome
-
-
-# ---- Defects ----
-
-
-def header(**fields):
-    return lambda record: [setattr(record.header, name, value) for name, value in fields.items()]
-
-
-def entry(i, **fields):
-    return lambda record: [setattr(record.table[i], name, value) for name, value in fields.items()]
-
-
-def trailer(**fields):
-    return lambda record: [setattr(record.trailer, name, value) for name, value in fields.items()]
-
-
-def both(*edits):
-    return lambda record: [edit(record) for edit in edits]
-
-
-def flip(field, i, offset):
-    """One bit of a byte field of an entry."""
-    def edit(record):
-        setattr(record.table[i], field, flipped(getattr(record.table[i], field), offset))
-    return edit
-
-
-def flip_data(i, offset):
-    def edit(record):
-        record.data[i] = flipped(record.data[i], offset)
-    return edit
-
-
-def flip_pin(offset):
-    def edit(record):
-        record.trailer.basePin = flipped(record.trailer.basePin, offset)
-    return edit
-
-
-def flipped(data, offset):
-    offset %= len(data)
-    return data[:offset] + bytes([data[offset] ^ 1]) + data[offset + 1:]
-
-
-def cut(length):
-    return lambda data: data[:length]
-
-
-def named(name, **fields):
-    """A base's name, with lengths that fit."""
-    return trailer(baseName=name, nameLength=len(name), totalLength=len(name) + 48, **fields)
-
-
-# ---- The vectors ----
+                      OTHER_GEOMETRY, OUTSIDE, TAG, TOO_DEEP, missing_base, not_opened, other_base)
 
 
 def sound_images(v):
@@ -279,18 +103,6 @@ def header_fields(v):
     for field, value in (("salt", b"s" * 16), ("kdfIterations", 1), ("epoch", 1)):
         v.add(f"plain-with-{field.lower()}", f"A plain image carries {field}: a reader that has no use for it goes on.",
               edit=header(**{field: value}))
-
-
-def without_last(record):
-    record.header.chunkCount -= 1
-    record.table.pop()
-    record.data.pop()
-
-
-def with_one_more(record):
-    record.header.chunkCount += 1
-    record.data.append(bytes(CHUNK))
-    record.table.append(Entry(3 * CHUNK, CHUNK, hashlib.sha256(bytes(CHUNK)).digest(), bytes(12), bytes(16)))
 
 
 def keys_and_passwords(v):
@@ -455,21 +267,6 @@ def table_entries(v):
                             "the chunk goes where the one before it ended.", edit=entry(2, diskOffset=2**64 - 1))
 
 
-def reference(i):
-    def edit(record):
-        record.table[i].storedLength = 0
-        record.data[i] = b""
-    return edit
-
-
-def resized(i, length):
-    """A stored chunk of another length, with as many bytes."""
-    def edit(record):
-        record.table[i].storedLength = length
-        record.data[i] = (record.data[i] + bytes(length))[:length]
-    return edit
-
-
 def data_areas(v):
     for i in EVERY:
         for offset, where in ((0, "first"), (-1, "last")):
@@ -495,25 +292,6 @@ def data_areas(v):
     v.add("chunk-of-another-image", "A sealed chunk, with its entry, comes out of another image of the same disk under "
                                     "the same password, which has another key.", seal=True, found={1: TAG},
           edit=lambda record: from_another(record, v.written["sealed-apart.kstx"].record))
-
-
-def swapped_data(record):
-    record.data[0], record.data[1] = record.data[1], record.data[0]
-
-
-def swapped_chunks(record):
-    swapped_data(record)
-    record.table[0], record.table[1] = record.table[1], record.table[0]
-    record.table[0].diskOffset, record.table[1].diskOffset = 0, CHUNK
-
-
-def changed_with_digest(record):
-    record.data[1] = bytes(CHUNK)
-    record.table[1].hash = hashlib.sha256(bytes(CHUNK)).digest()
-
-
-def from_another(record, other):
-    record.table[1], record.data[1] = other.table[1], other.data[1]
 
 
 def trailers(v):
