@@ -159,7 +159,8 @@ def lvm_machine(folder):
         f"pvcreate -qy ${{D}}1; vgcreate -q system ${{D}}1; lvcreate -qy -n root -L {ROOT_MIB}M system; "
         "lvcreate -qy -n swap -L 32M system; mkswap -q /dev/system/swap",
         "dd if=$R of=/dev/system/root bs=4M conv=fsync status=none",
-        "mount /dev/system/root /mnt; for i in dev proc sys run; do mount --rbind /$i /mnt/$i; done",
+        "mount /dev/system/root /mnt; for i in dev proc sys run; do mount --rbind /$i /mnt/$i; "
+        "mount --make-rslave /mnt/$i; done",
         "chroot /mnt grub-install --target=i386-pc $D",
         "umount -l /mnt/dev /mnt/proc /mnt/sys /mnt/run; umount /mnt; vgchange -qan system"], root, DISK_MIB * MIB)
 

@@ -2,8 +2,10 @@
 import json
 import os
 import re
+import shutil
 
-from cases import MIB, Disk, Machine, blank, case, noise, past_firmware, reach_prompt, stick
+from cases import MIB, STICK, Disk, Machine, blank, case, digest, noise, past_firmware, reach_prompt, stick
+from test_faults import NUMBER
 
 GROUP = "Disks"
 GIB = 1 << 30
@@ -91,18 +93,30 @@ ENTER = ("cd /new && mkdir -p usr proc sys dev etc tmp run; cd /; for i in usr p
          "mount --rbind /$i /new/$i; mount --make-rslave /new/$i; done; ln -s usr/bin usr/sbin usr/lib usr/lib64 /new/")
 
 
+def refuses_stick(machine):
+    """The root folder lies over a file on the stick, which makes it nobody's system disk, and not free to be taken."""
+    refused = machine.run(f"kestrix restore --in /tmp/small.kstx --disk {NUMBER.format('RESCUE-STICK')} --confirm YES",
+                          status=1)
+    assert "FATAL" in refused, refused
+    refused = machine.run("kestrix-keep restore --image /tmp/small.kstx --disk serial:RESCUE-STICK --yes-overwrite "
+                          "RESCUE-STICK", status=1)
+    assert "the running system was started from it" in refused, refused
+
+
 @case(GROUP, "the system disk is found below a partition, LVM, LVM on md, dm-crypt and btrfs; restore refuses it, "
-             "capture notes it")
+             "capture notes it; the stick that runs is refused too")
 def test_system_disk(folder):
     disks = [Disk(blank(os.path.join(folder, name), 256 * MIB), "scsi", name, name=name.lower())
              for name in ("SYSTEMA", "SYSTEMB")]
     image = Disk(blank(os.path.join(folder, "image"), 64 * MIB), "virtio", "IMAGE", name="image")
-    with Machine(os.path.join(folder, "line.log"), [*disks, image, stick()], past_firmware()) as machine:
+    own = Disk(os.path.join(folder, "stick"), "usb", "RESCUE-STICK", name="stick")
+    shutil.copy(STICK, own.path)
+    with Machine(os.path.join(folder, "line.log"), [*disks, image, own], past_firmware()) as machine:
         reach_prompt(machine)
         machine.run("A=$(readlink -f /dev/disk/by-id/*SYSTEMA); B=$(readlink -f /dev/disk/by-id/*SYSTEMB); mkdir /new")
         assert not any(one[2] for one in listed(machine))
-        machine.run("C=$(kestrix-keep disks | grep -B3 'serial: IMAGE' | sed -n 's/^disk \\([0-9]*\\):.*/\\1/p')")
-        machine.run("kestrix capture --disk $C --out /tmp/small.kstx", seconds=120)
+        machine.run(f"kestrix capture --disk {NUMBER.format('IMAGE')} --out /tmp/small.kstx", seconds=120)
+        refuses_stick(machine)
         for name, make in SYSTEMS:
             machine.run(make, seconds=180)
             machine.run(ENTER)
@@ -118,6 +132,7 @@ def test_system_disk(folder):
             noted = machine.run(f"chroot /new kestrix capture --disk {marked[0]} --out /tmp/system.kstx", seconds=120)
             assert "NOTE: this is the currently booted system disk" in noted, f"{name}: {noted}"
             machine.run("rm /tmp/system.kstx; " + UNMAKE, seconds=120)
+    assert digest(own.path) == digest(STICK)
 
 
 # ---- In use ----
@@ -144,11 +159,10 @@ READ = "dd if=$A iflag=direct bs=1M status=none | sha256sum"
 def test_in_use(folder):
     used = Disk(blank(os.path.join(folder, "used"), 64 * MIB), "scsi", "USED-DISK", name="used")
     source = Disk(noise(os.path.join(folder, "source"), 16 * MIB, 3), "virtio", "SOURCE", name="source")
-    number = "kestrix-keep disks | grep -B3 'serial: {}' | sed -n 's/^disk \\([0-9]*\\):.*/\\1/p'"
     with Machine(os.path.join(folder, "line.log"), [used, source, stick()], past_firmware()) as machine:
         reach_prompt(machine)
         machine.run("A=$(readlink -f /dev/disk/by-id/*USED-DISK); mkdir /new")
-        machine.run(f"N=$({number.format('USED-DISK')}); S=$({number.format('SOURCE')}); test -n \"$N\" -a -n \"$S\"")
+        machine.run(f"N={NUMBER.format('USED-DISK')}; S={NUMBER.format('SOURCE')}; test -n \"$N\" -a -n \"$S\"")
         machine.run("kestrix capture --disk $S --out /tmp/source.kstx", seconds=120)
         for name, take, let_go in USES:
             machine.run(take, seconds=120)

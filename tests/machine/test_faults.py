@@ -74,6 +74,83 @@ def restore_fails(machine, serial, is_once):
         assert "status 1" in said and "NOT DONE: " in said and "partly written" in said.lower(), f"{serial}: {said}"
 
 
+# ---- Of the backup disk ----
+
+IMAGE_PLACES = {"FIRST": 64 * 1024, "MIDDLE": 2 * CHUNK + 64 * 1024, "LAST": 5 * CHUNK + 64 * 1024}
+
+
+def full_store(folder, source):
+    """A disk with an image of the source, and room for nothing else: whoever lets it go gets its places."""
+    store = blank(os.path.join(folder, "store"), 64 * MIB)
+    host("mke2fs", "-q", "-t", "ext4", "-b", "4096", "-m", "0", store)
+    with Machine(os.path.join(folder, "make.log"), [Disk(source, "virtio", "SOUND"), Disk(store, "virtio", "STORE"),
+                                                    stick()], past_firmware()) as machine:
+        reach_prompt(machine)
+        machine.run("mount /dev/disk/by-id/virtio-STORE /mnt")
+        machine.run(f"kestrix capture --disk {NUMBER.format('SOUND')} --out /mnt/image.kstx; sync", seconds=120)
+        machine.run("fallocate -l $(($(stat -f -c '%a * %S' /mnt) - 65536)) /mnt/filler; umount /mnt")
+        machine.type("poweroff")
+        machine.wait_until_off()
+    return store
+
+
+def place_of(store, offset):
+    """Where a byte of the image lies on the disk."""
+    block = host("debugfs", "-R", f"bmap /image.kstx {offset // 4096}", store).split()[-1]
+    return int(block) * 4096
+
+
+@case(GROUP, "a place of the backup disk that can't be read or written: in the first, a middle and the last chunk of "
+             "an image, for once and for good")
+def test_backup_places(folder):
+    source = noise(os.path.join(folder, "source"), DISK_MIB * MIB, 11)
+    store = full_store(folder, source)
+    disks = [Disk(source, "virtio", "SOUND", name="sound"),
+             Disk(noise(os.path.join(folder, "target"), DISK_MIB * MIB, 12), "virtio", "TARGET", name="target")]
+    for name, offset in IMAGE_PLACES.items():
+        for kind in ("read", "write"):
+            for times in ("EVER", "ONCE"):
+                serial = f"{kind[0].upper()}-{name}-{times}"
+                host("cp", "--sparse=always", store, os.path.join(folder, serial))
+                disks.append(FaultyDisk(os.path.join(folder, serial), serial, kind, place_of(store, offset),
+                                        times == "ONCE"))
+    with Machine(os.path.join(folder, "line.log"), [*disks, stick()], past_firmware()) as machine:
+        reach_prompt(machine)
+        machine.run(f"kestrix capture --disk {NUMBER.format('SOUND')} --out /tmp/sound.kstx", seconds=120)
+        for name in IMAGE_PLACES:
+            for times in ("EVER", "ONCE"):
+                image_is_not_read(machine, f"R-{name}-{times}")
+                image_is_not_written(machine, f"W-{name}-{times}")
+        machine.type("poweroff")
+        machine.wait_until_off()
+
+
+def image_is_not_read(machine, serial):
+    """What fails only once may be read anew by the kernel itself: then the target has to be the source."""
+    machine.run(f"mount -o ro,noload /dev/disk/by-id/virtio-{serial} /mnt")
+    said = machine.run(f"kestrix restore --in /mnt/image.kstx --disk {NUMBER.format('TARGET')} --confirm YES; "
+                       "echo status $?", seconds=180)
+    if "status 0" in said:
+        assert serial.endswith("ONCE"), f"{serial}: {said}"
+        machine.run("cmp /dev/disk/by-id/virtio-SOUND /dev/disk/by-id/virtio-TARGET", seconds=120)
+    else:
+        assert "status 1" in said and "FATAL" in said and "Restore complete" not in said, f"{serial}: {said}"
+    if serial.endswith("EVER"):
+        machine.run("kestrix verify --in /mnt/image.kstx", seconds=120, status=1)
+    machine.run("umount /mnt")
+
+
+def image_is_not_written(machine, serial):
+    device = f"/dev/disk/by-id/virtio-{serial}"
+    machine.run(f"mount {device} /mnt; rm /mnt/image.kstx; sync")
+    said = machine.run(f"kestrix capture --disk {NUMBER.format('SOUND')} --out /mnt/image.kstx; echo status $?",
+                       seconds=180)
+    assert "status 1" in said and "FATAL" in said, f"{serial}: {said}"
+    machine.run(f"umount /mnt; mount -o ro,noload {device} /mnt")
+    machine.run("test ! -e /mnt/image.kstx || ! kestrix verify --in /mnt/image.kstx", seconds=120)
+    machine.run("umount /mnt")
+
+
 # ---- Pulled out ----
 
 # Each: what is pulled out, the command, and what it says.
