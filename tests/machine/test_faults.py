@@ -100,6 +100,13 @@ def place_of(store, offset):
     return int(block) * 4096
 
 
+def spoil(disk, place):
+    """What is not written there is not what was there before."""
+    with open(disk, "r+b") as file:
+        file.seek(place)
+        file.write(b"spoiled " * 512)
+
+
 @case(GROUP, "a place of the backup disk that can't be read or written: in the first, a middle and the last chunk of "
              "an image, for once and for good")
 def test_backup_places(folder):
@@ -112,17 +119,20 @@ def test_backup_places(folder):
             for times in ("EVER", "ONCE"):
                 serial = f"{kind[0].upper()}-{name}-{times}"
                 host("cp", "--sparse=always", store, os.path.join(folder, serial))
-                disks.append(FaultyDisk(os.path.join(folder, serial), serial, kind, place_of(store, offset),
-                                        times == "ONCE"))
+                place = place_of(store, offset)
+                if kind == "write":
+                    spoil(os.path.join(folder, serial), place)
+                disks.append(FaultyDisk(os.path.join(folder, serial), serial, kind, place, times == "ONCE"))
     with Machine(os.path.join(folder, "line.log"), [*disks, stick()], past_firmware()) as machine:
         reach_prompt(machine)
-        machine.run(f"kestrix capture --disk {NUMBER.format('SOUND')} --out /tmp/sound.kstx", seconds=120)
+        told = 0
         for name in IMAGE_PLACES:
             for times in ("EVER", "ONCE"):
                 image_is_not_read(machine, f"R-{name}-{times}")
-                image_is_not_written(machine, f"W-{name}-{times}")
+                told += image_is_not_written(machine, f"W-{name}-{times}")
         machine.type("poweroff")
         machine.wait_until_off()
+    return f"{told} of 6 captures said so, verify of each"
 
 
 def image_is_not_read(machine, serial):
@@ -141,14 +151,17 @@ def image_is_not_read(machine, serial):
 
 
 def image_is_not_written(machine, serial):
+    """What fails behind the last write that was looked at only verify tells. Gives whether capture told it."""
     device = f"/dev/disk/by-id/virtio-{serial}"
     machine.run(f"mount {device} /mnt; rm /mnt/image.kstx; sync")
     said = machine.run(f"kestrix capture --disk {NUMBER.format('SOUND')} --out /mnt/image.kstx; echo status $?",
                        seconds=180)
-    assert "status 1" in said and "FATAL" in said, f"{serial}: {said}"
+    told = "status 1" in said and "FATAL" in said
+    assert told or "status 0" in said, f"{serial}: {said}"
     machine.run(f"umount /mnt; mount -o ro,noload {device} /mnt")
     machine.run("test ! -e /mnt/image.kstx || ! kestrix verify --in /mnt/image.kstx", seconds=120)
     machine.run("umount /mnt")
+    return told
 
 
 # ---- Pulled out ----
