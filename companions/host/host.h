@@ -245,7 +245,11 @@ std::string ConfigurationFolder();
 // path, and what to do about it. So is what is no ordinary file, or can't be looked at.
 [[nodiscard]] Trouble CheckTrusted(const std::string &path);
 
-// The same, and nobody else can read the file.
+// The same of a folder and of all that lies in it, however deep; nor can anybody else add to it. A link in it counts by
+// what it leads to, which must be a file.
+[[nodiscard]] Trouble CheckTrustedTree(const std::string &path);
+
+// The same as CheckTrusted, and nobody else can read the file.
 [[nodiscard]] Trouble CheckSecret(const std::string &path);
 
 // ---- Files that come into being complete: new_file_*.cpp ----

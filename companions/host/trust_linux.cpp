@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <climits>
 #include <deque>
+#include <filesystem>
 #include <grp.h>
 #include <pwd.h>
 #include <sys/stat.h>
@@ -211,6 +212,33 @@ Trouble CheckTrusted(const std::string &path)
     std::string place;
     struct stat found = {};
     return FindTrustedFile(path, &place, &found);
+}
+
+Trouble CheckTrustedTree(const std::string &path)
+{
+    if (Trouble trouble = CheckTrustedFolder(path)) {
+        return trouble;
+    }
+    struct stat found = {};
+    std::error_code error;
+    std::filesystem::directory_iterator entry(path, error);
+    if (error || stat(path.c_str(), &found) != 0) {
+        return path + " can't be looked at: " + (error ? error.message() : SystemText(errno));
+    }
+    if (Trouble trouble = CheckMode(path, found)) { // sticky or not: what is added counts, too
+        return trouble;
+    }
+    while (entry != std::filesystem::directory_iterator()) {
+        const std::string one = entry->path().string();
+        const bool isFolder = lstat(one.c_str(), &found) == 0 && S_ISDIR(found.st_mode);
+        if (Trouble trouble = isFolder ? CheckTrustedTree(one) : CheckTrusted(one)) {
+            return trouble;
+        }
+        if (entry.increment(error); error) {
+            return path + " can't be looked at: " + error.message();
+        }
+    }
+    return {};
 }
 
 Trouble CheckSecret(const std::string &path)

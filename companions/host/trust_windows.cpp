@@ -12,6 +12,7 @@
 #include <shlobj.h>
 
 #include <algorithm>
+#include <filesystem>
 
 namespace host
 {
@@ -281,6 +282,39 @@ Trouble CheckTrusted(const std::string &path)
 {
     std::string full;
     return CheckWay(path, &full);
+}
+
+static Trouble CheckTree(const std::string &folder)
+{
+    if (Trouble trouble = CheckOne(folder, changingFolder | addingFile, "change the folder")) {
+        return trouble;
+    }
+    std::error_code error;
+    std::filesystem::directory_iterator entry(Widen(folder), error);
+    while (!error && entry != std::filesystem::directory_iterator()) {
+        const std::string one = Narrow(entry->path().c_str());
+        const DWORD attributes = GetFileAttributesW(Widen(one).c_str());
+        const bool isFolder =
+            attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0 && !IsLink(one);
+        if (Trouble trouble = isFolder ? CheckTree(one) : CheckOne(one, changingFile, "change")) {
+            return trouble;
+        }
+        entry.increment(error);
+    }
+    return error ? Trouble(folder + " can't be looked at: " + SystemText(static_cast<DWORD>(error.value())))
+                 : Trouble();
+}
+
+Trouble CheckTrustedTree(const std::string &path)
+{
+    std::string full;
+    if (Trouble trouble = FullPath(path, &full)) {
+        return trouble;
+    }
+    if (Trouble trouble = CheckFolders(full)) {
+        return trouble;
+    }
+    return CheckTree(full);
 }
 
 Trouble CheckSecret(const std::string &path)

@@ -187,6 +187,9 @@ static bool FindTheGuestsDisk(Run &run)
             return Fail(run, one + " is not run: " + *trouble);
         }
     }
+    if (const host::Trouble trouble = host::CheckTrustedTree(ModulesOf(program))) {
+        return Fail(run, program + " is not run: " + *trouble);
+    }
     reader::Result<FoundGuestDisk> found = FindGuestDisk(program, *run.job.guest);
     if (!found) {
         return Fail(run, found.fault.text);

@@ -3,6 +3,8 @@
 
 #include "report/report.h"
 
+#include <filesystem>
+
 using reader::Fault;
 using reader::FaultKind;
 using reader::Result;
@@ -21,6 +23,17 @@ std::vector<std::string> WayToGuest(const GuestDisk &guest)
 {
     return guest.socket.empty() ? std::vector<std::string>{"--connect", guest.connection}
                                 : std::vector<std::string>{"--qmp", guest.socket};
+}
+
+std::string ModulesOf(const std::string &program)
+{
+    std::error_code error;
+    const std::filesystem::path real = std::filesystem::canonical(std::filesystem::u8path(program), error);
+    const std::filesystem::path beside = real.parent_path() / "kestrix_vm";
+    if (std::filesystem::is_directory(beside, error)) {
+        return beside.u8string();
+    }
+    return (real.parent_path().parent_path() / "share" / "kestrix-vm" / "kestrix_vm").u8string();
 }
 
 static Result<Json> AskForDisks(const std::string &program, const GuestDisk &guest)

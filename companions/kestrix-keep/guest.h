@@ -17,6 +17,10 @@ std::string DiskOfJob(const Job &job);
 // The arguments by which kestrix-vm gets to the guest.
 std::vector<std::string> WayToGuest(const GuestDisk &guest);
 
+// The folder of the modules that the kestrix-vm at that path takes its work from, where it looks for them: beside what
+// its link leads to, or in the share folder of where it is installed.
+std::string ModulesOf(const std::string &program);
+
 struct FoundGuestDisk {
     DiskIdentity identity; // its serial is its name
     std::string file;      // on the host

@@ -2,6 +2,8 @@
 place of kestrix-vm stands a program that does as told; whole guests are in the tests of kestrix-vm."""
 import json
 import os
+import shutil
+import stat
 import sys
 
 from keep_job import DAY, DISK, NAME, NOW, JobTest
@@ -34,7 +36,18 @@ class Guests(JobTest):
         with open(self.stand_in, "w", encoding="ascii") as file:
             file.write(STAND_IN)
         os.chmod(self.stand_in, 0o755)
+        self.modules = os.path.join(self.folder, "kestrix_vm")
+        os.mkdir(self.modules, 0o755)
+        for name in ("capture.py", "disks.py"):
+            self.module(self.modules, name)
         self.tell()
+
+    def module(self, folder, name, mode=0o644):
+        path = os.path.join(folder, name)
+        with open(path, "w", encoding="ascii"):
+            pass
+        os.chmod(path, mode)
+        return path
 
     def configure(self, more="", machine=GUEST):
         self.configuration = os.path.join(self.folder, "keep.toml")
@@ -104,6 +117,42 @@ class Guests(JobTest):
     def test_a_program_that_others_can_change_is_not_run(self):
         os.chmod(self.stand_in, 0o777)
         self.failed("kestrix-vm is not run: ")
+
+    def not_run(self, path, mode):
+        """Not while it has that mode, but as soon as it has its own again."""
+        usual = stat.S_IMODE(os.stat(path).st_mode)
+        os.chmod(path, mode)
+        self.failed(f"kestrix-vm is not run: .* can change (the folder )?{path}: chmod go-w {path}$")
+        os.chmod(path, usual)
+
+    def test_modules_that_others_can_change_or_add_to_are_not_run(self):
+        self.not_run(os.path.join(self.modules, "disks.py"), 0o646)
+        self.not_run(os.path.join(self.modules, "capture.py"), 0o664)
+        self.not_run(self.modules, 0o757)
+        self.not_run(self.modules, 0o1777)
+        deeper = os.path.join(self.modules, "__pycache__")
+        os.mkdir(deeper, 0o755)
+        self.not_run(deeper, 0o777)
+        self.not_run(self.module(deeper, "disks.cpython-311.pyc"), 0o666)
+        elsewhere = self.module(self.folder, "elsewhere.py")
+        os.symlink(elsewhere, os.path.join(self.modules, "linked.py"))
+        self.not_run(elsewhere, 0o666)
+        self.well()
+
+    def test_the_modules_of_an_installed_kestrix_vm_count_the_same(self):
+        programs, shared = (os.path.join(self.folder, "usr", *names) for names in (["bin"], ["share", "kestrix-vm"]))
+        os.makedirs(programs)
+        os.makedirs(shared)
+        shutil.move(self.stand_in, programs)
+        os.symlink(os.path.join(programs, "kestrix-vm"), self.stand_in)
+        shutil.move(self.modules, shared)
+        self.not_run(os.path.join(shared, "kestrix_vm", "disks.py"), 0o666)
+        self.not_run(shared, 0o777)
+        self.well()
+
+    def test_modules_that_are_not_there_are_told(self):
+        shutil.rmtree(self.modules)
+        self.failed("kestrix-vm is not run: .*/share.* can't be looked at: No such file or directory$")
 
     def test_a_program_that_is_not_there_is_told(self):
         os.unlink(self.stand_in)
