@@ -17,7 +17,20 @@ from keep_machine import KeepMachineTest
 from test_manual_pages import options, said, synopses
 
 COMPLETION = os.path.join(ROOT, "completion")
-PROGRAMS = ("kestrix", "kestrix-image", "kestrix-keep")
+PROGRAMS = ("kestrix", "kestrix-image", "kestrix-keep", "kestrix-vm")
+# As kestrix-vm shows what QEMU tells; which way it was asked stands in a file beside it.
+GUESTS = """#!/bin/sh
+echo "$*" >>"$(dirname "$0")/asked"
+cat <<END
+win2022  vda  libvirt-1-format  80.00 GiB  qcow2  /images/win.qcow2
+    tracked; nothing is proved: no bitmap of a committed image is there
+    last capture: /backup/01.kstx, complete
+win2022  sda  libvirt-2-format  8.00 GiB  raw  /images/two  spaces
+    tracked until the guest's process ends; nothing is proved: no bitmap of a committed image is there
+database  sda  libvirt-1-format  80.00 GiB  qcow2  /images/db.qcow2
+    tracked; proves what changed since epoch 6A3F1B77C0D2E9
+END
+"""
 # The line as it is, for the test to read, and an empty one; a bell or a question would stand in its way.
 SETTINGS = r"""PS1='READY> '
 bind 'set bell-style none' 'set completion-query-items 0' 'set page-completions off' 'set enable-bracketed-paste off'
@@ -183,6 +196,41 @@ class InBash(KeepMachineTest):
                            "kestrix-browse full.kstx pa", "kestrix-browse --stop fu")
         self.check(("kestrix capture --disk 1 --out fo", "kestrix capture --disk 1 --out folder/"))
 
+    def guests(self, text=GUESTS):
+        path = os.path.join(self.folder, "kestrix-vm")
+        with open(path, "w", encoding="ascii") as file:
+            file.write(text)
+        os.chmod(path, 0o755)
+
+    def test_guests_and_their_disks_are_those_that_the_machine_tells(self):
+        self.guests()
+        self.assertEqual(self.offered("kestrix-vm capture "), ["database", "win2022"])
+        self.check(("kestrix-vm capture w", "kestrix-vm capture win2022 "),
+                   ("kestrix-vm capture database ", "kestrix-vm capture database sda "),
+                   ("../kestrix-vm capture database ", "../kestrix-vm capture database sda "),
+                   ("kestrix-vm capture --thin --timeout 5 d", "kestrix-vm capture --thin --timeout 5 database "),
+                   ("kestrix-vm capture win2022 --out 1.kstx v", "kestrix-vm capture win2022 --out 1.kstx vda "),
+                   ("kestrix-vm capture --th", "kestrix-vm capture --thin "),
+                   ("kestrix-vm capture win2022 vda --base fu", "kestrix-vm capture win2022 vda --base full.kstx "),
+                   ("kestrix-vm d", "kestrix-vm disks "), ("kestrix-vm disks --j", "kestrix-vm disks --json "))
+        self.assertEqual(self.offered("kestrix-vm capture win2022 "), ["sda", "vda"])
+
+    def test_guests_are_asked_by_the_way_that_the_line_names(self):
+        self.guests()
+        self.check(("kestrix-vm capture --qmp /run/a --agent /run/b --state s d",
+                    "kestrix-vm capture --qmp /run/a --agent /run/b --state s database "),
+                   ("kestrix-vm capture d", "kestrix-vm capture database "))
+        with open(os.path.join(self.folder, "asked"), encoding="ascii") as file:
+            self.assertEqual(file.read(), "disks --qmp /run/a --state s\ndisks\n")
+
+    def test_where_no_guest_is_told_none_is_filled_in_and_no_target_ever(self):
+        self.guests("#!/bin/sh\necho 'kestrix-vm: there is no libvirt' >&2\nexit 3\n")
+        self.check_nothing("kestrix-vm capture ", "kestrix-vm capture f", "kestrix-vm capture win2022 ")
+        self.guests()
+        self.check_nothing("kestrix-vm capture win2022 vda --out fu", "kestrix-vm capture win2022 vda --out=fu",
+                           "kestrix-vm capture win2022 vda x", "kestrix-vm capture other ",
+                           "kestrix-vm capture win2022 vda --connect ")
+
     def test_a_word_with_an_equals_sign_is_completed_too(self):
         self.check(("kestrix-image compare full.kstx --disk=12", "kestrix-image compare full.kstx --disk=12 "))
 
@@ -214,10 +262,11 @@ class Options(KeepMachineTest):
 
     def test_of_each_subcommand_are_those_that_the_program_has(self):
         own = self.own()
-        self.assertEqual(len(own), 18)
+        self.assertEqual(len(own), 20)
         for shell, table in self.tables():
             with self.subTest(shell):
-                self.assertEqual({key: set(text.split()) for key, text in table.items()}, own)
+                there = {key: value for key, value in own.items() if shell == "bash" or "kestrix-vm" not in key}
+                self.assertEqual({key: set(text.split()) for key, text in table.items()}, there)
 
     def test_of_kestrix_browse_are_its_own(self):
         with open(os.path.join(COMPLETION, "bash", "kestrix-browse"), encoding="utf-8") as file:
