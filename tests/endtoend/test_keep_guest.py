@@ -1,11 +1,15 @@
 """kestrix-keep's jobs of virtual machines: it asks kestrix-vm for the guest's disk and has it captured by that. In the
-place of kestrix-vm stands a program that does as told; whole guests are in the tests of kestrix-vm."""
+place of kestrix-vm stands a program that does as told, but for one pair of nights."""
 import json
 import os
+import random
 import shutil
 import stat
 import sys
+import unittest
 
+from guest_disks import DOMAIN, KESTRIX_VM, GuestTest, why_no_guests
+from harness import MIB
 from keep_job import DAY, DISK, NAME, NOW, JobTest
 from keep_machine import COMMAND_LINE, FAILED, WELL
 
@@ -183,3 +187,45 @@ class Guests(JobTest):
         self.assertEqual(run.status, WELL, run)
         self.assertIn(b"# Other programs have a part in the job.", run.out)
         self.assertNotIn(b"ProtectSystem", run.out)
+
+
+@unittest.skipIf(why_no_guests(), why_no_guests())
+class RealGuests(JobTest, GuestTest):
+    """With kestrix-vm itself, and a storage daemon's disk."""
+
+    def setUp(self):
+        super().setUp()
+        # Its modules as it finds them beside itself, its state in the test's own folder.
+        shutil.copytree(os.path.join(os.path.dirname(KESTRIX_VM), "kestrix_vm"),
+                        os.path.join(self.folder, "kestrix_vm"), ignore=shutil.ignore_patterns("__pycache__"))
+        shutil.copy(KESTRIX_VM, os.path.join(self.folder, "real"))
+        stand_in = os.path.join(self.folder, "kestrix-vm")
+        with open(stand_in, "w", encoding="ascii") as file:
+            file.write(f'#!/bin/sh\nexec {self.folder}/real "$@" --state {self.state}\n')
+        os.chmod(stand_in, 0o755)
+
+    def configure(self, more="", **_):
+        super().configure(more)
+        with open(self.configuration, "w", encoding="utf-8") as file:
+            file.write(f'[job.job]\nmachine = "qmp:{self.qmp}/{DOMAIN}/vda"\nfolder = "{self.place}"\n{more}\n')
+
+    def test_the_second_night_is_thin_and_proved(self):
+        self.write(0, random.Random(1).randbytes(self.size))
+        first = self.well()
+        self.check_holds(self.place_path(first), self.content)
+        self.check_nothing_left()
+        self.write(9 * MIB, b"the second day")
+        status, report = self.backup(NOW + DAY)
+        self.assertEqual((status, report["failure"]), (WELL, None), report)
+        second = report["image"]
+        self.check_holds(self.place_path(second), self.content)
+        self.check_nothing_left()
+        for name, base in ((first, ""), (second, first)):
+            told = self.sidecar(name)
+            self.assertEqual((told["disk"]["serial"], told["disk"]["sizeBytes"], told["disk"]["model"], told["base"],
+                              told["isSound"]),
+                             (f"{DOMAIN}/vda", self.size, "disk of a virtual machine", base, True))
+        text = "".join(report["lines"])
+        self.assertRegex(text, "vda of server: .* Changed since the image of epoch [0-9A-F]+: 1 blocks of 64 KiB")
+        self.assertIn("matches tracker; unchanged chunks", text)
+        self.assertIn("read from disk: 1)", text)

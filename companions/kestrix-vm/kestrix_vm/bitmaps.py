@@ -5,11 +5,17 @@ that is put back to an older state (a copy of its file, a snapshot of the storag
 state along, and their names tell the epoch that they belong to: an image of a later epoch is no base for it.
 
     kestrix-EPOCH-IDENTITY  everything written since the moment of the image of that epoch, the last that was committed
+    kestrix-twin-EPOCH-RUN  the same once more; the run is the one that made both
     kestrix-pending-RUN     everything written since the moment of a capture that hasn't committed
     kestrix-extent-SIZE     the disk's last sector is marked in it and nothing else
 
-While a capture is under way the committed bitmap is disabled and the pending one records. One that is disabled without
-a pending one beside it has missed writes.
+While a capture is under way the committed bitmap and its twin are disabled and the pending one records. One that is
+disabled without a pending one beside it has missed writes.
+
+A bitmap that somebody clears, or removes and makes anew, looks like one of a disk that was not written. So both are
+made with marks of their own, of blocks that nobody need have written: which they are follows from the run's name. A
+bitmap that lacks one of its own was cleared; whether such a block was written in truth, the other tells, which has its
+own elsewhere. A bitmap that stood still for a time differs from its twin, unless the twin stood still with it.
 
 That nobody wrote the disk while the guest was off is proved by qcow2 alone. QEMU marks a bitmap in the file as in use
 before the first write and stores it when the file is closed, so that after a crash it is inconsistent. Its other tools
@@ -20,10 +26,12 @@ there are bitmaps. A raw file has none of this: its bitmap ends with the process
 What none of that shows: a disk that is made smaller and as large again reads as zeros behind the cut, and no bitmap has
 a mark for it. But a cut drops the marks behind it, so the one at the very end is gone from kestrix-extent-SIZE.
 """
+import hashlib
 import re
 import secrets
 from dataclasses import dataclass
 
+from .disks import SECTOR
 from .fault import Fault, NotBegun
 from .qmp import Refused
 
@@ -35,10 +43,16 @@ except ImportError:
 BLOCK_SHIFT = 16
 GRANULARITY = 1 << BLOCK_SHIFT
 COMMITTED = re.compile(r"kestrix-([0-9a-f]{14})-([0-9a-f]{12})")
+TWIN = re.compile(r"kestrix-twin-([0-9a-f]{14})-([0-9a-f]{8})")
 PENDING = re.compile(r"kestrix-pending-[0-9a-f]{8}")
 EXTENT = re.compile(r"kestrix-extent-([0-9]+)")
 # QEMU takes a bitmap of that many bytes into memory only where there are marks, but a qcow2 file holds no larger one.
 LARGEST_EXTENT_BITMAP = 64 * 1024 * 1024
+# Marks of its own that each of a pair has. A guest that writes half of its disk after somebody has cleared both hits
+# all of them once in 2 to the 32nd times.
+OWN_MARKS = 16
+CLEARED = "somebody has cleared its bitmap, or made it anew"
+STOOD_STILL = "the bitmap has not recorded all the time"
 
 
 def refuse_without_nbd():
@@ -48,18 +62,55 @@ def refuse_without_nbd():
 
 @dataclass
 class Previous:
-    """What is remembered of a disk: the committed bitmap's name and epoch, or why there is none."""
+    """What is remembered of a disk: the names of the committed bitmap and of its twin, and their epoch; or why nothing
+    is proved. Where only a look into them has told that, they still have names."""
     bitmap: str = None
     epoch: int = None
     why: str = None
+    twin: str = None
+
+    def bitmaps(self):
+        return [name for name in (self.bitmap, self.twin) if name]
 
 
 def committed_name(epoch, disk):
     return f"kestrix-{epoch:014x}-{disk.identity()}"
 
 
+def twin_name(epoch, run):
+    return f"kestrix-twin-{epoch:014x}-{run}"
+
+
 def is_ours(name):
-    return any(pattern.fullmatch(name) for pattern in (COMMITTED, PENDING, EXTENT))
+    return any(pattern.fullmatch(name) for pattern in (COMMITTED, TWIN, PENDING, EXTENT))
+
+
+def own_marks(run, size):
+    """The blocks that are marked from the beginning: those of the committed bitmap, and those of its twin. A disk of
+    fewer blocks than marks counts as written everywhere."""
+    blocks = -(-size >> BLOCK_SHIFT)
+    if blocks < 2 * OWN_MARKS:
+        return list(range(blocks)), list(range(blocks))
+    drawn, count = [], 0
+    while len(drawn) < 2 * OWN_MARKS:
+        digest = hashlib.sha256(f"{run} {count}".encode()).digest()
+        block, count = int.from_bytes(digest, "little") % blocks, count + 1
+        if block not in drawn:
+            drawn.append(block)
+    return drawn[::2], drawn[1::2]
+
+
+def written_since(marks, twinMarks, run, size, isLater=False):
+    """What was written by what a committed bitmap and its twin say, and why that is no proof, one of them None. Where
+    the twin was read later it may have marks that the other doesn't have yet."""
+    own, twinOwn = (sum(1 << block for block in blocks) for blocks in own_marks(run, size))
+    first, second = (int.from_bytes(both, "little") for both in (marks, twinMarks))
+    if first & own != own or second & twinOwn != twinOwn:
+        return None, CLEARED
+    if first & ~second & ~own or not isLater and second & ~first & ~twinOwn:
+        return None, STOOD_STILL
+    written = first & ~own | second & ~twinOwn | own & twinOwn
+    return written.to_bytes(len(marks), "little"), None
 
 
 def extent_granularity(size):
@@ -85,8 +136,9 @@ def remove_action(disk, name):
     return {"type": "block-dirty-bitmap-remove", "data": {"node": disk.node, "name": name}}
 
 
-def merge_action(disk, target, source):
-    return {"type": "block-dirty-bitmap-merge", "data": {"node": disk.node, "target": target, "bitmaps": [source]}}
+def merge_action(disk, target, *sources):
+    return {"type": "block-dirty-bitmap-merge",
+            "data": {"node": disk.node, "target": target, "bitmaps": list(sources)}}
 
 
 def enable_action(disk, name):
@@ -101,31 +153,35 @@ def judge(disk):
     """What the disk's bitmaps prove as they stand, nothing under way: a Previous."""
     ours = [bitmap for bitmap in disk.bitmaps if is_ours(bitmap["name"])]
     committed = [bitmap for bitmap in ours if COMMITTED.fullmatch(bitmap["name"])]
+    twins = [bitmap for bitmap in ours if TWIN.fullmatch(bitmap["name"])]
     pending = [bitmap for bitmap in ours if PENDING.fullmatch(bitmap["name"])]
     extents = [bitmap for bitmap in ours if EXTENT.fullmatch(bitmap["name"])]
     if disk.keeps_bitmaps() == "no":
         return Previous(why="no bitmap can be kept of it")
     if any(bitmap.get("inconsistent") for bitmap in ours):
         return Previous(why="the guest's process or the host ended without storing the bitmap")
-    if not committed:
+    if not committed or not twins:
         return Previous(why="no bitmap of a committed image is there")
-    if len(committed) > 1 or len(pending) > 1 or len(extents) > 1:
+    if len(committed) > 1 or len(twins) > 1 or len(pending) > 1 or len(extents) > 1:
         return Previous(why="there are more bitmaps than captures leave")
+    pair = committed + twins
     epoch, identity = COMMITTED.fullmatch(committed[0]["name"]).groups()
+    if TWIN.fullmatch(twins[0]["name"]).group(1) != epoch:
+        return Previous(why="no bitmap of a committed image is there")
     if identity != disk.identity():
         return Previous(why="the disk's size, or what it stands on, is not what it was")
     if not extents or int(EXTENT.fullmatch(extents[0]["name"]).group(1)) != disk.size or extents[0]["count"] == 0:
         return Previous(why="the disk was resized")
     if extents[0]["recording"] or extents[0]["granularity"] != extent_granularity(disk.size) or \
-            committed[0]["granularity"] != GRANULARITY:
+            any(bitmap["granularity"] != GRANULARITY for bitmap in pair):
         return Previous(why="the bitmap is not as it was made")
-    if not committed[0]["recording"] and not pending or pending and not pending[0]["recording"]:
-        return Previous(why="the bitmap has not recorded all the time")
+    if not pending and not all(bitmap["recording"] for bitmap in pair) or pending and not pending[0]["recording"]:
+        return Previous(why=STOOD_STILL)
     if any(bitmap["persistent"] != (disk.keeps_bitmaps() == "disk") for bitmap in ours):
         return Previous(why="the bitmap is not as it was made")
     if int(epoch, 16) == 0:
         return Previous(why="the bitmap names no epoch")
-    return Previous(committed[0]["name"], int(epoch, 16))
+    return Previous(committed[0]["name"], int(epoch, 16), twin=twins[0]["name"])
 
 
 def settle(qmp, disk):
@@ -143,41 +199,52 @@ def settle(qmp, disk):
     if pending:
         # In this order a write that comes between two of the actions is marked at least once.
         qmp.execute("transaction", actions=[
-            enable_action(disk, previous.bitmap), merge_action(disk, previous.bitmap, pending[0]),
-            remove_action(disk, pending[0])])
+            *(enable_action(disk, name) for name in previous.bitmaps()),
+            *(merge_action(disk, name, pending[0]) for name in previous.bitmaps()), remove_action(disk, pending[0])])
     return previous
 
 
-def commit(qmp, disk, pending, previous, epoch):
-    """Makes the pending bitmap that of the committed image, as one step, and drops the one before."""
-    name = committed_name(epoch, disk)
-    actions = [add_action(disk, name), merge_action(disk, name, pending), remove_action(disk, pending)]
-    if previous.bitmap:
-        actions.append(remove_action(disk, previous.bitmap))
-    qmp.execute("transaction", actions=actions)
+def commit(qmp, disk, run, previous, epoch, node):
+    """Makes of the run's pending bitmap those of the committed image, as one step, and drops the ones before. `node` is
+    that of make_marks."""
+    names, pending = (committed_name(epoch, disk), twin_name(epoch, run)), f"kestrix-pending-{run}"
+    qmp.execute("transaction", actions=[
+        *(add_action(disk, name) for name in names),
+        *(merge_action(disk, name, pending, {"node": node, "name": own}) for name, own in zip(names, ("own", "twin"))),
+        *(remove_action(disk, name) for name in [pending, *previous.bitmaps()])])
 
 
-def mark_extent(qmp, disk, server, node, export):
-    """Makes kestrix-extent-SIZE. Marks come from writes alone, so the one for the last sector is made on a node of
-    that name that keeps nothing, and merged from there. `server` is the path of QEMU's NBD server."""
-    name = f"kestrix-extent-{disk.size}"
-    granularity = extent_granularity(disk.size)
+def make_marks(qmp, disk, server, node, export, run, hasExtent):
+    """Makes the bitmaps own, twin and, unless the disk has one, end, for those of the disk to be made of. Marks come
+    from writes alone, so these are made on a node of that name that keeps nothing. `server` is the path of QEMU's NBD
+    server."""
+    own, twinOwn = own_marks(run, disk.size)
+    wanted = [("own", GRANULARITY, [block << BLOCK_SHIFT for block in own]),
+              ("twin", GRANULARITY, [block << BLOCK_SHIFT for block in twinOwn])]
+    if not hasExtent:
+        wanted.append(("end", extent_granularity(disk.size), [disk.size - SECTOR]))
     qmp.execute("blockdev-add", driver="null-co", node_name=node, size=disk.size)
-    qmp.execute("block-dirty-bitmap-add", node=node, name="end", granularity=granularity)
     qmp.execute("block-export-add", type="nbd", id=export, node_name=node, name=export, writable=True)
     try:
         connection = nbd.NBD()
         connection.set_export_name(export)
         connection.connect_unix(server)
-        connection.pwrite(bytes(512), disk.size - 512)
+        for name, granularity, offsets in wanted:
+            qmp.execute("block-dirty-bitmap-add", node=node, name=name, granularity=granularity)
+            for offset in offsets:
+                connection.pwrite(bytes(SECTOR), offset)
+            qmp.execute("block-dirty-bitmap-disable", node=node, name=name)
         connection.shutdown()
     except nbd.Error as error:
         raise Fault(f"QEMU's NBD server failed: {error}.") from None
-    actions = [add_action(disk, name, granularity, disabled=True),
-               {"type": "block-dirty-bitmap-merge",
-                "data": {"node": disk.node, "target": name, "bitmaps": [{"node": node, "name": "end"}]}}]
+
+
+def mark_extent(qmp, disk, node):
+    """Makes kestrix-extent-SIZE from what make_marks made on that node."""
+    name = f"kestrix-extent-{disk.size}"
     try:
-        qmp.execute("transaction", actions=actions)
+        qmp.execute("transaction", actions=[add_action(disk, name, extent_granularity(disk.size), disabled=True),
+                                            merge_action(disk, name, {"node": node, "name": "end"})])
     except Refused as error:
         raise NotBegun(f"No bitmap can be kept of {disk.name}: {error}") from None
 

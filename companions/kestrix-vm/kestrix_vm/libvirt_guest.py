@@ -3,7 +3,7 @@
 libvirt names a bitmap by its checkpoint and lets nobody rename it. So a checkpoint is made with the epochs of its disks
 in its description, and which one was committed for a disk stands in the folder of the state. Where either is missing
 nothing is proved. A checkpoint that is deleted leaves its marks to the one before it: that is what a capture that
-failed asks for.
+failed asks for. The bitmap's twin (see bitmaps) is made at the commit, and libvirt knows nothing of it.
 """
 import json
 import os
@@ -12,7 +12,8 @@ import tempfile
 import time
 import xml.etree.ElementTree as ET
 
-from .bitmaps import EXTENT, Previous, extent_granularity, mark_extent, read_changes, remove
+from .bitmaps import (EXTENT, GRANULARITY, STOOD_STILL, TWIN, Previous, add_action, extent_granularity, make_marks,
+                       mark_extent, merge_action, read_changes, remove, twin_name, written_since)
 from .disks import Disk, refuse_unfit
 from .fault import Fault, NotBegun
 from .qmp import Refused
@@ -23,7 +24,8 @@ try:
 except ImportError:
     libvirt = libvirt_qemu = None
 
-OURS = re.compile(r"kestrix-[0-9a-f]{8}")
+OURS = re.compile(r"kestrix-[0-9a-f]{8}")  # a checkpoint
+OF_A_RUN = re.compile(r"kestrix-[0-9a-f]{8}-[a-z]+[0-9]+")  # what QEMU has for a run alone
 
 
 class Monitor:
@@ -56,6 +58,10 @@ def connect(uri):
         return libvirt.open(uri)
     except libvirt.libvirtError as error:
         raise NotBegun(f"There is no way to libvirt at {uri}: {error}.") from None
+
+
+def twin_of(checkpoint, epoch):
+    return twin_name(epoch, checkpoint.removeprefix("kestrix-"))
 
 
 def domains(uri):
@@ -207,7 +213,13 @@ class LibvirtGuest:
             return Previous(why="the disk is not the one that the checkpoint was made of")
         if not self.has_extent(disk):
             return Previous(why="the disk was resized")
-        return Previous(known["checkpoint"], int(known["epoch"], 16))
+        epoch, twin = int(known["epoch"], 16), twin_of(known["checkpoint"], int(known["epoch"], 16))
+        pair = [bitmap for bitmap in disk.bitmaps if bitmap["name"] in (known["checkpoint"], twin)]
+        if len(pair) != 2:
+            return Previous(why="the bitmap of the last committed image is gone")
+        if not all(bitmap["recording"] and bitmap["granularity"] == GRANULARITY for bitmap in pair):
+            return Previous(why=STOOD_STILL)
+        return Previous(known["checkpoint"], epoch, twin=twin)
 
     @staticmethod
     def has_extent(disk):
@@ -233,6 +245,7 @@ class LibvirtGuest:
         if folders and self.is_backing_up():
             self.domain.abortJob()
         self.drop_checkpoints()
+        self.drop_rest()
 
     def is_backing_up(self):
         try:
@@ -246,6 +259,18 @@ class LibvirtGuest:
         for checkpoint in self.domain.listAllCheckpoints():
             if OURS.fullmatch(checkpoint.getName()) and checkpoint.getName() not in wanted:
                 self.drop_checkpoint(checkpoint)
+
+    def drop_rest(self):
+        """What libvirt doesn't know of: nodes and copies of a run, and twins that nothing begins at."""
+        monitor = Monitor(self.domain)
+        wanted = {twin_of(known["checkpoint"], int(known["epoch"], 16)) for known in self.memory.values()}
+        for disk in self.find_disks():
+            for name in (bitmap["name"] for bitmap in disk.bitmaps):
+                if OF_A_RUN.fullmatch(name) or TWIN.fullmatch(name) and name not in wanted:
+                    self.insist(monitor, "block-dirty-bitmap-remove", {"node": disk.node, "name": name})
+        for node in monitor.execute("query-named-block-nodes"):
+            if OF_A_RUN.fullmatch(node["node-name"]):
+                self.insist(monitor, "blockdev-del", {"node-name": node["node-name"]})
 
     @staticmethod
     def drop_checkpoint(checkpoint):
@@ -326,21 +351,45 @@ class LibvirtGuest:
 
     def serve(self, i):
         disk, previous = self.disks[i], self.previous[i]
-        if disk.keeps_bitmaps() != "no" and not self.has_extent(disk):
-            self.mark_end(i, disk)
-        marks = read_changes(self.server, disk.name, "changed", disk.size) if previous.bitmap else None
+        monitor = Monitor(self.domain)
+        if disk.keeps_bitmaps() != "no":
+            self.make_marks(monitor, i, disk)
+        marks = None
+        if previous.bitmap:
+            marks = read_changes(self.server, disk.name, "changed", disk.size)
+            marks, why = written_since(marks, self.read_twin(monitor, i, disk), previous.bitmap[-8:], disk.size,
+                                       isLater=True)
+            if why:
+                self.previous[i] = Previous(why=why)
         return f"nbd+unix:///{disk.name}?socket={self.server}", marks
 
-    def mark_end(self, i, disk):
+    def ours(self, kind, i):
+        return f"kestrix-{self.run.name}-{kind}{i}"
+
+    def make_marks(self, monitor, i, disk):
         """By the NBD server that the backup has begun."""
-        monitor, names = Monitor(self.domain), [f"kestrix-{self.run.name}-{kind}{i}" for kind in ("zero", "mark")]
-        remove(monitor, disk, [bitmap["name"] for bitmap in disk.bitmaps if EXTENT.fullmatch(bitmap["name"])])
+        hasExtent, export = self.has_extent(disk), self.ours("mark", i)
+        if not hasExtent:
+            remove(monitor, disk, [bitmap["name"] for bitmap in disk.bitmaps if EXTENT.fullmatch(bitmap["name"])])
         try:
-            mark_extent(monitor, disk, self.server, *names)
+            make_marks(monitor, disk, self.server, self.ours("zero", i), export, self.run.name, hasExtent)
+            if not hasExtent:
+                mark_extent(monitor, disk, self.ours("zero", i))
         finally:
-            for command, told in (("block-export-del", {"id": names[1], "mode": "hard"}),
-                                  ("blockdev-del", {"node-name": names[0]})):
-                self.insist(monitor, command, told)
+            self.insist(monitor, "block-export-del", {"id": export, "mode": "hard"})
+
+    def read_twin(self, monitor, i, disk):
+        """A copy of it, which no longer records, since libvirt's moment leaves the twin itself as it is."""
+        copy, export = self.ours("copy", i), self.ours("twin", i)
+        monitor.execute("transaction", actions=[
+            add_action(disk, copy, disabled=True, persistent=False), merge_action(disk, copy, self.previous[i].twin)])
+        try:
+            monitor.execute("block-export-add", type="nbd", id=export, node_name=disk.node, name=export,
+                            writable=False, bitmaps=[copy])
+            return read_changes(self.server, export, copy, disk.size)
+        finally:
+            self.insist(monitor, "block-export-del", {"id": export, "mode": "hard"})
+            self.insist(monitor, "block-dirty-bitmap-remove", {"node": disk.node, "name": copy})
 
     @staticmethod
     def insist(monitor, command, told):
@@ -350,7 +399,7 @@ class LibvirtGuest:
                 monitor.execute_with(command, told)
                 return
             except Refused as error:
-                if command == "block-export-del" or "in use" not in str(error):
+                if command == "block-export-del" or not re.search("in use|busy|used by", str(error)):
                     return
                 time.sleep(0.02)
 
@@ -376,9 +425,13 @@ class LibvirtGuest:
         why = self.look_at_events()
         if why:
             raise Fault(why)
-        disk = self.disks[i]
-        self.memory[disk.name] = {"checkpoint": f"kestrix-{self.run.name}", "epoch": f"{epoch:014x}",
-                                  "size": disk.size, "file": disk.file}
+        disk, checkpoint = self.disks[i], f"kestrix-{self.run.name}"
+        twin, node = twin_of(checkpoint, epoch), self.ours("zero", i)
+        Monitor(self.domain).execute("transaction", actions=[
+            add_action(disk, twin), merge_action(disk, twin, checkpoint, {"node": node, "name": "twin"}),
+            merge_action(disk, checkpoint, {"node": node, "name": "own"})])
+        self.memory[disk.name] = {"checkpoint": checkpoint, "epoch": f"{epoch:014x}", "size": disk.size,
+                                  "file": disk.file}
         self.write_memory()
 
     # The end
@@ -391,6 +444,7 @@ class LibvirtGuest:
                 self.domain.abortJob()
             if self.domain.isActive():
                 self.drop_checkpoints()
+                self.drop_rest()
                 told = self.domain.state()
                 if told[0] == libvirt.VIR_DOMAIN_PAUSED and told[1] == libvirt.VIR_DOMAIN_PAUSED_IOERROR:
                     self.domain.resume()

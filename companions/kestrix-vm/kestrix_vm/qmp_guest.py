@@ -11,6 +11,7 @@ import contextlib
 import os
 import re
 import time
+from dataclasses import replace
 
 from . import bitmaps
 from .agent import SocketAgent
@@ -85,8 +86,11 @@ class QmpGuest:
         self.previous = [self.settle(disk) for disk in disks]
         self.start_server()
         for i, disk in enumerate(disks):
-            if disk.keeps_bitmaps() != "no" and self.previous[i].bitmap is None:
-                bitmaps.mark_extent(self.qmp, disk, self.server, self.ours("zero", i), self.ours("mark", i))
+            if disk.keeps_bitmaps() != "no":
+                node, hasExtent = self.ours("zero", i), self.previous[i].bitmap is not None
+                bitmaps.make_marks(self.qmp, disk, self.server, node, self.ours("mark", i), self.run.name, hasExtent)
+                if not hasExtent:
+                    bitmaps.mark_extent(self.qmp, disk, node)
             self.make_scratch(i, disk)
 
     def settle(self, disk):
@@ -150,7 +154,8 @@ class QmpGuest:
         """The moment: all views and new bitmaps in one transaction.
 
         QEMU may take a write between two actions. In this order that is harmless: the new bitmap records before the
-        view is taken, the old one until after it, and a block that is marked without need is only read."""
+        view is taken, the old ones until after it, and a block that is marked without need is only read. The job holds
+        the writes back up to the transaction's end, so that both old ones stop at the same."""
         adds, backups, disables = [], [], []
         for i, disk in enumerate(self.disks):
             if disk.keeps_bitmaps() != "no":
@@ -158,8 +163,7 @@ class QmpGuest:
             backups.append({"type": "blockdev-backup",
                             "data": {"job-id": self.ours("job", i), "device": disk.node,
                                      "target": self.ours("view", i), "sync": "none"}})
-            if self.previous[i].bitmap:
-                disables.append(bitmaps.disable_action(disk, self.previous[i].bitmap))
+            disables += [bitmaps.disable_action(disk, name) for name in self.previous[i].bitmaps()]
         self.qmp.execute("transaction", actions=adds + backups + disables)
 
     def serve(self, i):
@@ -167,10 +171,13 @@ class QmpGuest:
         without one."""
         disk, previous, export = self.disks[i], self.previous[i], self.ours("export", i)
         self.qmp.execute("block-export-add", type="nbd", id=export, node_name=self.ours("view", i), name=export,
-                         writable=False, bitmaps=[previous.bitmap] if previous.bitmap else None)
+                         writable=False, bitmaps=previous.bitmaps() or None)
         marks = None
         if previous.bitmap:
-            marks = bitmaps.read_changes(self.server, export, previous.bitmap, disk.size)
+            both = [bitmaps.read_changes(self.server, export, name, disk.size) for name in previous.bitmaps()]
+            marks, why = bitmaps.written_since(*both, bitmaps.TWIN.fullmatch(previous.twin).group(2), disk.size)
+            if why:
+                self.previous[i] = replace(previous, epoch=None, why=why)
         return f"nbd+unix:///{export}?socket={self.server}", marks
 
     def draw(self, _):
@@ -212,7 +219,7 @@ class QmpGuest:
             raise Fault(why)
         # An exported bitmap can't be dropped, and what was to be read has been.
         self.remove_exports([self.ours("export", i)])
-        bitmaps.commit(self.qmp, self.disks[i], self.pending(), self.previous[i], epoch)
+        bitmaps.commit(self.qmp, self.disks[i], self.run.name, self.previous[i], epoch, self.ours("zero", i))
         self.committed[i] = True
 
     # The end
