@@ -4,7 +4,6 @@ qemu-storage-daemon has the disk; the writer writes through a file that it makes
 which chunks a capture must read, is worked out from what was written, in the order in which it was.
 """
 import contextlib
-import functools
 import json
 import os
 import random
@@ -77,6 +76,7 @@ class GuestTest(MachineTest):
     """A daemon with the disk `vda`, a file `self.written` by which it is written, and kestrix-vm."""
     size = 24 * MIB
     format = "qcow2"
+    patience = 120  # seconds for a capture
 
     def setUp(self):
         super().setUp()
@@ -162,7 +162,7 @@ class GuestTest(MachineTest):
 
     def vm(self, subcommand, *words):
         process = self.start_vm(subcommand, *words)
-        out, err = process.communicate(timeout=120)
+        out, err = process.communicate(timeout=self.patience)
         return Run(process.returncode, out, err)
 
     def capture(self, name, *words):
@@ -232,8 +232,9 @@ class GuestTest(MachineTest):
 
 
 def stop_kestrix_of(process, state):
-    """Gives what lets the kestrix of a kestrix-vm go on, which has been stopped; the state's folder tells it apart. It
-    is gone in a few hundredths of a second: without a pause it is looked for among the children alone."""
+    """Gives what lets the kestrix of a kestrix-vm go on, or sends it another signal, since it has been stopped; the
+    state's folder tells it apart. It is gone in a few hundredths of a second: without a pause it is looked for among
+    the children alone."""
     end = time.monotonic() + 60
     while process.poll() is None and time.monotonic() < end:
         try:
@@ -244,7 +245,7 @@ def stop_kestrix_of(process, state):
                     words = file.read().split(b"\0")
                 if words[0].startswith(state.encode()) and words[1:2] == [b"capture"]:
                     os.kill(int(child), signal.SIGSTOP)
-                    return functools.partial(os.kill, int(child), signal.SIGCONT)
+                    return lambda number=signal.SIGCONT, child=int(child): os.kill(child, number)
         except OSError:
             pass  # a child that has ended meanwhile
     raise AssertionError("kestrix had ended, or never began")

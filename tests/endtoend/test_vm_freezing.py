@@ -6,7 +6,7 @@ import threading
 import time
 import unittest
 
-from guest_disks import DOMAIN, Broken, GuestTest, wait_until, why_no_guests
+from guest_disks import BLOCK, DOMAIN, Broken, GuestTest, wait_until, why_no_guests
 from harness import MIB
 
 
@@ -87,6 +87,16 @@ class Freezing(GuestTest):
         self.assertFalse(agent.frozen)
         # Nothing that can wait is done while the guest stands still.
         self.assertLess(agent.times["guest-fsfreeze-thaw"] - agent.times["guest-fsfreeze-freeze"], 1)
+
+    def test_what_the_guest_writes_as_it_freezes_is_in_the_image_and_what_it_writes_thawed_is_not(self):
+        moment = []
+        self.agent(freeze=lambda: self.write(9 * MIB, b"brought into order"),
+                   thaw=lambda: (moment.append(bytes(self.content)), self.write(13 * MIB, b"goes on")))
+        run = self.capture("a")
+        self.assertEqual((run.status, run.err), (0, b""))
+        self.check_holds("a", moment[0])
+        self.touched = {13 * MIB // BLOCK}
+        self.captured("b", "a")
 
     def test_without_an_agent_it_says_so(self):
         self.assertIn("Not frozen: no guest agent answers at", self.captured("a"))

@@ -9,7 +9,7 @@ import subprocess
 import sys
 import unittest
 
-from guest_disks import BLOCK, CHUNK, KESTRIX_VM, NOT_STORED, NO_BITMAP, GuestTest, why_no_guests
+from guest_disks import BLOCK, CHUNK, DOMAIN, KESTRIX_VM, NOT_STORED, NO_BITMAP, GuestTest, why_no_guests
 from harness import MIB
 
 RESIZED = "the disk was resized"
@@ -40,8 +40,16 @@ class Memory(GuestTest):
 
     def test_a_capture_that_fails_loses_no_change(self):
         self.write(MIB, b"before")
-        run = self.capture("none/b", "--base", "a", "--thin")
-        self.assertEqual(run.status, 1)
+        self.assertEqual(self.capture("none/b", "--base", "a", "--thin").status, 1)
+        self.check_nothing_left()
+        process = self.start_vm("capture", DOMAIN, "vda", "--out", "b", "--base", "a", "--thin")
+        end = self.stop_kestrix(process)
+        self.write(9 * MIB, b"meanwhile")
+        end(signal.SIGKILL)
+        process.communicate(timeout=60)
+        self.assertEqual(process.returncode, 1)
+        if os.path.exists(self.path("b")):  # as far as kestrix had come
+            os.unlink(self.path("b"))
         self.check_nothing_left()
         self.write(13 * MIB, b"after")
         self.captured("b", "a")

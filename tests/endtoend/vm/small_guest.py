@@ -5,10 +5,12 @@ import os
 import re
 import shutil
 import subprocess
+import tempfile
 import time
 
 import kestrix_image
 from guest_disks import Monitor
+from harness import MachineTest
 
 MODULES = ["virtio_pci", "virtio_blk", "virtio_console", "crc32c_generic", "ext4"]
 INIT = """#!/bin/busybox sh
@@ -92,14 +94,56 @@ def make_disk(folder, size):
     return disk
 
 
-class SmallGuest:
+class WholeGuestTest(MachineTest):
+    """A test that starts small guests, all of them from one `self.initrd`."""
+
+    @classmethod
+    def setUpClass(cls):
+        super().setUpClass()
+        shared = tempfile.TemporaryDirectory(prefix="kestrix-guest-")
+        cls.addClassCleanup(shared.cleanup)
+        cls.initrd = make_initrd(shared.name)
+
+
+class Line:
+    """The serial line of a small guest, in a file; a test may know that nothing comes any more."""
+
+    def __init__(self, path, hasEnded=lambda: False):
+        self.line, self.hasEnded = path, hasEnded
+        with open(path, "wb"):
+            pass
+
+    def said(self):
+        with open(self.line, encoding="utf-8", errors="replace") as file:
+            return file.read()
+
+    def wait_for(self, text, seconds=120):
+        end = time.monotonic() + seconds
+        while text not in self.said():
+            assert not self.hasEnded(), "QEMU has ended"
+            assert time.monotonic() < end, f"{text} did not come: {self.said()[-2000:]}"
+            time.sleep(0.1)
+
+    def count(self):
+        return len(re.findall("WROTE", self.said()))
+
+    def wait_until_it_writes(self):
+        """That it goes on, and without errors."""
+        seen, end = self.count(), time.monotonic() + 60
+        while self.count() < seen + 2:
+            assert time.monotonic() < end, "the guest writes no more"
+            time.sleep(0.1)
+        assert "FAILED" not in self.said(), self.said()[-2000:]
+
+
+class SmallGuest(Line):
     """On from the with on; `options` are further ones of QEMU."""
 
     def __init__(self, folder, disk, initrd, *options):
+        super().__init__(os.path.join(folder, "line"), lambda: self.process.poll() is not None)
         self.folder, self.disk, self.initrd, self.options = folder, disk, initrd, options
         self.qmp, self.agent = os.path.join(folder, "qmp"), os.path.join(folder, "agent")
         self.other = os.path.join(folder, "qmp2")  # a monitor for the test beside that of kestrix-vm
-        self.line = os.path.join(folder, "line")
         self.process = None
 
     def __enter__(self):
@@ -113,11 +157,9 @@ class SmallGuest:
                    "-blockdev", f"file,node-name=file0,filename={self.disk}",
                    "-blockdev", "qcow2,node-name=node0,file=file0,discard=unmap",
                    "-device", "virtio-blk-pci,drive=node0,id=disk0", *self.options]
-        with open(self.line, "wb"):
-            pass
         self.process = subprocess.Popen(command, stdin=subprocess.DEVNULL)
         try:
-            self.wait_for("READY", 120)
+            self.wait_for("READY")
         except BaseException:
             self.process.kill()
             self.process.wait()
@@ -135,28 +177,6 @@ class SmallGuest:
             else:
                 self.process.kill()
         self.process.wait()
-
-    def said(self):
-        with open(self.line, encoding="utf-8", errors="replace") as file:
-            return file.read()
-
-    def wait_for(self, text, seconds):
-        end = time.monotonic() + seconds
-        while text not in self.said():
-            assert self.process.poll() is None, "QEMU has ended"
-            assert time.monotonic() < end, f"{text} did not come: {self.said()[-2000:]}"
-            time.sleep(0.1)
-
-    def count(self):
-        return len(re.findall("WROTE", self.said()))
-
-    def wait_until_it_writes(self):
-        """That it goes on, and without errors."""
-        seen, end = self.count(), time.monotonic() + 60
-        while self.count() < seen + 2:
-            assert time.monotonic() < end, "the guest writes no more"
-            time.sleep(0.1)
-        assert "FAILED" not in self.said(), self.said()[-2000:]
 
 
 def file_system_of(image, folder):

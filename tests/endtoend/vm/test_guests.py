@@ -1,32 +1,25 @@
 """kestrix-vm on a whole guest that writes all the time."""
+import contextlib
 import os
 import random
 import re
 import signal
 import subprocess
-import tempfile
 import unittest
 
 import nbd
 
-from guest_disks import KESTRIX_VM, Monitor, end_process, wait_until, why_no_guests
-from harness import MIB, MachineTest, Run
+from guest_disks import KESTRIX_VM, Monitor, end_process, stop_kestrix_of, wait_until, why_no_guests
+from harness import MIB, Run, needs, why_no_mounts
 from kestrix_image import read_image
-from small_guest import SmallGuest, file_system_of, make_disk, make_initrd, why_no_guest
+from small_guest import SmallGuest, WholeGuestTest, file_system_of, make_disk, why_no_guest
 
 SIZE = 64 * MIB
 REASON = why_no_guests() or why_no_guest()
 
 
 @unittest.skipIf(REASON, REASON)
-class Guests(MachineTest):
-    @classmethod
-    def setUpClass(cls):
-        super().setUpClass()
-        cls.shared = tempfile.TemporaryDirectory(prefix="kestrix-guest-")
-        cls.addClassCleanup(cls.shared.cleanup)
-        cls.initrd = make_initrd(cls.shared.name)
-
+class Guests(WholeGuestTest):
     def setUp(self):
         super().setUp()
         self.state = os.path.join(self.folder, "state")
@@ -127,22 +120,9 @@ class Guests(MachineTest):
 
     def read_view(self, process):
         """The export's bytes, while kestrix stands still."""
-        child = []
-
-        def stopped():
-            for number in os.listdir("/proc"):
-                try:
-                    with open(f"/proc/{number}/cmdline", "rb") as file:
-                        words = file.read().split(b"\0")
-                except OSError:
-                    continue
-                if words[0].startswith(self.state.encode()) and words[1:2] == [b"capture"]:
-                    os.kill(int(number), signal.SIGSTOP)
-                    child.append(int(number))
-                    return True
-            return process.poll() is not None
-        wait_until(stopped, 60)
-        if not child:
+        try:
+            go_on = stop_kestrix_of(process, self.state)
+        except AssertionError:
             return None  # it was too quick
         try:
             run, = os.listdir(os.path.join(self.state, "run"))
@@ -152,7 +132,7 @@ class Guests(MachineTest):
             view = b"".join(connection.pread(4 * MIB, at) for at in range(0, SIZE, 4 * MIB))
             connection.shutdown()
         finally:
-            os.kill(child[0], signal.SIGCONT)
+            go_on()
         return view
 
     def test_kills_at_random_moments_leave_the_guest_running_and_no_wrong_proof(self):
@@ -176,6 +156,35 @@ class Guests(MachineTest):
                 self.check_nothing_left(guest)
                 os.replace(self.path(f"c{attempt}"), self.path("old"))
                 self.captured(guest, "base")
+
+    @needs(why_no_mounts)
+    def test_a_guest_that_was_paused_by_a_full_place_goes_on_when_the_capture_has_ended(self):
+        with self.guest() as guest:
+            self.captured(guest, "a")
+            state, self.state = self.state, self.small_file_system("150m")
+            process = self.start_capture(guest, "b", "a")
+            stop_kestrix_of(process, self.state)
+            process.send_signal(signal.SIGSTOP)  # it looks at the room that is left five times in a second
+            filler = os.path.join(self.state, "filler")
+            with contextlib.suppress(OSError), open(filler, "wb", buffering=0) as file:
+                while True:
+                    file.write(bytes(4096))
+            wait_until(lambda: self.status(guest) == "io-error", 60)
+            process.send_signal(signal.SIGCONT)
+            _, err = process.communicate(timeout=60)
+            self.assertEqual(process.returncode, 1)
+            self.assertRegex(err.decode(), "The guest was paused: a write failed|is nearly full")
+            self.assertNotEqual(self.kestrix("verify", "--in", "b").status, 0)
+            self.check_nothing_left(guest)
+            guest.wait_until_it_writes()
+            os.unlink(filler)
+            self.state = state
+            self.captured(guest, "c", "a")
+
+    @staticmethod
+    def status(guest):
+        with Monitor(guest.other) as monitor:
+            return monitor.do("query-status")["status"]
 
     def test_a_disk_of_large_sectors_is_refused(self):
         with self.guest("-blockdev", "null-co,node-name=large,size=1048576", "-device",

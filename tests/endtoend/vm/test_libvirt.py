@@ -4,16 +4,15 @@ import os
 import re
 import signal
 import subprocess
-import tempfile
 import time
 import unittest
 import uuid
 
 import own_libvirt
 from guest_disks import KESTRIX_VM, end_process, why_no_guests
-from harness import MIB, MachineTest, Run, system
+from harness import MIB, Run, system
 from kestrix_image import read_image
-from small_guest import kernel, make_disk, make_initrd, why_no_guest
+from small_guest import Line, WholeGuestTest, kernel, make_disk, why_no_guest
 
 URI = own_libvirt.URI
 own = []  # the libvirtd that was started for these tests
@@ -35,19 +34,12 @@ def tearDownModule():
         own_libvirt.end(own.pop())
 
 
-class Libvirt(MachineTest):
-    @classmethod
-    def setUpClass(cls):
-        super().setUpClass()
-        cls.shared = tempfile.TemporaryDirectory(prefix="kestrix-guest-")
-        cls.addClassCleanup(cls.shared.cleanup)
-        cls.initrd = make_initrd(cls.shared.name)
-
+class Libvirt(WholeGuestTest):
     def setUp(self):
         super().setUp()
         self.state = os.path.join(self.folder, "state")
         self.disk = make_disk(self.folder, SIZE)
-        self.line = os.path.join(self.folder, "line")
+        line = os.path.join(self.folder, "line")
         self.running = "running"
         self.name = "kestrix-" + uuid.uuid4().hex[:8]
         path = os.path.join(self.folder, "domain.xml")
@@ -58,7 +50,7 @@ class Libvirt(MachineTest):
 <devices><emulator>/usr/bin/qemu-system-x86_64</emulator>
 <disk type='file' device='disk'><driver name='qemu' type='qcow2'/><source file='{self.disk}'/>
 <target dev='vda' bus='virtio'/></disk>
-<serial type='file'><source path='{self.line}'/><target port='0'/></serial>
+<serial type='file'><source path='{line}'/><target port='0'/></serial>
 <channel type='unix'><target type='virtio' name='org.qemu.guest_agent.0'/></channel>
 <memballoon model='none'/></devices></domain>""")
         self.virsh("define", path)
@@ -73,28 +65,9 @@ class Libvirt(MachineTest):
         system("virsh", "--connect", URI, "undefine", self.name, "--checkpoints-metadata")
 
     def begin(self):
-        with open(self.line, "wb"):
-            pass
+        self.line = Line(os.path.join(self.folder, "line"))
         self.virsh("start", self.name)
-        self.wait_for("READY")
-
-    def said(self):
-        with open(self.line, encoding="utf-8", errors="replace") as file:
-            return file.read()
-
-    def wait_for(self, text, seconds=120):
-        end = time.monotonic() + seconds
-        while text not in self.said():
-            self.assertLess(time.monotonic(), end, self.said()[-2000:])
-            time.sleep(0.1)
-
-    def wait_until_it_writes(self):
-        seen = len(re.findall("WROTE", self.said()))
-        end = time.monotonic() + 60
-        while len(re.findall("WROTE", self.said())) < seen + 2:
-            self.assertLess(time.monotonic(), end, "the guest writes no more")
-            time.sleep(0.1)
-        self.assertNotIn("FAILED", self.said())
+        self.line.wait_for("READY")
 
     def start_vm(self, *words):
         process = subprocess.Popen([KESTRIX_VM, *words, "--connect", URI, "--state", self.state], cwd=self.images,
@@ -130,19 +103,19 @@ class Libvirt(MachineTest):
         self.assertIn("None", self.virsh("domjobinfo", self.name))
 
     def test_nights_are_proved_and_hold_the_disk(self):
-        self.wait_until_it_writes()
+        self.line.wait_until_it_writes()
         text = self.captured("a")
         self.assertRegex(text, r"File systems frozen: 1, for 0\.\d\d s\.")
-        self.wait_until_it_writes()
+        self.line.wait_until_it_writes()
         self.captured("b", "a")
         self.assertEqual(self.capture("none/c", "--base", "a").status, 1)
         self.check_nothing_left()
-        self.wait_until_it_writes()
+        self.line.wait_until_it_writes()
         process = self.start_capture("c", "--base", "b", "--thin")
         time.sleep(0.4)
         process.kill()
         process.communicate()
-        self.wait_until_it_writes()
+        self.line.wait_until_it_writes()
         self.captured("c", "b")
         told, = [disk for disk in json.loads(self.start_vm("disks", "--json").communicate()[0])
                  if disk["domain"] == self.name]
@@ -179,7 +152,7 @@ class Libvirt(MachineTest):
     def test_a_checkpoint_of_somebody_else_is_left_alone(self):
         self.captured("a")
         self.virsh("checkpoint-create-as", self.name, "theirs")
-        self.wait_until_it_writes()
+        self.line.wait_until_it_writes()
         self.captured("b", "a")
         self.assertIn("theirs", self.checkpoints())
 
@@ -189,12 +162,48 @@ class Libvirt(MachineTest):
         self.virsh("checkpoint-delete", self.name, name)
         self.captured("b", "a", proved=False)
 
+    def test_a_bitmap_that_somebody_has_cleared_proves_nothing(self):
+        self.captured("a")
+        for which in range(2):
+            with self.subTest(which):
+                self.line.wait_until_it_writes()
+                node, names = self.pair()
+                self.monitor("block-dirty-bitmap-clear", node=node, name=names[which])
+                self.line.wait_until_it_writes()
+                self.assertIn("Nothing is proved: somebody has cleared its bitmap, or made it anew.",
+                              self.captured("b", "a", proved=False))
+                self.captured("a")
+
+    def monitor(self, command, **arguments):
+        told = self.virsh("qemu-monitor-command", self.name, json.dumps({"execute": command, "arguments": arguments}))
+        return json.loads(told)["return"]
+
+    def pair(self):
+        """The node of the disk, and the names of its checkpoint's bitmap and of the twin."""
+        for node in self.monitor("query-named-block-nodes"):
+            names = [bitmap["name"] for bitmap in node.get("dirty-bitmaps", [])]
+            found = [name for pattern in ("kestrix-[0-9a-f]{8}", "kestrix-twin-.*") for name in names
+                     if re.fullmatch(pattern, name)]
+            if found:
+                self.assertEqual(len(found), 2, found)
+                return node["node-name"], found
+        return self.fail("no node has them")
+
+    def test_a_job_of_somebody_else_is_waited_out_by_the_user(self):
+        copy = os.path.join(self.folder, "copy")
+        self.virsh("blockcopy", self.name, "vda", copy, "--transient-job", "--format", "raw")
+        run = self.capture("a")
+        self.assertEqual((run.status, run.err), (3, b"kestrix-vm: Another job runs on vda. Capture it when that has "
+                                                 b"ended.\n"))
+        self.virsh("blockjob", self.name, "vda", "--abort")
+        self.captured("a")
+
     def test_bitmaps_outlive_a_shutdown_and_a_disk_that_was_cut_meanwhile_proves_nothing(self):
         self.captured("a")
-        self.wait_until_it_writes()
+        self.line.wait_until_it_writes()
         self.shut_off()
         self.begin()
-        self.wait_until_it_writes()
+        self.line.wait_until_it_writes()
         self.captured("b", "a")
         self.shut_off()
         self.must("qemu-img", "resize", "-q", "--shrink", self.disk, str(SIZE - 2 * MIB))
@@ -205,5 +214,6 @@ class Libvirt(MachineTest):
 
     def shut_off(self):
         self.virsh("suspend", self.name)
-        self.virsh("qemu-monitor-command", self.name, '{"execute": "quit"}')
+        # QEMU may be gone before libvirt has its answer.
+        system("virsh", "--connect", URI, "qemu-monitor-command", self.name, '{"execute": "quit"}')
         self.wait_until_off()
