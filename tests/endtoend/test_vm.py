@@ -133,6 +133,12 @@ class Refusals(GuestTest):
             with self.subTest(words):
                 self.refused(self.vm("capture", DOMAIN, *words, "--out", "a"), "usage: kestrix-vm", 2)
 
+    def test_modules_that_the_environment_names_are_not_taken(self):
+        self.file("nbd.py", b"raise SystemExit('taken')\n")
+        process = self.start_vm("disks", env={**os.environ, "PYTHONPATH": self.images})
+        _, err = process.communicate(timeout=60)
+        self.assertEqual((process.returncode, err), (0, b""))
+
     def test_a_job_of_somebody_else_is_waited_out_by_the_user(self):
         with self.monitor() as monitor:
             monitor.do("blockdev-add", driver="null-co", node_name="target", size=self.size)
