@@ -18,6 +18,8 @@ def starts(folder, kind, boots):
         assert is_uefi == ("no" if boots == "bios" else "yes")
         if boots == "secure":
             assert "Secure boot enabled" in machine.run("dmesg | grep -i 'secure boot'")
+        # A disk that fails holds up who tells the system of its devices, and the serial line is one.
+        assert machine.run("systemctl show -P JobRunningTimeoutUSec dev-ttyS0.device") == "infinity"
         assert machine.run("ip -4 -brief address | grep -v ^lo", status=1) == ""
         machine.type("poweroff")
         machine.wait_until_off()
