@@ -1,6 +1,6 @@
 // How the simulator stands between the program and the platform at link time.
 //
-// The link turns every use of NAME into REPLACEMENT(NAME), which replaced_calls.cpp defines, and REAL(NAME) into the
+// The link turns every use of NAME into REPLACEMENT(NAME), which the simulator defines, and REAL(NAME) into the
 // platform's own: on Linux the linker's wrapping of symbols does both, on Windows what windows_libraries.cmake
 // arranges. The list of names stands in replaced_calls.txt.
 #pragma once

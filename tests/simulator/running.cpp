@@ -18,11 +18,6 @@ namespace
 constexpr uintptr_t tokenMark = 0x4B58000000000000; // no address looks like that
 uintptr_t tokensMade = 0;
 
-bool IsCryptography(const std::string &name)
-{
-    return name.compare(0, 6, "BCrypt") == 0;
-}
-
 bool GivesStatus(const std::string &name)
 {
     return IsCryptography(name) || GivesHresult(name);
@@ -121,6 +116,11 @@ void SetLastError(const Call &call)
     }
 }
 } // namespace
+
+bool IsCryptography(const std::string &callName)
+{
+    return callName.compare(0, 6, "BCrypt") == 0;
+}
 
 Mode CurrentMode()
 {

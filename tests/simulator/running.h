@@ -86,6 +86,7 @@ Call MakeCall(const char *name, const std::string &object = "", const std::strin
 Outcome Perform(Call call, const std::function<Outcome(uint64_t limit)> &effect);
 // True if name is filter, or begins with it and goes on with '#' or ':'; an empty filter takes every name.
 bool IsNamed(const std::string &name, const std::string &filter);
+bool IsCryptography(const std::string &callName);
 void AddMisuse(const Call &call, const std::string &what);
 
 // A new object under a name with its number, "disk1#2"; the token is the key to give to the program.
@@ -119,7 +120,7 @@ constexpr int Signed(LONG value)
     return static_cast<int>(value);
 }
 
-// The devices of the machine, as the calls of replaced_calls.cpp see them.
+// The devices of the machine, as the replaced calls see them.
 bool IsDevicePath(const std::string &path);
 std::string DeviceObjectName(const std::string &path); // "disk1", "volume:C", "tracker", or the path itself
 Outcome OpenDevice(const std::string &path, DWORD access, DWORD share, DWORD disposition, DWORD flags, void **token);
@@ -135,5 +136,4 @@ Outcome ContinueVolumeSearch(Object &search, wchar_t *name, DWORD nameUnits);
 // COM and the snapshot service, in place before a run's first call. Their end counts what was not given back.
 void BeginService(Machine &machine);
 void EndService();
-bool GivesHresult(const std::string &callName);
 bool HasShadow(uint32_t volumeNumber); // there is a snapshot of it at this moment

@@ -63,3 +63,6 @@ struct SnapshotService {
     std::vector<Writer> writers;
     std::vector<SnapshotSet> sets; // of the latest run
 };
+
+// Whether it is a call of COM or of the service that answers with an HRESULT.
+bool GivesHresult(const std::string &callName);

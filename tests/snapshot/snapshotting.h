@@ -55,42 +55,14 @@ inline std::string LineOf(std::string line, int volume)
 // True for the calls of COM and of the snapshot service, of enumeration, and those on volumes and shadow devices.
 inline bool IsOfSnapshots(const Call &call)
 {
-    static const std::vector<std::string> names = {
-        "CoInitializeEx",
-        "CoInitializeSecurity",
-        "CoUninitialize",
-        "SysFreeString",
-        "Release",
-        "CreateVssBackupComponentsInternal",
-        "FindFirstVolumeW",
-        "FindNextVolumeW",
-        "FindVolumeClose",
-        "InitializeForBackup",
-        "SetContext",
-        "SetBackupState",
-        "GatherWriterMetadata",
-        "StartSnapshotSet",
-        "IsVolumeSupported",
-        "AddToSnapshotSet",
-        "PrepareForBackup",
-        "DoSnapshotSet",
-        "GatherWriterStatus",
-        "GetWriterStatusCount",
-        "GetWriterStatus",
-        "FreeWriterStatus",
-        "BackupComplete",
-        "AbortBackup",
-        "DeleteSnapshots",
-        "Wait",
-        "QueryStatus",
-        "GetSnapshotProperties",
-        "atexit",
-        "VssFreeSnapshotPropertiesInternal",
+    static const std::vector<std::string> others = {
+        "CoUninitialize",  "SysFreeString",   "Release", "FindFirstVolumeW",
+        "FindNextVolumeW", "FindVolumeClose", "atexit",  "VssFreeSnapshotPropertiesInternal",
         "exit hook",
     };
     const bool isOnVolume = call.object.compare(0, 7, "volume:") == 0 && call.object.compare(0, 8, "volume:C") != 0;
-    return std::find(names.begin(), names.end(), call.name) != names.end() || isOnVolume ||
-           call.object.compare(0, 7, "shadow:") == 0;
+    return GivesHresult(call.name) || std::find(others.begin(), others.end(), call.name) != others.end() ||
+           isOnVolume || call.object.compare(0, 7, "shadow:") == 0;
 }
 
 struct Snapshotting : Capturing {
