@@ -113,6 +113,10 @@ inline std::string ProgressLine(uint64_t done, uint64_t total)
     return line;
 }
 
+// Those of an image of SmallPlan.
+const std::string first = ProgressLine(4096, diskBytes);
+const std::string last = ProgressLine(10240, diskBytes);
+
 // Calls whose buffer had that length, among those of that name: such as the digests of chunks.
 inline size_t CountOfLength(const Machine &machine, const std::string &name, const std::vector<uint64_t> &lengths)
 {

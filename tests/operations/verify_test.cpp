@@ -50,8 +50,6 @@ struct Verify : OperationsTest {
     }
 };
 
-const std::string first = ProgressLine(4096, diskBytes);
-const std::string last = ProgressLine(10240, diskBytes);
 const std::string verdictOk = "Verify OK - all 3 chunks match their recorded hash.\n";
 const std::string chainLine = "  thin image: chain continues with base.kstx\n";
 

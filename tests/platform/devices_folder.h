@@ -112,3 +112,37 @@ inline void Pause()
 {
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
 }
+
+inline BOOL ReadInto(HANDLE disk, char *buffer, size_t byteCount, DWORD *moved)
+{
+    *moved = 0xEEEEEEEE;
+    SetPortError(poison);
+    return ReadFile(disk, buffer, static_cast<DWORD>(byteCount), moved, nullptr);
+}
+
+inline BOOL WriteFrom(HANDLE disk, const char *buffer, size_t byteCount, DWORD *moved)
+{
+    *moved = 0xEEEEEEEE;
+    SetPortError(poison);
+    return WriteFile(disk, buffer, static_cast<DWORD>(byteCount), moved, nullptr);
+}
+
+inline LONGLONG LengthOfDisk(HANDLE disk)
+{
+    GET_LENGTH_INFORMATION length = {};
+    DWORD moved = 0;
+    EXPECT_TRUE(
+        DeviceIoControl(disk, IOCTL_DISK_GET_LENGTH_INFO, nullptr, 0, &length, sizeof(length), &moved, nullptr));
+    EXPECT_EQ(moved, sizeof(length));
+    return length.Length.QuadPart;
+}
+
+inline DISK_GEOMETRY_EX GeometryOfDisk(HANDLE disk)
+{
+    DISK_GEOMETRY_EX geometry = {};
+    DWORD moved = 0;
+    EXPECT_TRUE(DeviceIoControl(disk, IOCTL_DISK_GET_DRIVE_GEOMETRY_EX, nullptr, 0, &geometry, sizeof(geometry), &moved,
+                                nullptr));
+    EXPECT_EQ(moved, sizeof(geometry));
+    return geometry;
+}
