@@ -78,7 +78,7 @@ endforeach()
 endtoend_suite("endtoend browsing" browse LABELS machine COST 400)
 endtoend_suite("endtoend whole guests" vm LABELS machine long COST 600)
 
-foreach(target IN ITEMS images verify tracker command_line device_socket image_check)
+foreach(target IN LISTS fuzzTargets)
   suite("fuzz inputs, ${target}" LABELS fuzz sanitized COST 10 ENVIRONMENT ${sanitizers}
         COMMAND ${other}/linux-asan/tests/fuzz_${target} tests/fuzz/seeds/${target} tests/fuzz/crashes/${target}
                 ${other}/linux-asan/vector-seeds/${target})
