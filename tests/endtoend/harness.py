@@ -8,6 +8,7 @@ The program under test is the one that the environment variable KESTRIX names, o
 """
 import atexit
 import functools
+import json
 import os
 import re
 import shutil
@@ -180,22 +181,39 @@ def needs(*reasons):
     return decorate
 
 
+@functools.lru_cache(maxsize=None)
+def sanitizer_of(path):
+    """The run-time of a sanitizer that a program is built for: asan, tsan or None."""
+    with open(path, "rb") as file:
+        content = file.read()
+    return "asan" if b"__asan_init" in content else "tsan" if b"__tsan_init" in content else None
+
+
 def is_sanitized():
     """Whether the program under test is built with sanitizers, which keep memory of their own for every byte of its."""
-    with open(PROGRAM, "rb") as file:
-        return b"__asan_init" in file.read()
+    return sanitizer_of(PROGRAM) == "asan"
 
 
-# A process of its own: the figure of a child begins with the memory of the process that it was split off from.
+# Runs a program and leaves its figures behind, in a process of its own: the figure of a child begins with the memory of
+# the process that it was split off from. The kernel's counters of a process are there until it is waited for; the
+# file that shows them must be open before the process ends, when it turns into root's. An alarm ends a run without end.
 MEASURE = """
-import os, sys
+import json, os, signal, sys
+ready, go = os.pipe()
 child = os.fork()
 if child == 0:
-    os.dup2(os.open(os.devnull, os.O_WRONLY), 1)
-    os.dup2(1, 2)
-    os.execv(sys.argv[1], sys.argv[1:])
+    os.read(ready, 1)
+    signal.alarm(int(sys.argv[2]))
+    os.execv(sys.argv[3], sys.argv[3:])
+with open(f"/proc/{child}/io", buffering=1) as file:
+    os.write(go, b"x")
+    os.waitid(os.P_PID, child, os.WEXITED | os.WNOWAIT)
+    figures = {name: int(value) for name, value in (line.split(": ") for line in file)}
 _, status, usage = os.wait4(child, 0)
-print(os.waitstatus_to_exitcode(status), usage.ru_maxrss * 1024)
+figures.update(status=os.waitstatus_to_exitcode(status), cpu=usage.ru_utime + usage.ru_stime,
+               memory=usage.ru_maxrss * 1024)
+with open(sys.argv[1], "w") as file:
+    json.dump(figures, file)
 """
 
 
@@ -349,14 +367,23 @@ class MachineTest(unittest.TestCase):
     def kestrix(self, *arguments):
         return self.start(*arguments).finish()
 
+    def measured(self, *arguments, status=0):
+        """What a run, which must end with that status, printed and took: out, err, cpu in seconds, memory in bytes that
+        it had in use at most, and the kernel's counters."""
+        self.assertTrue(os.path.isdir(self.devices))
+        figures = os.path.join(self.folder, "figures")
+        done = subprocess.run([sys.executable, "-c", MEASURE, figures, str(TIME_LIMIT), self.program, *arguments],
+                              cwd=self.images, check=True, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                              env={**SANITIZERS, **os.environ})
+        with open(figures, encoding="utf-8") as file:
+            run = json.load(file)
+        os.unlink(figures)
+        self.assertEqual(run["status"], status, arguments)
+        return {**run, "out": done.stdout.decode("utf-8", "surrogateescape"), "err": done.stderr}
+
     def peak_memory(self, *arguments, status=0):
         """The most bytes of memory that a run, which must end with that status, had in use at one time."""
-        self.assertTrue(os.path.isdir(self.devices))
-        done = subprocess.run([sys.executable, "-c", MEASURE, self.program, *arguments], cwd=self.images, check=True,
-                              stdout=subprocess.PIPE, timeout=TIME_LIMIT, env={**SANITIZERS, **os.environ})
-        ended, used = map(int, done.stdout.split())
-        self.assertEqual(ended, status, arguments)
-        return used
+        return self.measured(*arguments, status=status)["memory"]
 
     def stopped(self, *arguments, when=None, prepare=None):
         """Starts the program and stops it (SIGSTOP) while when() holds, or as soon as it has printed something. Where

@@ -1,9 +1,8 @@
 """A machine for the subcommands of kestrix-image: a disk of four chunks, and what can happen to images of it."""
 import os
-import subprocess
 
-from harness import MIB, SANITIZERS
-from image_machine import GOOD, ImageMachineTest
+from harness import MIB
+from image_machine import ImageMachineTest
 from kestrix_image import seeded_disk
 
 CHUNK = 4096
@@ -43,12 +42,3 @@ class CommandTest(ImageMachineTest):
         self.must(*mount, device, folder)
         self.addCleanup(self.must, "umount", folder)
         return folder
-
-    def usage(self, *words):
-        """What a run, which must be good, took of the system."""
-        process = subprocess.Popen([self.imageProgram, *words], cwd=self.images, stdout=subprocess.DEVNULL,
-                                   env={**SANITIZERS, **os.environ})
-        _, status, usage = os.wait4(process.pid, 0)
-        process.returncode = os.waitstatus_to_exitcode(status)
-        self.assertEqual(process.returncode, GOOD)
-        return usage

@@ -14,19 +14,16 @@ import nbd
 
 import harness
 import kestrix_image
-from harness import SANITIZERS, TIME_LIMIT, MachineTest
+from harness import SANITIZERS, TIME_LIMIT, MachineTest, sanitizer_of
 
 PLUGIN = os.environ.get("KESTRIX_NBDKIT_PLUGIN",
                         os.path.join(os.path.dirname(harness.PROGRAM), "nbdkit-kestrix-plugin.so"))
 CHUNK = 8192  # bytes, of most images that are served
 
 
-@functools.lru_cache(maxsize=None)
 def sanitizer():
-    """The run-time that the plugin was built for and nbdkit was not: asan, tsan or None."""
-    with open(PLUGIN, "rb") as file:
-        content = file.read()
-    return "asan" if b"__asan_init" in content else "tsan" if b"__tsan_init" in content else None
+    """The run-time that the plugin was built for and nbdkit was not."""
+    return sanitizer_of(PLUGIN)
 
 
 @functools.lru_cache(maxsize=None)

@@ -6,15 +6,12 @@ counted; those that the kernel counted for the process are images and shared lib
 read ahead.
 """
 import hashlib
-import json
 import os
 import random
-import subprocess
-import sys
 
 import harness
 from change_tracker import attach_to
-from harness import MIB, SANITIZERS, TIME_LIMIT, MachineTest, is_sanitized
+from harness import MIB, MachineTest, is_sanitized
 from kestrix_image import (ENTRY, FULL, HEADER, IMAGE_MAGIC, THIN, TRAILER_MAGIC, ZERO_NONCE, ZERO_SALT, ZERO_TAG,
                            Header, Trailer, decode_header, decode_table, decode_trailer, image_id, make_chain)
 from test_thin import thin_end
@@ -27,27 +24,6 @@ CHANGED = (0, 99, 100, 255, 511)  # one chunk in a hundred
 A_LITTLE = 256 * 1024  # bytes read beyond disk and tables: libraries, the driver's answer, what a sanitizer looks at
 CPU_LIMIT = 0.1  # seconds
 FIXED_MEMORY, MEMORY_PER_ENTRY = 32 * MIB, 160
-
-# Runs a program and leaves its figures behind. The kernel's counters of a process are there until it is waited for; the
-# file that shows them must be open before the process ends, when it turns into root's. An alarm ends a run without end.
-MEASURE = """
-import json, os, signal, sys
-ready, go = os.pipe()
-child = os.fork()
-if child == 0:
-    os.read(ready, 1)
-    signal.alarm(int(sys.argv[2]))
-    os.execv(sys.argv[3], sys.argv[3:])
-with open(f"/proc/{child}/io", buffering=1) as file:
-    os.write(go, b"x")
-    os.waitid(os.P_PID, child, os.WEXITED | os.WNOWAIT)
-    figures = {name: int(value) for name, value in (line.split(": ") for line in file)}
-_, status, usage = os.wait4(child, 0)
-figures.update(status=os.waitstatus_to_exitcode(status), cpu=usage.ru_utime + usage.ru_stime,
-               memory=usage.ru_maxrss * 1024)
-with open(sys.argv[1], "w") as file:
-    json.dump(figures, file)
-"""
 
 
 def digest_of_marked(length, marks):
@@ -83,18 +59,9 @@ class CostTest(MachineTest):
         super().setUp()
         self.system_disk()
 
-    def measured(self, *arguments):
-        """The run with its figures."""
-        self.assertTrue(os.path.isdir(self.devices))
-        figures = os.path.join(self.folder, "figures")
-        done = subprocess.run([sys.executable, "-c", MEASURE, figures, str(TIME_LIMIT), self.program, *arguments],
-                              cwd=self.images, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                              env={**SANITIZERS, **os.environ})
-        with open(figures, encoding="utf-8") as file:
-            run = json.load(file)
-        os.unlink(figures)
-        self.assertEqual((run["status"], done.stderr), (0, b""))
-        run["out"] = done.stdout.decode()
+    def measured(self, *arguments, status=0):
+        run = super().measured(*arguments, status=status)
+        self.assertEqual(run["err"] == b"", status == 0, run["err"])
         return run
 
     def check_memory(self, what, run, entries):

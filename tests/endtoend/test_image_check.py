@@ -127,7 +127,8 @@ class Check(CommandTest):
     def read_from_device(self, *words):
         with open(self.path("a"), "rb") as file:
             file.read()  # so that the system remembers it
-        return self.usage(*words).ru_inblock * 512
+        self.program = self.imageProgram
+        return self.measured(*words)["read_bytes"]
 
     @needs(why_no_medium)
     def test_the_medium_is_read_and_not_what_the_system_remembers_of_it(self):
