@@ -39,18 +39,17 @@ Verdicts::Verdicts(uint64_t chunkCount) : ofChunk(static_cast<size_t>(chunkCount
 
 void Verdicts::Record(uint64_t chunk, const ChunkFault &fault)
 {
-    constexpr size_t mostFaults = 255;
+    constexpr size_t mostWithWords = 1000; // files and causes make no more than half as many
     const std::lock_guard<std::mutex> lock(mutex);
-    const auto isSame = [&fault](const ChunkFault &known) {
-        return known.cause == fault.cause && known.level == fault.level && known.systemSays == fault.systemSays;
+    const auto isSame = [&](const ChunkFault &known) {
+        return known.cause == fault.cause && known.level == fault.level &&
+               (known.systemSays == fault.systemSays || faults.size() >= mostWithWords);
     };
-    size_t index = static_cast<size_t>(std::find_if(faults.begin(), faults.end(), isSame) - faults.begin());
-    if (index == faults.size() && faults.size() == mostFaults) {
-        index = mostFaults - 1; // so many kinds have no other reader than the first of them
-    } else if (index == faults.size()) {
+    const auto index = static_cast<size_t>(std::find_if(faults.begin(), faults.end(), isSame) - faults.begin());
+    if (index == faults.size()) {
         faults.push_back(fault);
     }
-    ofChunk[chunk] = static_cast<uint8_t>(index + 1);
+    ofChunk[chunk] = static_cast<uint16_t>(index + 1);
 }
 
 void Verdicts::Clear(uint64_t chunk)
@@ -116,6 +115,14 @@ std::optional<Fault> GoneMedium(const Chain &chain, const Verdicts &verdicts)
                  chain.images[last->level].facts.path + ": it can't be read any more: " + last->systemSays};
 }
 
+// Whether the chunk's seal was opened, whatever was found behind it.
+static bool HasOpenedSeal(const Chain &chain, uint64_t chunk, const std::optional<ChunkFault> &fault)
+{
+    const uint8_t level = chain.storedIn[chunk];
+    return level != storedNowhere && IsSealed(chain.images[level].facts.header) &&
+           (!fault || fault->cause == ChunkCause::WrongPlace || fault->cause == ChunkCause::Digest);
+}
+
 std::optional<Fault> ReadChunks(uint32_t threads, ChunkFeeder &feeder, Verdicts &verdicts, const ReadOne &readOne,
                                 const ReadWatch &watch)
 {
@@ -123,8 +130,12 @@ std::optional<Fault> ReadChunks(uint32_t threads, ChunkFeeder &feeder, Verdicts 
         ChunkReader reader(feeder.chain);
         uint64_t chunk = 0;
         while ((!watch.wantsMore || watch.wantsMore()) && feeder.Next(&chunk)) {
-            if (const std::optional<ChunkFault> fault = readOne(reader, chunk)) {
+            const std::optional<ChunkFault> fault = readOne(reader, chunk);
+            if (fault) {
                 verdicts.Record(chunk, *fault);
+            }
+            if (HasOpenedSeal(feeder.chain, chunk, fault)) {
+                verdicts.hasOpenedSeal = true;
             }
             watch.onBytes(LengthOfChunk(feeder.chain.Header(), chunk));
         }

@@ -3,6 +3,7 @@
 
 #include "reader/reader.h"
 
+#include <atomic>
 #include <functional>
 #include <mutex>
 #include <optional>
@@ -25,7 +26,8 @@ struct ChunkFeeder {
     uint64_t next = 0;
 };
 
-// What became of each chunk: a byte for each, in the order of the disk, and one list of the faults that occur.
+// What became of each chunk: two bytes for each, in the order of the disk, and one list of the faults that occur.
+// Beyond a thousand of them, those of one file and one cause share the system's words.
 struct Verdicts {
     explicit Verdicts(uint64_t chunkCount);
 
@@ -34,9 +36,10 @@ struct Verdicts {
     const ChunkFault *FaultOf(uint64_t chunk) const;      // null: none
     uint64_t CountBad() const;
 
-    std::vector<uint8_t> ofChunk; // 0: no fault; else one more than an index into faults
+    std::vector<uint16_t> ofChunk; // 0: no fault; else one more than an index into faults
     std::vector<ChunkFault> faults;
     std::mutex mutex;
+    std::atomic<bool> hasOpenedSeal = false; // of one chunk at least: the password is right
 };
 
 // Called for each chunk that has passed every check; reader is the thread's own.

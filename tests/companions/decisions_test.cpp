@@ -133,6 +133,24 @@ TEST(Verdicts, OfMoreKindsThanAByteHoldsAreStillAllBad)
     EXPECT_EQ(verdicts.FaultOf(7)->systemSays, "7");
 }
 
+TEST(Verdicts, OfALaterKindKeepTheirOwnFileAndCause)
+{
+    constexpr uint64_t kinds = 70000; // more than two bytes hold
+    reader::Verdicts verdicts(kinds + 2);
+    for (uint64_t i = 0; i < kinds; ++i) {
+        verdicts.Record(i, {reader::ChunkCause::Unreadable, 0, std::to_string(i)});
+    }
+    verdicts.Record(kinds, {reader::ChunkCause::Digest, 3, ""});
+    verdicts.Record(kinds + 1, {reader::ChunkCause::Unreadable, 4, "late"});
+    EXPECT_EQ(verdicts.CountBad(), kinds + 2);
+    EXPECT_EQ(verdicts.FaultOf(300)->systemSays, "300");
+    EXPECT_EQ(verdicts.FaultOf(kinds - 1)->cause, reader::ChunkCause::Unreadable);
+    EXPECT_EQ(verdicts.FaultOf(kinds)->cause, reader::ChunkCause::Digest);
+    EXPECT_EQ(verdicts.FaultOf(kinds)->level, 3);
+    EXPECT_EQ(verdicts.FaultOf(kinds + 1)->level, 4);
+    EXPECT_EQ(verdicts.FaultOf(kinds + 1)->systemSays, "late");
+}
+
 TEST(Words, ControlCharactersDoNotReachATerminal)
 {
     EXPECT_EQ(Printable("a\x1b[2J\n\x7f\xc3\xa4"), "a?[2J??\xc3\xa4");
