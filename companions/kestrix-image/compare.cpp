@@ -57,6 +57,7 @@ static void ReportSums(JsonOutput &output, const CompareRun &run)
     const uint64_t compared = ComparedBytes(run);
     const bool isEqual = differing == 0 && unknown == 0;
     output.Member("result", unreadable != 0 ? "unreadable" : isEqual ? "equal" : "different");
+    output.Member("says", unreadable != 0 ? Json(comparison.systemSays) : Json(nullptr));
     output.Member("diskBytes", diskBytes);
     output.Member("comparedBytes", compared);
     output.Member("bytesBehind", behind);
@@ -64,13 +65,17 @@ static void ReportSums(JsonOutput &output, const CompareRun &run)
         return;
     }
     const std::string name = SourceName(run.options);
-    if (isEqual && unreadable == 0) {
+    const std::string ofAll = " of " + std::to_string(comparison.states.size());
+    if (!isEqual) {
+        PrintLine(name + ": DIFFERENT from " + run.options.image + ": " + Counted(differing, "chunk") + ofAll);
+    } else if (unreadable == 0) {
         PrintLine(name + ": equal to " + run.options.image + ": " + SizeText(compared) + " compared");
     } else {
-        PrintLine(
-            name + ": DIFFERENT from " + run.options.image + ": " + Counted(differing, "chunk") + " of " +
-            std::to_string(comparison.states.size()) +
-            (unreadable == 0 ? "" : "; " + Counted(unreadable, "chunk") + " can't be read: " + comparison.systemSays));
+        PrintLine(name + ": NOT WHOLLY READ: equal to " + run.options.image +
+                  " as far as it was: " + SizeText(compared) + " compared");
+    }
+    if (unreadable != 0) {
+        PrintLine("  " + Counted(unreadable, "chunk") + ofAll + " can't be read: " + comparison.systemSays);
     }
     if (unknown != 0) {
         PrintLine("  the image has no chunks for " + Counted(unknown, "byte") + " of its disk");

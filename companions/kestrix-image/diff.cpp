@@ -45,11 +45,27 @@ static uint64_t LargerDisk(const ImageFile &a, const ImageFile &b)
     return std::max(uint64_t{a.facts.header.diskSize}, uint64_t{b.facts.header.diskSize});
 }
 
+// Why a thin image of the one can't stand on the other; empty if it can, as far as the two tell.
+static std::string WhyNotOnTheOther(const ImageFile &a, const ImageFile &b)
+{
+    const ImageHeader &left = a.facts.header;
+    const ImageHeader &right = b.facts.header;
+    if (left.diskSize != right.diskSize || a.table.size() != b.table.size()) {
+        return "their disks are not of one size";
+    }
+    if (left.sectorSize != right.sectorSize) {
+        return "their disks have sectors of " + std::to_string(left.sectorSize) + " and of " +
+               std::to_string(right.sectorSize) + " bytes";
+    }
+    return {};
+}
+
 static int ReportDifference(JsonOutput &output, const ImageFile &a, const ImageFile &b)
 {
     const ImageHeader &header = b.facts.header;
     const uint64_t chunkCount = std::max(a.table.size(), b.table.size());
-    const bool canStand = a.facts.header.diskSize == header.diskSize && a.table.size() == b.table.size();
+    const std::string whyNot = WhyNotOnTheOther(a, b);
+    const bool canStand = whyNot.empty();
     uint64_t chunks = 0;
     uint64_t bytes = 0;
     for (uint64_t i = 0; i < chunkCount; ++i) {
@@ -76,7 +92,7 @@ static int ReportDifference(JsonOutput &output, const ImageFile &a, const ImageF
         }
         PrintLine(canStand ? "  a thin image of " + b.facts.path + " on " + a.facts.path + " would have " +
                                  SizeText(thinBytes)
-                           : "  neither can stand on the other: their disks are not of one size");
+                           : "  neither can stand on the other: " + whyNot);
     }
     output.BeginList("ranges");
     RangeReport ranges(output);
