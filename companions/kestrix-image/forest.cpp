@@ -29,8 +29,10 @@ static BaseState JudgeOther(const std::vector<ImageFacts> &others, const ImageFa
     if (named == others.end()) {
         return BaseState::Unreadable;
     }
-    const bool mayBeIt = !named->hasTable || named->id == facts.trailer->basePin;
-    return named->kind == reader::FileKind::Damaged && mayBeIt ? BaseState::Damaged : BaseState::Replaced;
+    const bool isDamaged =
+        named->kind == reader::FileKind::Damaged && (!named->hasTable || named->id == facts.trailer->basePin);
+    const bool hasLostItsHead = named->kind == reader::FileKind::Unfinished; // nothing stands on what never had one
+    return isDamaged || hasLostItsHead ? BaseState::Damaged : BaseState::Replaced;
 }
 
 // From each image that stands on nothing of the folder up to the ends. Pins make a loop impossible.

@@ -93,12 +93,11 @@ static int StatusOfFile(const ImageFacts &facts)
 
 static void ReportFile(JsonOutput &output, const ImageFacts &facts)
 {
-    const bool hasHeader = facts.hasTable || facts.kind == FileKind::Damaged;
     output.Member("file", facts.path);
     output.Member("state", KindName(facts.kind));
     output.Member("fault", facts.fault ? Json(facts.fault->text) : Json(nullptr));
     output.Member("fileBytes", facts.fileBytes);
-    if (hasHeader) {
+    if (facts.hasHeader) {
         output.Member("header", HeaderJson(facts));
     }
     if (facts.hasTable) {
@@ -109,7 +108,7 @@ static void ReportFile(JsonOutput &output, const ImageFacts &facts)
 static void PrintFile(const ImageFacts &facts)
 {
     PrintLine(facts.path + ":");
-    if (facts.hasTable || facts.kind == FileKind::Damaged) {
+    if (facts.hasHeader) {
         PrintHeader(facts);
     }
     if (facts.hasTable) {

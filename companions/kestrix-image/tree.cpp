@@ -60,6 +60,12 @@ static const char *StateName(BaseState state)
     return "";
 }
 
+// Bytes missing, or too many: what check and info call damage as well.
+static bool HasOtherSize(const Node &node)
+{
+    return node.facts.bytesMissing != 0 || node.facts.bytesTooMany != 0;
+}
+
 static bool IsTooLong(const Node &node)
 {
     return node.length && *node.length > reader::mostImages;
@@ -175,6 +181,8 @@ static std::string NodeText(const std::vector<Node> &nodes, const Node &node, bo
                        SizeText(node.facts.fileBytes);
     if (node.facts.bytesMissing != 0) {
         text += ", " + Counted(node.facts.bytesMissing, "byte") + " MISSING";
+    } else if (node.facts.bytesTooMany != 0) {
+        text += ", " + Counted(node.facts.bytesTooMany, "byte") + " TOO MANY";
     }
     if (IsTooLong(node)) {
         text += "; its chain is TOO LONG: " + Counted(*node.length, "image");
@@ -253,12 +261,21 @@ static void ReportFiles(JsonOutput &output, const char *name, const std::vector<
     output.End();
 }
 
+// Whether of each file it is known on which image it stands.
+static bool IsAllKnown(const FolderContent &content)
+{
+    const auto isUnknown = [](const ImageFacts &facts) { return facts.hasStrayTrailer; };
+    return content.damaged.empty() && content.unreadable.empty() &&
+           std::none_of(content.unfinished.begin(), content.unfinished.end(), isUnknown) &&
+           std::none_of(content.nodes.begin(), content.nodes.end(),
+                        [&isUnknown](const Node &node) { return isUnknown(node.facts); });
+}
+
 static int ReportFolder(JsonOutput &output, const std::string &folder, const FolderContent &content)
 {
     const auto broken = static_cast<uint64_t>(std::count_if(content.nodes.begin(), content.nodes.end(), IsBroken));
-    const auto cut = static_cast<uint64_t>(std::count_if(
-        content.nodes.begin(), content.nodes.end(), [](const Node &node) { return node.facts.bytesMissing != 0; }));
-    const bool isGood = broken == 0 && cut == 0 && content.damaged.empty();
+    const auto misfit = static_cast<uint64_t>(std::count_if(content.nodes.begin(), content.nodes.end(), HasOtherSize));
+    const bool isGood = broken == 0 && misfit == 0 && content.damaged.empty();
     output.Member("result", !isGood ? "broken" : content.unreadable.empty() ? "whole" : "unreadable");
     output.BeginList("images");
     for (const Node &node : content.nodes) {
@@ -270,8 +287,8 @@ static int ReportFolder(JsonOutput &output, const std::string &folder, const Fol
                   (isGood ? content.unreadable.empty() ? "every chain is there"
                                                        : Counted(content.unreadable.size(), "file") + " UNREADABLE"
                           : std::to_string(broken) + " with a BROKEN chain, " +
-                                std::to_string(cut + content.damaged.size()) + " DAMAGED"));
-        PrintForest(content.nodes, content.damaged.empty() && content.unreadable.empty());
+                                std::to_string(misfit + content.damaged.size()) + " DAMAGED"));
+        PrintForest(content.nodes, IsAllKnown(content));
     }
     ReportFiles(output, "damaged", content.damaged);
     ReportFiles(output, "unreadable", content.unreadable);

@@ -2,7 +2,9 @@
 //
 // Each base is looked up beside the image, and compared with its pin as soon as it is open: a chain that was put
 // together wrongly is left at the first image that does not belong to it, and one that loops at the first file that
-// comes a second time. Keys cost time, so only those are derived without which a chunk of the disk can't be opened.
+// comes a second time. Whoever wants what is left of a chain gets the part above such an image: what that part stores
+// is as sound as ever, and its first table has the digest of every chunk. Keys cost time, so only those are derived
+// without which a chunk of the disk can't be opened.
 #include "reader/reader.h"
 
 #include <algorithm>
@@ -49,9 +51,12 @@ static bool IsSameGeometry(const ImageHeader &left, const ImageHeader &right)
 }
 
 // Opens what the last image of the chain stands on.
-static std::optional<Fault> OpenBase(Chain *chain, host::Caching caching)
+static std::optional<Fault> OpenBase(Chain *chain, const OpenOptions &options)
 {
     const ImageFacts &above = chain->images.back().facts;
+    if (above.fault) {
+        return above.fault; // its trailer, which was let pass
+    }
     const host::BasePlace place = host::FindBase(above.path, above.trailer->baseName);
     if (!place.exists) {
         return Fault{FaultKind::Damaged, above.path + ": the image that it stands on is missing: " + place.path};
@@ -65,7 +70,7 @@ static std::optional<Fault> OpenBase(Chain *chain, host::Caching caching)
         return Fault{FaultKind::Damaged, above.path + (isLoop ? ": its chain comes back to " + place.path
                                                               : ": its chain has more than 65 images")};
     }
-    Result<ImageFile> base = OpenImageFile(place.path, caching);
+    Result<ImageFile> base = OpenImageFile(place.path, options.caching, options.keepsGoing);
     if (!base) {
         return base.fault;
     }
@@ -143,15 +148,17 @@ Chain MakeAlone(ImageFile image)
 static Result<Chain> OpenImages(const std::string &path, const OpenOptions &options)
 {
     Chain chain;
-    Result<ImageFile> image = OpenImageFile(path, options.caching);
+    Result<ImageFile> image = OpenImageFile(path, options.caching, options.keepsGoing);
     if (!image) {
         return image.fault;
     }
     chain.images.push_back(std::move(*image));
-    while (!options.isAlone && IsThin(chain.images.back().facts.header)) {
-        if (std::optional<Fault> fault = OpenBase(&chain, options.caching)) {
+    while (!options.isAlone && !chain.endsBy && IsThin(chain.images.back().facts.header)) {
+        std::optional<Fault> fault = OpenBase(&chain, options);
+        if (fault && (!options.keepsGoing || fault->kind == FaultKind::Unavailable)) {
             return *fault;
         }
+        chain.endsBy = std::move(fault);
     }
     SettleChunks(&chain);
     if (std::optional<Fault> fault = DeriveKeys(&chain, options)) {

@@ -5,6 +5,7 @@
 #include "reader/reader.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 
 namespace reader
@@ -89,7 +90,7 @@ bool ZeroChunks::Has(const ImageHeader &header, const ChunkEntry &entry, uint64_
 static void Refuse(ImageFacts *facts, FileKind kind, const std::string &what)
 {
     facts->kind = kind;
-    const FaultKind faultKind = kind == FileKind::Unreadable ? FaultKind::Unavailable : FaultKind::Damaged;
+    const FaultKind faultKind = kind == FileKind::Unreadable ? FaultKind::Unreadable : FaultKind::Damaged;
     facts->fault = Fault{faultKind, facts->path + ": " + what};
 }
 
@@ -99,6 +100,39 @@ static bool IsZeros(const void *data, size_t byteCount)
     return std::all_of(bytes, bytes + byteCount, [](uint8_t byte) { return byte == 0; });
 }
 
+// Of a file whose header tells nothing, or of no base: how an image ends that stands on another one.
+static bool EndsInTrailer(const host::Source &source, uint64_t begin)
+{
+    const uint64_t room = source.sizeBytes - std::min(begin, source.sizeBytes);
+    uint32_t length = 0;
+    std::array<uint8_t, magicBytes> magic = {};
+    return room >= shortestTrailer &&
+           !host::ReadAt(source, source.sizeBytes - sizeof(length), &length, sizeof(length)) &&
+           length >= shortestTrailer && length <= std::min<uint64_t>(longestTrailer, room) &&
+           !host::ReadAt(source, source.sizeBytes - length, magic.data(), magic.size()) &&
+           memcmp(magic.data(), trailerMagic, magic.size()) == 0;
+}
+
+// Whether entries of a table follow on zeros where the header belongs. A capture writes the two last, the header first:
+// what it leaves has zeros in both, and behind them any data. The zeros may hide the first entries too, but two
+// neighbours give themselves away by their places on the disk, which are multiples of one length.
+static bool HasTableWithoutHeader(const host::Source &source)
+{
+    constexpr uint64_t mostEntries = 1024;
+    const uint64_t room = source.sizeBytes - std::min<uint64_t>(sizeof(ImageHeader), source.sizeBytes);
+    std::vector<ChunkEntry> entries(static_cast<size_t>(std::min(mostEntries, room / sizeof(ChunkEntry))));
+    if (entries.empty() || host::ReadAt(source, StartOfData(0), entries.data(), entries.size() * sizeof(ChunkEntry))) {
+        return false;
+    }
+    bool isTable = !IsZeros(&entries[0], sizeof(ChunkEntry));
+    for (uint64_t i = 1; i < entries.size(); ++i) {
+        const uint64_t step = entries[i].diskOffset / i;
+        const bool hasPlace = step != 0 && step <= UINT32_MAX && step * i == entries[i].diskOffset;
+        isTable = isTable || (i > 1 && hasPlace && entries[i - 1].diskOffset == step * (i - 1));
+    }
+    return isTable;
+}
+
 static bool ReadHeader(const host::Source &source, ImageFacts *facts)
 {
     const auto bytes = static_cast<size_t>(std::min<uint64_t>(source.sizeBytes, sizeof(facts->header)));
@@ -106,8 +140,13 @@ static bool ReadHeader(const host::Source &source, ImageFacts *facts)
         Refuse(facts, FileKind::Unreadable, "its header can't be read: " + *trouble);
         return false;
     }
+    if (IsZeros(&facts->header, bytes) && HasTableWithoutHeader(source)) {
+        Refuse(facts, FileKind::Damaged, "its header is gone: there are zeros in its place, before its chunk table");
+        return false;
+    }
     if (IsZeros(&facts->header, bytes)) {
         Refuse(facts, FileKind::Unfinished, bytes == 0 ? "it is empty" : "it has no header, as a capture leaves it");
+        facts->hasStrayTrailer = EndsInTrailer(source, sizeof(ImageHeader));
         return false;
     }
     const bool hasMagic = bytes >= magicBytes && memcmp(facts->header.magic, imageMagic, magicBytes) == 0;
@@ -116,9 +155,15 @@ static bool ReadHeader(const host::Source &source, ImageFacts *facts)
         return false;
     }
     if (!hasMagic || (facts->header.version != fullImageVersion && facts->header.version != thinImageVersion)) {
-        Refuse(facts, FileKind::Other, "it is no image of Kestrix, or of a kind that is not known here");
+        facts->hasStrayTrailer = EndsInTrailer(source, sizeof(ImageHeader));
+        if (facts->hasStrayTrailer) {
+            Refuse(facts, FileKind::Damaged, "it ends as an image that stands on another, but doesn't begin as one");
+        } else {
+            Refuse(facts, FileKind::Other, "it is no image of Kestrix, or of a kind that is not known here");
+        }
         return false;
     }
+    facts->hasHeader = true;
     const uint64_t mostEntries = std::min(longestTable, source.sizeBytes - sizeof(ImageHeader)) / sizeof(ChunkEntry);
     if (facts->header.chunkCount > mostEntries) {
         Refuse(facts, FileKind::Damaged, "its chunk table is cut off");
@@ -156,6 +201,7 @@ static bool ReadTable(const host::Source &source, ImageFacts *facts, const TakeT
     facts->kind = isZero ? FileKind::Unfinished : FileKind::Image;
     if (isZero) {
         facts->fault = Fault{FaultKind::Damaged, facts->path + ": its chunk table is empty, as a capture leaves it"};
+        facts->hasStrayTrailer = EndsInTrailer(source, facts->dataEnd);
     }
     return true;
 }
@@ -222,6 +268,7 @@ static void CompareWithSize(const host::Source &source, ImageFacts *facts)
         ReadTrailer(source, facts);
     } else {
         facts->bytesTooMany = facts->fileBytes - std::min(facts->dataEnd, facts->fileBytes);
+        facts->hasStrayTrailer = EndsInTrailer(source, facts->dataEnd);
     }
 }
 
@@ -241,7 +288,7 @@ ImageFacts ReadImageTable(const std::string &path, const TakeTable &take)
     host::Source source;
     facts.path = path;
     if (const host::Trouble trouble = host::OpenFileToRead(path, host::Caching::Cached, &source)) {
-        Refuse(&facts, FileKind::Unreadable, "it can't be opened: " + *trouble);
+        facts.fault = Fault{FaultKind::Unavailable, path + ": it can't be opened: " + *trouble};
         return facts;
     }
     ReadRegions(source, &facts, take);
@@ -302,9 +349,9 @@ Result<ImageFile> OpenImageFile(const std::string &path, host::Caching caching, 
                 [&](const ImageHeader &, const ChunkEntry *entries, uint64_t first, uint64_t count) {
                     KeepEntries(&image, &offset, entries, first, count);
                 });
-    const bool isWhole = image.facts.kind == FileKind::Image;
-    const bool isTolerated = toleratesTrailer && image.facts.kind == FileKind::Damaged && image.facts.hasTable;
-    if (!isWhole && !isTolerated) {
+    const FileKind kind = image.facts.kind;
+    const bool isTolerated = toleratesTrailer && image.facts.hasTable && kind != FileKind::Unfinished;
+    if (kind != FileKind::Image && !isTolerated) {
         return *image.facts.fault;
     }
     return image;

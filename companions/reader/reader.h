@@ -21,9 +21,10 @@
 namespace reader
 {
 
-// Damaged: the files hold what they must not, or one of them is missing. Unavailable: it can't be told, since something
-// outside of them failed: a file that doesn't open, no password, no memory.
-enum class FaultKind { Damaged, Unavailable };
+// Damaged: the files hold what they must not, or one of them is missing. Unreadable: the medium doesn't give back a
+// part without which the rest makes no sense. Unavailable: it can't be told, since something outside of them failed: a
+// file that doesn't open, no password, no memory.
+enum class FaultKind { Damaged, Unreadable, Unavailable };
 
 struct Fault {
     FaultKind kind = FaultKind::Unavailable;
@@ -58,7 +59,7 @@ struct Result {
 enum class FileKind {
     Image,      // header, table and, in a thin image, trailer can be read
     Unfinished, // empty, or nothing but zeros where the header or the whole table belongs
-    Damaged,    // it begins as an image does, and fault says what is wrong
+    Damaged,    // it begins or ends as an image does, and fault says what is wrong
     Other,      // no image
     Unreadable, // fault says why it can't be looked at
 };
@@ -79,16 +80,18 @@ struct ImageFacts {
     host::FileIdentity identity;
     uint64_t fileBytes = 0;
     // What follows is filled as far as the file was understood.
+    bool hasHeader = false; // all of it was read, and is an image's
     ImageHeader header = {};
-    bool hasTable = false; // header and whole table were read: all but trailer and the two below it are filled
+    bool hasTable = false; // header and whole table were read: all but trailer and the three below it are filled
     ImageId id = {};
     uint64_t dataEnd = 0; // file offset behind the last stored chunk, as the table has it
     uint64_t storedChunks = 0;
     uint64_t referredChunks = 0;
     uint64_t zeroChunks = 0; // of both, told by their digests; only where they were asked for
     std::optional<Trailer> trailer;
-    uint64_t bytesTooMany = 0; // behind the data area, or between it and the trailer
-    uint64_t bytesMissing = 0; // of the data area
+    uint64_t bytesTooMany = 0;    // behind the data area, or between it and the trailer
+    uint64_t bytesMissing = 0;    // of the data area
+    bool hasStrayTrailer = false; // it ends in a trailer, though its header tells of no base: it may stand on any image
 };
 
 bool IsThin(const ImageHeader &header);
@@ -144,7 +147,8 @@ struct ImageFile {
 };
 
 // Opens the file at path alone. Neither its base nor a password is asked for. With toleratesTrailer a file whose header
-// and table are whole is opened whatever stands behind them; facts.fault is then what is wrong with that.
+// and table are whole is opened whatever stands behind them, or can't be read there; facts.fault is then what is wrong
+// with that.
 Result<ImageFile> OpenImageFile(const std::string &path, host::Caching caching, bool toleratesTrailer = false);
 
 // ---- A chain: chain.cpp ----
@@ -155,14 +159,16 @@ constexpr uint8_t storedNowhere = 255;
 struct OpenOptions {
     std::string passwordFile; // empty: none was given
     host::Caching caching = host::Caching::Medium;
-    uint32_t threads = 1;   // to derive keys on
-    bool isAlone = false;   // leaves the base where it is: only what the image stores itself can be read
-    bool needsOnly = false; // of a sealed image of which nothing is needed no key is derived and no password asked for
+    uint32_t threads = 1;    // to derive keys on
+    bool isAlone = false;    // leaves the base where it is: only what the image stores itself can be read
+    bool needsOnly = false;  // of a sealed image of which nothing is needed no key is derived and no password asked for
+    bool keepsGoing = false; // the chain ends above a base that is missing, damaged or not the one that is pinned
 };
 
 struct Chain {
     std::vector<ImageFile> images; // the one that was named first, each on the one behind it
     std::vector<uint8_t> storedIn; // for each chunk the index of the image that stores it, or storedNowhere
+    std::optional<Fault> endsBy;   // what it ends by before its full image, where OpenOptions::keepsGoing let it
 
     const ImageHeader &Header() const
     {
@@ -175,7 +181,8 @@ struct Chain {
 };
 
 // Opens the image at path with all that it stands on, by name and by pin, and derives the keys of those that store what
-// it needs.
+// it needs. Where it keeps going, the header and the table of that image alone must be whole, and a base that another
+// program holds, or for which there is no handle, is a fault all the same: later it may be had.
 Result<Chain> OpenChain(const std::string &path, const OpenOptions &options);
 
 // The image as a chain of its own, its base left where it is. Its key is not derived.
