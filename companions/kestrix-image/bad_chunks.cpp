@@ -1,6 +1,8 @@
 // One sentence for each.
 #include "kestrix-image/bad_chunks.h"
 
+#include <algorithm>
+
 using reader::Chain;
 using reader::ChunkFault;
 
@@ -55,4 +57,11 @@ void ReportBadChunks(JsonOutput &output, const Chain &chain, const reader::Verdi
             PrintLine(BadChunkLine(chain, i, *fault));
         }
     }
+}
+
+bool LooksLikeAnotherPassword(const reader::Verdicts &verdicts)
+{
+    return !verdicts.hasOpenedSeal &&
+           std::any_of(verdicts.faults.begin(), verdicts.faults.end(),
+                       [](const ChunkFault &fault) { return fault.cause == reader::ChunkCause::Seal; });
 }

@@ -11,3 +11,7 @@ const char *CauseName(reader::ChunkCause cause);
 
 // Prints all of them, as members of the list that is open in output, or as lines.
 void ReportBadChunks(JsonOutput &output, const reader::Chain &chain, const reader::Verdicts &verdicts);
+
+// Whether seals were found broken, and of all that were read none opened: a wrong password looks like that.
+bool LooksLikeAnotherPassword(const reader::Verdicts &verdicts);
+constexpr char anotherPasswordText[] = "no sealed chunk opens: perhaps the password is another";

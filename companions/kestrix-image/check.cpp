@@ -41,23 +41,6 @@ static bool IsSound(const Chain &chain, const Verdicts &verdicts)
     return verdicts.CountBad() == 0 && !hasBytesTooMany && reader::UncoveredBytes(chain.Header()) == 0;
 }
 
-static bool LooksLikeAnotherPassword(const Chain &chain, const Verdicts &verdicts)
-{
-    std::optional<uint8_t> level;
-    uint64_t opened = 0;
-    for (uint64_t i = 0; i < chain.ChunkCount(); ++i) {
-        const reader::ChunkFault *fault = verdicts.FaultOf(i);
-        const bool isSealed = chain.storedIn[i] != reader::storedNowhere &&
-                              reader::IsSealed(chain.images[chain.storedIn[i]].facts.header);
-        if (fault != nullptr && fault->cause == ChunkCause::Seal) {
-            level = fault->level;
-        } else if (isSealed && fault == nullptr) {
-            ++opened;
-        }
-    }
-    return level && opened == 0;
-}
-
 static void ReportBytesTooMany(JsonOutput &output, const Chain &chain)
 {
     for (const reader::ImageFile &image : chain.images) {
@@ -106,8 +89,8 @@ static void Advise(const Chain &chain, const Verdicts &verdicts, bool ownOnly)
     if (!IsSound(chain, verdicts) && !ownOnly && VerifyAccepts(chain, verdicts)) {
         PrintLine("  kestrix verify accepts it: it looks neither at the place in an entry nor at bytes too many or "
                   "missing chunks at the disk's end");
-    } else if (LooksLikeAnotherPassword(chain, verdicts)) {
-        PrintLine("  no sealed chunk opens: perhaps the password is another");
+    } else if (LooksLikeAnotherPassword(verdicts)) {
+        PrintLine(std::string("  ") + anotherPasswordText);
     }
 }
 

@@ -3,6 +3,7 @@
 // The steps: open the chain and all that the command line names, so that no work is done for nothing; read and check
 // every chunk and write what is not zero, look for twins of the bad ones, write the map, give the files their names.
 // Only checked bytes stay in the file. Without --keep-going a chunk that stays bad ends it, and nothing is left behind.
+// With it, or with twins, a chain that can't be opened to its end serves as far as it goes.
 #include "kestrix-image/bad_chunks.h"
 #include "kestrix-image/map.h"
 #include "kestrix-image/status.h"
@@ -110,11 +111,17 @@ static bool HasTwinPlaces(const ExtractOptions &options)
     return !options.twins.empty() || options.twinDisk;
 }
 
+// Whether a bad chunk is not yet the end.
+static bool GoesOn(const ExtractOptions &options)
+{
+    return options.keepGoing || HasTwinPlaces(options);
+}
+
 static std::optional<reader::Fault> ExtractChunks(ExtractRun &run)
 {
     reader::ChunkFeeder feeder(run.chain);
     Progress progress(!run.common.quiet, run.options.image, BytesToRead(run.chain, std::nullopt));
-    const bool goesOn = run.options.keepGoing || HasTwinPlaces(run.options);
+    const bool goesOn = GoesOn(run.options);
     return ReadChunks(run.common.threads, feeder, run.verdicts,
                       [&](reader::ChunkReader &reader, uint64_t chunk) {
                           std::optional<reader::ChunkFault> fault = ExtractChunk(run, reader, chunk);
@@ -142,7 +149,8 @@ static void MakeGood(ExtractRun &run, std::vector<LostChunk> &lost, std::vector<
     for (const reader::ImageFile &image : run.chain.images) {
         run.twinPlaces.known.push_back(image.facts.identity);
     }
-    FindTwins(run.common, run.chain, run.twinPlaces, lost, notes, take, [&] { Blank(run, begin, taken); });
+    FindTwins(run.common, run.chain, run.twinPlaces, lost, notes,
+              {take, [&] { Blank(run, begin, taken); }, [&run] { return !run.isOver; }});
     for (const LostChunk &chunk : lost) {
         if (chunk.isFound) {
             run.verdicts.Clear(chunk.chunk);
@@ -155,10 +163,10 @@ static std::string MakeMap(const ExtractRun &run)
     const Chain &chain = run.chain;
     MapText map;
     for (uint64_t i = 0; i < chain.ChunkCount() && reader::LiesOnDisk(chain.Header(), i); ++i) {
-        map.Add(reader::LengthOfChunk(chain.Header(), i), run.verdicts.FaultOf(i) == nullptr ? '+' : '-');
+        map.Add(reader::LengthOfChunk(chain.Header(), i), run.verdicts.FaultOf(i) == nullptr ? '+' : '?');
     }
     if (map.endBytes < chain.Header().diskSize) {
-        map.Add(chain.Header().diskSize - map.endBytes, '?'); // the image has no chunks for the rest
+        map.Add(chain.Header().diskSize - map.endBytes, '/'); // the image has no chunks for the rest
     }
     return map.Finish();
 }
@@ -222,6 +230,9 @@ static std::optional<reader::Fault> RunExtract(ExtractRun &run, std::vector<Lost
     std::optional<reader::Fault> fault = BeginFiles(run);
     if (!fault) {
         fault = ExtractChunks(run);
+    }
+    if (LooksLikeAnotherPassword(run.verdicts)) {
+        AddSentence(notes, anotherPasswordText);
     }
     if (!fault && !run.writeTrouble && HasTwinPlaces(run.options)) {
         lost = LostChunks(run.chain, run.verdicts);
@@ -297,8 +308,8 @@ int Extract(const CommonOptions &common, const ExtractOptions &options)
     JsonOutput output(common.json);
     output.Member("image", options.image);
     output.Member("out", options.out);
-    reader::Result<Chain> chain =
-        reader::OpenChain(options.image, {common.passwordFile, common.caching, common.threads, false, true});
+    reader::Result<Chain> chain = reader::OpenChain(
+        options.image, {common.passwordFile, common.caching, common.threads, false, true, GoesOn(options)});
     if (!chain) {
         return ReportFault(output, chain.fault);
     }
@@ -309,6 +320,9 @@ int Extract(const CommonOptions &common, const ExtractOptions &options)
     ExtractRun run(common, options, *chain);
     std::vector<LostChunk> lost;
     std::vector<std::string> notes;
+    if (chain->endsBy) {
+        AddSentence(notes, chain->endsBy->text);
+    }
     if (const std::optional<reader::Fault> fault = RunExtract(run, lost, notes)) {
         return ReportFault(output, *fault);
     }

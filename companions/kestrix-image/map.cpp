@@ -21,6 +21,7 @@ void MapText::Add(uint64_t lengthBytes, char status)
         EndBlock();
         blockStatus = status;
     }
+    isWhole = isWhole && status == '+';
     endBytes += lengthBytes;
 }
 
@@ -28,7 +29,8 @@ std::string MapText::Finish()
 {
     EndBlock();
     char position[80];
-    snprintf(position, sizeof(position), "0x%08" PRIX64 "     +               1\n", endBytes);
+    snprintf(position, sizeof(position), "0x%08" PRIX64 "     %c               1\n", isWhole ? endBytes : 0,
+             isWhole ? '+' : '?');
     return std::string("# Mapfile. Created by kestrix-image\n# current_pos  current_status  current_pass\n") +
            position + "#      pos        size  status\n" + lines;
 }

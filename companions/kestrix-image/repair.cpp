@@ -16,7 +16,7 @@
 using reader::Chain;
 using reader::ImageFacts;
 
-// An image that stands on the one to be repaired, and where it looks for it.
+// An image that stands on the one to be repaired and has no other file for its base, and where it looks for it.
 struct Dependent {
     std::string file;
     std::string name;
@@ -89,18 +89,32 @@ static bool IsNamedBy(const ImageFacts &image, const host::FileIdentity &identit
     return place.exists && !host::IdentityOf(place.path, &found) && found == identity;
 }
 
-// What stands on this image under its name was made against one identity.
+// Whether the image that it was made against lies where it looks for it, in another file than the one to be repaired.
+static bool HasItsBase(const RepairRun &run, const ImageFacts &image, const std::vector<ImageFacts> &around)
+{
+    return std::any_of(around.begin(), around.end(), [&](const ImageFacts &other) {
+        return other.kind == reader::FileKind::Image && other.id == image.trailer->basePin &&
+               !(other.identity == Facts(run).identity) && IsNamedBy(image, other.identity, image.path);
+    });
+}
+
+// What stands on this image under its name was made against one identity. One that has its base in a copy waits for no
+// new file, but vouches for the table no less.
 static void AskWhatStandsOnIt(RepairRun &run, const std::vector<ImageFacts> &around)
 {
     std::vector<std::string> doubts;
+    bool isVouchedFor = false;
     for (const ImageFacts &facts : around) {
         if (facts.trailer && facts.trailer->basePin == Facts(run).id) {
-            run.stands.push_back({facts.path, facts.trailer->baseName, host::FolderOf(facts.path)});
+            isVouchedFor = true;
+            if (!HasItsBase(run, facts, around)) {
+                run.stands.push_back({facts.path, facts.trailer->baseName, host::FolderOf(facts.path)});
+            }
         } else if (facts.trailer && IsNamedBy(facts, Facts(run).identity, facts.path)) {
             doubts.push_back("its header or table is not what " + facts.path + " was made against");
         }
     }
-    if (run.stands.empty()) { // else those others were made against what had the name before
+    if (!isVouchedFor) { // else those others were made against what had the name before
         run.lacks.insert(run.lacks.end(), doubts.begin(), doubts.end());
     }
 }
@@ -210,24 +224,11 @@ static void JudgeHeader(RepairRun &run)
     }
 }
 
-// Whether what stands behind the data looks like a trailer, which only a thin image has.
-static bool EndsInTrailer(const reader::ImageFile &image)
-{
-    const ImageFacts &facts = image.facts;
-    uint32_t length = 0;
-    char magic[magicBytes] = {};
-    return facts.bytesTooMany > trailerOverhead &&
-           !host::ReadAt(image.source, facts.fileBytes - sizeof(length), &length, sizeof(length)) &&
-           length > trailerOverhead && length <= facts.bytesTooMany &&
-           !host::ReadAt(image.source, facts.fileBytes - length, magic, sizeof(magic)) &&
-           memcmp(magic, trailerMagic, sizeof(magic)) == 0;
-}
-
 static void JudgeTable(RepairRun &run, const std::vector<ImageFacts> &around)
 {
     const ImageHeader &header = Facts(run).header;
     JudgeHeader(run);
-    if (!reader::IsThin(header) && EndsInTrailer(run.chain.images[0])) {
+    if (Facts(run).hasStrayTrailer) {
         AddSentence(run.lacks, "a header that agrees with the trailer about whether it stands on another image");
     }
     for (uint64_t i = 0; i < run.chain.ChunkCount(); ++i) {
@@ -276,7 +277,12 @@ struct StoredChunkWriter {
             return false;
         }
         offset += byteCount;
-        return offset - begin < entry.storedLength || HasTag();
+        return !IsComplete() || HasTag();
+    }
+
+    bool IsComplete() const
+    {
+        return offset - begin >= entry.storedLength;
     }
 
     bool HasTag()
@@ -316,18 +322,9 @@ static std::optional<reader::Fault> CopyChunks(RepairRun &run)
                       {[&progress](uint64_t bytes) { progress.Add(bytes); }, [&run] { return !run.isOver; }});
 }
 
-static void TakeTwins(RepairRun &run)
+// isWhole: all places were searched to their end.
+static void SettleTwins(RepairRun &run, bool isWhole)
 {
-    run.lost = LostChunks(run.chain, run.verdicts);
-    std::optional<StoredChunkWriter> writer;
-    const auto take = [&](uint64_t chunk, uint64_t offset, const uint8_t *piece, size_t byteCount) {
-        if (offset == 0) {
-            writer.emplace(run, chunk);
-        }
-        return writer->Take(piece, byteCount);
-    };
-    run.twinPlaces.known = {Facts(run).identity};
-    FindTwins(run.common, run.chain, run.twinPlaces, run.lost, run.notes, take);
     for (const LostChunk &chunk : run.lost) {
         if (chunk.isFound) {
             run.verdicts.Clear(chunk.chunk);
@@ -335,10 +332,36 @@ static void TakeTwins(RepairRun &run)
             AddSentence(run.lacks, "chunk " + std::to_string(chunk.chunk) +
                                        " as it was sealed: " + NameOfPlace(run.twinPlaces, chunk.place) +
                                        " has it, but under the recorded nonce it gives another tag");
-        } else {
+        } else if (isWhole) {
             AddSentence(run.lacks, "chunk " + std::to_string(chunk.chunk) + ": no twin of it was found");
         }
     }
+}
+
+// Where no seal opened, a twin tells more: under the right password its first chunk gets the recorded tag, unless the
+// table is damaged. Without that a search through all twins would be for nothing.
+static void TakeTwins(RepairRun &run)
+{
+    run.lost = LostChunks(run.chain, run.verdicts);
+    bool isDoubted = LooksLikeAnotherPassword(run.verdicts);
+    bool isRefuted = false;
+    std::optional<StoredChunkWriter> writer;
+    const auto take = [&](uint64_t chunk, uint64_t offset, const uint8_t *piece, size_t byteCount) {
+        if (offset == 0) {
+            writer.emplace(run, chunk);
+        }
+        const bool isTaken = writer->Take(piece, byteCount);
+        isDoubted = isDoubted && !(isTaken && writer->IsComplete());
+        isRefuted = isRefuted || (isDoubted && !isTaken);
+        return isTaken;
+    };
+    run.twinPlaces.known = {Facts(run).identity};
+    FindTwins(run.common, run.chain, run.twinPlaces, run.lost, run.notes,
+              {take, nullptr, [&] { return !run.isOver && !isRefuted; }});
+    if (isDoubted) {
+        AddSentence(run.lacks, std::string("the right password: ") + anotherPasswordText);
+    }
+    SettleTwins(run, !isRefuted);
 }
 
 // ---- The file ----

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 using reader::Chain;
 
@@ -13,9 +14,14 @@ struct TwinSearch {
     const Chain &chain; // its first image is the one whose chunks are lost
     const TwinPlaces &places;
     std::vector<LostChunk> &lost;
-    const TakeTwin &take;
-    const DropTwin &drop;
+    std::vector<std::string> &notes;
+    const TwinTaker &taker;
+    Progress &progress;   // over the bytes that are lost
+    uint64_t left = 0;    // chunks that are not settled
+    bool isKnown = false; // the bad chunks of the image that is searched now are told already
 };
+
+using LostChunkIterator = std::vector<LostChunk>::iterator;
 
 static const uint8_t *DigestOf(const Chain &chain, const LostChunk &lost)
 {
@@ -27,69 +33,123 @@ static uint32_t LengthOf(const Chain &chain, const LostChunk &lost)
     return reader::LengthOfChunk(chain.Header(), lost.chunk);
 }
 
-static bool IsAllFound(const std::vector<LostChunk> &lost)
+// Found, or refused though a twin was sound: the same bytes from elsewhere would be refused as well.
+static bool IsSettled(const LostChunk &lost)
 {
-    return std::all_of(lost.begin(), lost.end(), [](const LostChunk &chunk) { return chunk.isFound; });
+    return lost.isFound || lost.place != nowhere;
 }
 
-static void SetPlace(LostChunk &lost, uint64_t place)
+static bool WantsMore(const TwinSearch &search)
+{
+    return search.left != 0 && (!search.taker.wantsMore || search.taker.wantsMore());
+}
+
+static void Settle(TwinSearch &search, LostChunk &lost, uint64_t place, bool isFound)
 {
     constexpr uint64_t highest = (uint64_t{1} << 27) - 1;
     lost.place = place & highest; // no folder has more files
+    lost.isFound = isFound;
+    --search.left;
+    search.progress.Add(LengthOf(search.chain, lost));
 }
 
 static void DropUnlessFound(const TwinSearch &search, const LostChunk &lost, uint64_t byteCount)
 {
-    if (!lost.isFound && byteCount != 0 && search.drop) {
-        search.drop();
+    if (!lost.isFound && byteCount != 0 && search.taker.drop) {
+        search.taker.drop();
     }
 }
 
-static void TakeFrom(const TwinSearch &search, reader::ChunkReader &reader, uint64_t twin, uint64_t place,
-                     LostChunk &lost, std::vector<std::string> &notes)
+// ---- In other images ----
+
+static void NoteBadTwin(TwinSearch &search, const Chain &image, uint64_t twin, const reader::ChunkFault &fault)
+{
+    if (!search.isKnown) {
+        AddSentence(search.notes, reader::DescribeChunkFault(image, twin, fault).text);
+    }
+}
+
+// Below 0: the lost chunk comes before those of that digest and length; 0: it is one of them.
+static int Compare(const Chain &chain, const LostChunk &lost, const uint8_t *digest, uint32_t length)
+{
+    const int order = memcmp(DigestOf(chain, lost), digest, digestBytes);
+    const uint32_t own = LengthOf(chain, lost);
+    return order != 0 ? order : own < length ? -1 : own == length ? 0 : 1;
+}
+
+// What is lost of that digest and length and not settled. The lost chunks lie in their order, and of equal ones those
+// that are settled come first.
+static std::pair<LostChunkIterator, LostChunkIterator> EqualChunks(const TwinSearch &search, const uint8_t *digest,
+                                                                   uint32_t length)
+{
+    const auto order = [&](const LostChunk &lost) { return Compare(search.chain, lost, digest, length); };
+    const auto first = std::partition_point(search.lost.begin(), search.lost.end(),
+                                            [&order](const LostChunk &lost) { return order(lost) < 0; });
+    const auto last =
+        std::partition_point(first, search.lost.end(), [&order](const LostChunk &lost) { return order(lost) == 0; });
+    return {std::partition_point(first, last, IsSettled), last};
+}
+
+// A chunk that fits into the reader's buffer comes in one piece, which serves all that are equal.
+static void TakeWhole(TwinSearch &search, reader::ChunkReader &reader, uint64_t twin, uint64_t place,
+                      LostChunkIterator first, LostChunkIterator last)
+{
+    const auto takeForAll = [&](const uint8_t *piece, size_t byteCount) {
+        for (auto lost = first; lost != last && WantsMore(search); ++lost) {
+            Settle(search, *lost, place, search.taker.take(lost->chunk, 0, piece, byteCount));
+            DropUnlessFound(search, *lost, byteCount);
+        }
+        return true;
+    };
+    if (const std::optional<reader::ChunkFault> fault = reader.Read(twin, takeForAll)) {
+        NoteBadTwin(search, reader.chain, twin, *fault);
+    }
+}
+
+// False: the twin is no good.
+static bool TakeInPieces(TwinSearch &search, reader::ChunkReader &reader, uint64_t twin, uint64_t place,
+                         LostChunk &lost)
 {
     uint64_t offset = 0;
     bool isTaken = true;
     const auto takePiece = [&](const uint8_t *piece, size_t byteCount) {
-        isTaken = search.take(lost.chunk, offset, piece, byteCount);
+        isTaken = search.taker.take(lost.chunk, offset, piece, byteCount);
         offset += byteCount;
         return isTaken;
     };
-    if (const std::optional<reader::ChunkFault> fault = reader.Read(twin, takePiece)) {
-        AddSentence(notes, reader::DescribeChunkFault(reader.chain, twin, *fault).text);
+    const std::optional<reader::ChunkFault> fault = reader.Read(twin, takePiece);
+    if (fault) {
+        NoteBadTwin(search, reader.chain, twin, *fault);
     } else {
-        SetPlace(lost, place);
-        lost.isFound = isTaken && offset == LengthOf(search.chain, lost);
+        Settle(search, lost, place, isTaken && offset == LengthOf(search.chain, lost));
     }
     DropUnlessFound(search, lost, offset);
+    return !fault;
 }
 
-// The lost chunks lie in the order of their digests.
-static void SearchImage(const TwinSearch &search, const Chain &image, uint64_t place, std::vector<std::string> &notes,
-                        const std::function<bool()> &prepareKey)
+static void SearchImage(TwinSearch &search, const Chain &image, uint64_t place, const std::function<bool()> &prepareKey)
 {
     std::optional<reader::ChunkReader> reader;
-    for (uint64_t twin = 0; twin < image.ChunkCount(); ++twin) {
+    for (uint64_t twin = 0; twin < image.ChunkCount() && WantsMore(search); ++twin) {
         const ChunkEntry &entry = image.images[0].table[twin];
-        const auto order = [&search](const LostChunk &lost, const uint8_t *wanted) {
-            return memcmp(DigestOf(search.chain, lost), wanted, sizeof(entry.hash)) < 0;
-        };
-        auto candidate = std::lower_bound(search.lost.begin(), search.lost.end(), entry.hash, order);
-        for (; candidate != search.lost.end() &&
-               memcmp(DigestOf(search.chain, *candidate), entry.hash, sizeof(entry.hash)) == 0;
-             ++candidate) {
-            if (entry.storedLength == 0 || candidate->isFound ||
-                LengthOf(search.chain, *candidate) != reader::LengthOfChunk(image.Header(), twin)) {
-                continue;
+        const uint32_t length = reader::LengthOfChunk(image.Header(), twin);
+        auto [first, last] = EqualChunks(search, entry.hash, length);
+        if (entry.storedLength == 0 || first == last) {
+            continue;
+        }
+        if (!reader) {
+            if (!prepareKey()) {
+                return;
             }
-            if (!reader) {
-                if (!prepareKey()) {
-                    return;
-                }
-                reader.emplace(image);
-                reader->ignoresPlace = true;
-            }
-            TakeFrom(search, *reader, twin, place, *candidate, notes);
+            reader.emplace(image);
+            reader->ignoresPlace = true;
+        }
+        if (length <= reader->bufferBytes) {
+            TakeWhole(search, *reader, twin, place, first, last);
+            continue;
+        }
+        while (first != last && WantsMore(search) && TakeInPieces(search, *reader, twin, place, *first)) {
+            ++first;
         }
     }
 }
@@ -109,18 +169,18 @@ static std::optional<reader::Fault> PrepareKey(const CommonOptions &common, read
     return reader::DeriveImageKey(image, *password);
 }
 
-static void SearchFolder(const TwinSearch &search, std::vector<std::string> &notes)
+static void SearchFolder(TwinSearch &search)
 {
     std::sort(search.lost.begin(), search.lost.end(), [&search](const LostChunk &left, const LostChunk &right) {
-        return memcmp(DigestOf(search.chain, left), DigestOf(search.chain, right), sizeof(ChunkEntry::hash)) < 0;
+        return Compare(search.chain, left, DigestOf(search.chain, right), LengthOf(search.chain, right)) < 0;
     });
     std::optional<std::string> password;
-    for (size_t i = 0; i < search.places.names.size() && !IsAllFound(search.lost); ++i) {
+    for (size_t i = 0; i < search.places.names.size() && WantsMore(search); ++i) {
         reader::Result<reader::ImageFile> image =
             reader::OpenImageFile(NameOfPlace(search.places, firstFile + i), search.common.caching, true);
         if (!image) { // no image, or one whose table can't be trusted, unless it could not be looked at
-            if (image.fault.kind == reader::FaultKind::Unavailable) {
-                AddSentence(notes, image.fault.text);
+            if (image.fault.kind != reader::FaultKind::Damaged) {
+                AddSentence(search.notes, image.fault.text);
             }
             continue;
         }
@@ -128,23 +188,23 @@ static void SearchFolder(const TwinSearch &search, std::vector<std::string> &not
         const auto prepareKey = [&] {
             const std::optional<reader::Fault> fault = PrepareKey(search.common, &alone.images[0], &password);
             if (fault) {
-                AddSentence(notes, fault->text);
+                AddSentence(search.notes, fault->text);
             }
             return !fault;
         };
         const auto &known = search.places.known;
-        const bool isKnown = std::find(known.begin(), known.end(), alone.images[0].facts.identity) != known.end();
-        std::vector<std::string> toldAlready;
-        SearchImage(search, alone, firstFile + i, isKnown ? toldAlready : notes, prepareKey);
+        search.isKnown = std::find(known.begin(), known.end(), alone.images[0].facts.identity) != known.end();
+        SearchImage(search, alone, firstFile + i, prepareKey);
     }
     std::sort(search.lost.begin(), search.lost.end(),
               [](const LostChunk &left, const LostChunk &right) { return left.chunk < right.chunk; });
 }
 
+// ---- On a disk ----
+
 // One pass over a lost chunk's place on the disk. See, if given, looks at each piece as it comes, and ends the pass by
 // false. Whether the bytes had the chunk's digest.
-static bool ReadFromDisk(const TwinSearch &search, const LostChunk &lost, uint8_t *buffer,
-                         std::vector<std::string> &notes, const reader::TakePiece &see)
+static bool ReadFromDisk(const TwinSearch &search, const LostChunk &lost, uint8_t *buffer, const reader::TakePiece &see)
 {
     const uint64_t begin = lost.chunk * uint64_t{search.chain.Header().chunkSize};
     const uint64_t length = LengthOf(search.chain, lost);
@@ -152,8 +212,8 @@ static bool ReadFromDisk(const TwinSearch &search, const LostChunk &lost, uint8_
     for (uint64_t done = 0; done < length;) {
         const size_t piece = std::min<uint64_t>(reader::largestBuffer, length - done);
         if (const host::Trouble trouble = host::ReadAt(search.places.disk, begin + done, buffer, piece)) {
-            AddSentence(notes, search.places.diskName + ": the place of chunk " + std::to_string(lost.chunk) +
-                                   " can't be read: " + *trouble);
+            AddSentence(search.notes, search.places.diskName + ": the place of chunk " + std::to_string(lost.chunk) +
+                                          " can't be read: " + *trouble);
             return false;
         }
         digesting.Add(buffer, piece);
@@ -167,28 +227,26 @@ static bool ReadFromDisk(const TwinSearch &search, const LostChunk &lost, uint8_
 
 // A disk may change between two reads: what fits into the buffer is read once, and of what doesn't the second reading
 // has to have the digest too.
-static void TakeFromDisk(const TwinSearch &search, uint8_t *buffer, LostChunk &lost, std::vector<std::string> &notes)
+static void TakeFromDisk(TwinSearch &search, uint8_t *buffer, LostChunk &lost)
 {
-    if (!ReadFromDisk(search, lost, buffer, notes, nullptr)) {
+    if (!ReadFromDisk(search, lost, buffer, nullptr)) {
         return;
     }
     const uint32_t length = LengthOf(search.chain, lost);
     if (length <= reader::largestBuffer) {
-        SetPlace(lost, onDisk);
-        lost.isFound = search.take(lost.chunk, 0, buffer, length);
+        Settle(search, lost, onDisk, search.taker.take(lost.chunk, 0, buffer, length));
         DropUnlessFound(search, lost, length);
         return;
     }
     uint64_t offset = 0;
     bool isTaken = true;
-    const bool isSame = ReadFromDisk(search, lost, buffer, notes, [&](const uint8_t *piece, size_t byteCount) {
-        isTaken = search.take(lost.chunk, offset, piece, byteCount);
+    const bool isSame = ReadFromDisk(search, lost, buffer, [&](const uint8_t *piece, size_t byteCount) {
+        isTaken = search.taker.take(lost.chunk, offset, piece, byteCount);
         offset += byteCount;
         return isTaken;
     });
     if (isSame || !isTaken) {
-        SetPlace(lost, onDisk);
-        lost.isFound = isSame;
+        Settle(search, lost, onDisk, isSame);
     }
     DropUnlessFound(search, lost, offset);
 }
@@ -233,19 +291,35 @@ std::optional<reader::Fault> OpenTwinPlaces(const CommonOptions &common, const s
     return {};
 }
 
-void FindTwins(const CommonOptions &common, const Chain &chain, const TwinPlaces &places, std::vector<LostChunk> &lost,
-               std::vector<std::string> &notes, const TakeTwin &take, const DropTwin &drop)
+static void SearchDisk(TwinSearch &search)
 {
-    const TwinSearch search = {common, chain, places, lost, take, drop};
-    SearchFolder(search, notes);
-    if (places.diskName.empty() || IsAllFound(lost)) {
-        return;
-    }
     const host::Pages buffer = host::MakePages(reader::largestBuffer);
-    for (LostChunk &chunk : lost) {
-        if (!chunk.isFound) {
-            TakeFromDisk(search, buffer.get(), chunk, notes);
+    for (LostChunk &chunk : search.lost) {
+        if (!WantsMore(search)) {
+            return;
         }
+        if (IsSettled(chunk)) {
+            continue;
+        }
+        TakeFromDisk(search, buffer.get(), chunk);
+        if (!IsSettled(chunk)) {
+            search.progress.Add(LengthOf(search.chain, chunk));
+        }
+    }
+}
+
+void FindTwins(const CommonOptions &common, const Chain &chain, const TwinPlaces &places, std::vector<LostChunk> &lost,
+               std::vector<std::string> &notes, const TwinTaker &taker)
+{
+    uint64_t lostBytes = 0;
+    for (const LostChunk &chunk : lost) {
+        lostBytes += LengthOf(chain, chunk);
+    }
+    Progress progress(!common.quiet, "twins of what is bad", lostBytes);
+    TwinSearch search = {common, chain, places, lost, notes, taker, progress, lost.size()};
+    SearchFolder(search);
+    if (!places.diskName.empty() && WantsMore(search)) {
+        SearchDisk(search);
     }
 }
 

@@ -45,14 +45,18 @@ std::optional<reader::Fault> OpenTwinPlaces(const CommonOptions &common, const s
 // and may come anew from another place. False: this chunk can't be made good, and no more of it is wanted.
 using TakeTwin = std::function<bool(uint64_t chunk, uint64_t offset, const uint8_t *piece, size_t byteCount)>;
 
-// Told that what was taken of the chunk whose pieces came last counts for nothing.
-using DropTwin = std::function<void()>;
+// Who takes what is found.
+struct TwinTaker {
+    TakeTwin take;
+    std::function<void()> drop = nullptr;      // told that what was taken of the chunk whose pieces came last is void
+    std::function<bool()> wantsMore = nullptr; // asked before each chunk, if given; false ends the search
+};
 
-// Looks for each of the lost chunks of the chain's first image until it is found; marks those that take has got whole.
-// Notes tells of all that could not be looked at or taken.
+// Looks for each of the lost chunks of the chain's first image until it is found, or a sound twin of it was refused;
+// marks those that the taker has got whole. A twin is read once for all chunks that are equal, but for chunks larger
+// than a buffer. Shows progress over their bytes. Notes tells of all that could not be looked at or taken.
 void FindTwins(const CommonOptions &common, const reader::Chain &chain, const TwinPlaces &places,
-               std::vector<LostChunk> &lost, std::vector<std::string> &notes, const TakeTwin &take,
-               const DropTwin &drop = nullptr);
+               std::vector<LostChunk> &lost, std::vector<std::string> &notes, const TwinTaker &taker);
 
 // Says of each chunk that was found where its twin lies.
 void ReportTwins(JsonOutput &output, const TwinPlaces &places, const std::vector<LostChunk> &lost);

@@ -86,15 +86,27 @@ TEST(Map, PutsNeighboursOfOneStatusIntoOneBlock)
     MapText map;
     map.Add(0x1000, '+');
     map.Add(0x1000, '+');
-    map.Add(0x200, '-');
-    map.Add(1, '?');
+    map.Add(0x200, '?');
+    map.Add(1, '/');
     EXPECT_EQ(map.Finish(), "# Mapfile. Created by kestrix-image\n"
                             "# current_pos  current_status  current_pass\n"
-                            "0x00002201     +               1\n"
+                            "0x00000000     ?               1\n"
                             "#      pos        size  status\n"
                             "0x00000000  0x00002000  +\n"
-                            "0x00002000  0x00000200  -\n"
-                            "0x00002200  0x00000001  ?\n");
+                            "0x00002000  0x00000200  ?\n"
+                            "0x00002200  0x00000001  /\n");
+}
+
+TEST(Map, OfAWholeDiskIsFinished)
+{
+    MapText map;
+    map.Add(0x1000, '+');
+    map.Add(0x1000, '+');
+    EXPECT_EQ(map.Finish(), "# Mapfile. Created by kestrix-image\n"
+                            "# current_pos  current_status  current_pass\n"
+                            "0x00002000     +               1\n"
+                            "#      pos        size  status\n"
+                            "0x00000000  0x00002000  +\n");
 }
 
 TEST(Feeder, GivesEachChunkOnceTheDeepestImageFirstAndEachInFileOrder)

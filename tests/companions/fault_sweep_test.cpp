@@ -423,7 +423,7 @@ TEST_F(KestrixImageSweeps, WhatADiskGivesIsTakenOnlyAsItWasChecked)
             WriteBytes("disk.raw", Bytes(length, 7));
             return true;
         };
-        FindTwins({}, chain, places, lost, notes, take, [&dropped] { ++dropped; });
+        FindTwins({}, chain, places, lost, notes, {take, [&dropped] { ++dropped; }});
         EXPECT_EQ(CallsCounted(), length == chunkBytes ? 1U : 4U);
         EXPECT_EQ(lost[0].isFound, length == chunkBytes);
         EXPECT_EQ(taken == content, lost[0].isFound);

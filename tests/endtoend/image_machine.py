@@ -1,14 +1,21 @@
 """A machine with kestrix-image beside kestrix, in one folder and with the same disks."""
 import atexit
+import fcntl
 import functools
 import json
 import os
+import pty
 import shutil
+import signal
+import struct
+import subprocess
 import tempfile
+import termios
+import time
 
 import jsonschema
 
-from harness import PROGRAM, ROOT, MachineTest, Started
+from harness import PROGRAM, ROOT, SANITIZERS, TIME_LIMIT, MachineTest, Started
 
 IMAGE_PROGRAM = os.path.join(os.path.dirname(PROGRAM), "kestrix-image")
 GOOD, FOUND, COMMAND_LINE, IMPOSSIBLE = range(4)  # the exit statuses
@@ -30,6 +37,15 @@ def image_program_copy():
     folder = tempfile.mkdtemp(prefix="kestrix-image-program-")
     atexit.register(shutil.rmtree, folder, ignore_errors=True)
     return shutil.copy2(IMAGE_PROGRAM, os.path.join(folder, "kestrix-image"))
+
+
+@functools.lru_cache(maxsize=None)
+def why_no_medium():
+    """Files in memory are read from no device."""
+    with tempfile.TemporaryDirectory(prefix="kestrix-medium-") as folder:
+        kind = subprocess.run(["stat", "--file-system", "--format=%T", folder], stdout=subprocess.PIPE, text=True,
+                              check=True).stdout.strip()
+        return "the tests' files lie in memory" if kind in ("tmpfs", "ramfs") else None
 
 
 class ImageMachineTest(MachineTest):
@@ -65,3 +81,24 @@ class ImageMachineTest(MachineTest):
         image, = said["images"]
         self.assertEqual(status, {"sound": GOOD, "damaged": FOUND, "impossible": IMPOSSIBLE}[image["verdict"]])
         return image
+
+    def run_on_terminal(self, stopAfter, *words):
+        """What a run, held up for a moment, shows on a terminal of 80 columns."""
+        master, slave = pty.openpty()
+        fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("HHHH", 24, 80, 0, 0))
+        process = subprocess.Popen([self.imageProgram, *words], cwd=self.images, stdin=subprocess.DEVNULL,
+                                   stdout=subprocess.DEVNULL, stderr=slave, env={**SANITIZERS, **os.environ})
+        os.close(slave)
+        time.sleep(stopAfter)
+        process.send_signal(signal.SIGSTOP)
+        time.sleep(0.3)  # longer than the bar waits
+        process.send_signal(signal.SIGCONT)
+        shown = b""
+        try:
+            while piece := os.read(master, 4096):
+                shown += piece
+        except OSError:  # how the end of a terminal is told
+            pass
+        os.close(master)
+        self.assertEqual(process.wait(TIME_LIMIT), GOOD)
+        return shown.decode()

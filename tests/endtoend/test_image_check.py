@@ -1,24 +1,12 @@
 """kestrix-image check, on files of the independent writer: what it reads, finds and needs."""
 import fcntl
-import functools
 import os
 import shutil
-import subprocess
-import tempfile
 
 from harness import MIB, is_sanitized, needs
 from image_commands import CHUNK, TABLE, CommandTest
-from image_machine import FOUND, GOOD, IMPOSSIBLE
+from image_machine import FOUND, GOOD, IMPOSSIBLE, why_no_medium
 from kestrix_image import make_chain, seeded_disk
-
-
-@functools.lru_cache(maxsize=None)
-def why_no_medium():
-    """Files in memory are read from no device."""
-    with tempfile.TemporaryDirectory(prefix="kestrix-medium-") as folder:
-        kind = subprocess.run(["stat", "--file-system", "--format=%T", folder], stdout=subprocess.PIPE, text=True,
-                              check=True).stdout.strip()
-        return "the tests' files lie in memory" if kind in ("tmpfs", "ramfs") else None
 
 
 class Check(CommandTest):

@@ -1,16 +1,11 @@
 """kestrix-image: its command line, what it tells of files and folders, and its progress bar."""
 import fcntl
 import os
-import pty
 import re
 import resource
-import signal
-import struct
 import subprocess
-import termios
-import time
 
-from harness import KIB, MIB, SANITIZERS, TIME_LIMIT
+from harness import KIB, MIB
 from image_commands import CHUNK, TABLE, CommandTest
 from image_machine import COMMAND_LINE, FOUND, GOOD, IMPOSSIBLE
 from kestrix_image import make_chain
@@ -214,27 +209,6 @@ class Tree(CommandTest):
 
 
 class ProgressBar(CommandTest):
-    def run_on_terminal(self, stopAfter, *words):
-        """What a run, held up for a moment, shows on a terminal of 80 columns."""
-        master, slave = pty.openpty()
-        fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("HHHH", 24, 80, 0, 0))
-        process = subprocess.Popen([self.imageProgram, *words], cwd=self.images, stdin=subprocess.DEVNULL,
-                                   stdout=subprocess.DEVNULL, stderr=slave, env={**SANITIZERS, **os.environ})
-        os.close(slave)
-        time.sleep(stopAfter)
-        process.send_signal(signal.SIGSTOP)
-        time.sleep(0.3)  # longer than the bar waits
-        process.send_signal(signal.SIGCONT)
-        shown = b""
-        try:
-            while piece := os.read(master, 4096):
-                shown += piece
-        except OSError:  # how the end of a terminal is told
-            pass
-        os.close(master)
-        self.assertEqual(process.wait(TIME_LIMIT), GOOD)
-        return shown.decode()
-
     def seen(self, *words):
         for attempt in range(60):
             shown = self.run_on_terminal(0.002 * attempt, *words)

@@ -50,7 +50,7 @@ class Extract(CommandTest):
         self.assertEqual((status, said["result"]), (FOUND, "holes"))
         self.assertEqual(self.file_bytes("o"), self.content[:CHUNK] + bytes(CHUNK) + self.content[2 * CHUNK:])
         self.must("ddrescuelog", "--show-status", self.path("m"))
-        blocks = self.must("ddrescuelog", "--list-blocks=-", f"--block-size={CHUNK}", self.path("m"))
+        blocks = self.must("ddrescuelog", "--list-blocks=?", f"--block-size={CHUNK}", self.path("m"))
         self.assertEqual(blocks.split(), ["1"])
 
     def test_ddrescue_fills_the_hole_from_the_disk(self):
