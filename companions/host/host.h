@@ -309,6 +309,9 @@ bool NameIsFree(const std::string &path);
 // Gives the file at from the name to, in the same folder, and brings that to the disk. Never replaces.
 [[nodiscard]] Trouble GiveFinalName(const std::string &from, const std::string &to);
 
+// The same, but what has the name gives way, in one step.
+[[nodiscard]] Trouble GiveNameInPlaceOf(const std::string &from, const std::string &to);
+
 // Takes the name away, and brings that to the disk. A name that nothing has is no trouble.
 [[nodiscard]] Trouble RemoveName(const std::string &path);
 

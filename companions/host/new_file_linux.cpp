@@ -249,6 +249,14 @@ Trouble GiveFinalName(const std::string &from, const std::string &to)
     return SyncFolderOf(to);
 }
 
+Trouble GiveNameInPlaceOf(const std::string &from, const std::string &to)
+{
+    if (rename(from.c_str(), to.c_str()) != 0) {
+        return SystemText(errno);
+    }
+    return SyncFolderOf(to);
+}
+
 Trouble RemoveName(const std::string &path)
 {
     if (unlink(path.c_str()) != 0 && errno != ENOENT) {

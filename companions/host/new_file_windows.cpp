@@ -130,12 +130,22 @@ void RemoveFinishedFile(const NewFile &file)
     DeleteFileW(Widen(file.path).c_str());
 }
 
-Trouble GiveFinalName(const std::string &from, const std::string &to)
+static Trouble Move(const std::string &from, const std::string &to, DWORD flags)
 {
-    if (!MoveFileExW(Widen(from).c_str(), Widen(to).c_str(), MOVEFILE_WRITE_THROUGH)) {
+    if (!MoveFileExW(Widen(from).c_str(), Widen(to).c_str(), MOVEFILE_WRITE_THROUGH | flags)) {
         return SystemText(GetLastError());
     }
     return {};
+}
+
+Trouble GiveFinalName(const std::string &from, const std::string &to)
+{
+    return Move(from, to, 0);
+}
+
+Trouble GiveNameInPlaceOf(const std::string &from, const std::string &to)
+{
+    return Move(from, to, MOVEFILE_REPLACE_EXISTING);
 }
 
 Trouble RemoveName(const std::string &path)

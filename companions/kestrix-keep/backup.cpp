@@ -782,28 +782,62 @@ static bool IsSameFolder(const std::string &left, const std::string &right)
            (!host::IdentityOf(left, &first) && !host::IdentityOf(right, &second) && first == second);
 }
 
-// Where a folder of copies lay before: an unmounted disk leaves a folder of the same name. Where it lies now is learnt
-// of when it has got its copies.
+static bool IsOneOf(const std::vector<FileSystemName> &names, const host::FileSystemFacts &facts)
+{
+    return std::any_of(names.begin(), names.end(), [&facts](const FileSystemName &name) {
+        return name.uuid.empty() ? name.source == facts.source : name.uuid == facts.uuid;
+    });
+}
+
+// How to go on where another file system than before is meant.
+static std::string MustBeText(const host::FileSystemFacts &facts)
+{
+    const std::string value = facts.uuid.empty() ? "source:" + facts.source : "uuid:" + facts.uuid;
+    return facts.uuid.empty() && facts.source.empty()
+               ? std::string()
+               : " If what is mounted there now is meant, let the place's must-be name it: must-be = \"" + value +
+                     "\", or a list of all that take turns";
+}
+
+// An unmounted disk leaves a folder of the same name, so that a place lies where it must, or else where it lay before.
+// Where it lies now is learnt of when it has got its copies.
 static bool LiesWhereItDid(Run &run, const CopyPlace &place, const std::string &name, std::string *liesOn)
 {
     host::FileSystemFacts there;
     host::FileSystemFacts here;
-    if (!place.rclone.empty() || host::FileSystemOf(place.folder, &there) ||
-        host::FileSystemOf(run.job.folder, &here)) {
+    if (!place.rclone.empty() || host::FileSystemOf(place.folder, &there)) {
         return true; // what stands in the way is told when it is listed
     }
+    Json &memory = run.folder.memory.places[name];
     const std::string fileSystem = there.uuid.empty() ? there.source : there.uuid;
+    const Json known = memory.value("fileSystem", Json());
+    const bool isAnother = known.is_string() && known != fileSystem;
     *liesOn = fileSystem;
-    const Json known = run.folder.memory.places[name].value("fileSystem", Json());
-    if (known.is_string() && known != fileSystem) {
-        Warn(run, name + ": it lies on " + fileSystem + ", and lay on " + known.get<std::string>() +
-                      " when it was copied to last: is its disk mounted?");
+    if (place.mustBe.empty() ? isAnother : !IsOneOf(place.mustBe, there)) {
+        Warn(run, name + ": it lies on " + (fileSystem.empty() ? "an unknown file system" : fileSystem) +
+                      (place.mustBe.empty() ? ", and lay on " + known.get<std::string>() + " when it was copied to last"
+                                            : std::string(", which its must-be does not name")) +
+                      ": is its disk mounted?" + MustBeText(there));
         return false;
     }
-    if (there.source == here.source && there.uuid == here.uuid) {
+    if (isAnother) { // of disks that take turns each has copies of its own, to which nothing applies that is remembered
+        memory = {{"completeAt", memory.value("completeAt", Json(0))}, {"fileSystem", fileSystem}};
+    }
+    if (!host::FileSystemOf(run.job.folder, &here) && there.source == here.source && there.uuid == here.uuid) {
         Warn(run, name + ": it lies on the same file system as the images themselves, and is lost with them");
     }
     return true;
+}
+
+// What was found damaged while it was copied is known from then on, as what any other check found.
+static void KeepWhatIsBad(Run &run, const BadImage &bad)
+{
+    if (!bad.isDamaged) {
+        KeepUnread(run, bad.index, bad.what);
+        return;
+    }
+    KeepDamage(run, bad.index, bad.what);
+    Fail(run, bad.what);
 }
 
 static void MakeCopies(Run &run)
@@ -827,6 +861,9 @@ static void MakeCopies(Run &run)
                         [&run](const std::string &line) { Say(run, line); }});
         for (const std::string &note : outcome.notes) {
             Warn(run, note);
+        }
+        for (const BadImage &bad : outcome.bad) {
+            KeepWhatIsBad(run, bad);
         }
         if (outcome.failure.empty()) {
             run.folder.memory.places[name]["completeAt"] = TimeNow(run);

@@ -409,7 +409,7 @@ static const KnownKeys &CheckKeys()
 
 static const KnownKeys &CopyKeys()
 {
-    static const KnownKeys known = {"a place in copies", {"to", "plain-ok", "keep"}};
+    static const KnownKeys known = {"a place in copies", {"to", "must-be", "plain-ok", "keep"}};
     return known;
 }
 
@@ -797,14 +797,14 @@ static void ReadWhatToImage(Reading &reading, const Value &table, Job &job)
     }
 }
 
-static void ReadFolderMustBe(Reading &reading, const Value &value, Job &job)
+static FileSystemName ReadFileSystem(Reading &reading, const Value &value)
 {
     const std::string text = TextOf(reading, value);
-    job.fileSystemUuid = Behind("uuid:", text).value_or("");
-    job.fileSystemSource = Behind("source:", text).value_or("");
-    if (!text.empty() && job.fileSystemUuid.empty() && job.fileSystemSource.empty()) {
+    FileSystemName name = {Behind("uuid:", text).value_or(""), Behind("source:", text).value_or("")};
+    if (!text.empty() && name.uuid.empty() && name.source.empty()) {
         AddFault(reading, value, "\"uuid:...\" or \"source:...\" is wanted, not " + Quoted(text));
     }
+    return name;
 }
 
 static NewFullRules ReadNewFull(Reading &reading, const Value &table)
@@ -885,6 +885,23 @@ static void ReadCopyTarget(Reading &reading, const Value &value, CopyPlace &plac
     }
 }
 
+// One file system, or a list of those that take turns.
+static void ReadMustBe(Reading &reading, const Value &value, CopyPlace &place)
+{
+    if (value.node == nullptr) {
+        return;
+    }
+    const bool isList = value.node->is_array();
+    for (const Value &item : isList ? ItemsOf(value) : std::vector<Value>{value}) {
+        place.mustBe.push_back(ReadFileSystem(reading, item));
+    }
+    if (place.mustBe.empty()) {
+        AddFault(reading, value, "the list is empty: name a file system, or leave the key out");
+    } else if (!place.rclone.empty()) {
+        AddFault(reading, value, "this is for folders: a place of rclone lies on no file system of this machine");
+    }
+}
+
 static CopyPlace ReadCopyPlace(Reading &reading, const Value &table)
 {
     CopyPlace place;
@@ -894,6 +911,7 @@ static CopyPlace ReadCopyPlace(Reading &reading, const Value &table)
         AddFault(reading, {nullptr, table.key + ".to", table.line, ""}, "this key is missing: where the copies go");
     }
     ReadCopyTarget(reading, target, place);
+    ReadMustBe(reading, Member(table, "must-be"), place);
     place.plainIsFine = TruthOf(reading, Member(table, "plain-ok"));
     place.keep = ReadKeep(reading, Member(table, "keep"));
     return place;
@@ -983,7 +1001,9 @@ static Job ReadJob(Reading &reading, const Value &table)
     RequireKey(reading, table, "folder", "where the images go");
     const Value folder = Member(table, "folder");
     job.folder = PathForKestrix(reading, folder, TextOf(reading, folder));
-    ReadFolderMustBe(reading, Member(table, "folder-must-be"), job);
+    const FileSystemName mustBe = ReadFileSystem(reading, Member(table, "folder-must-be"));
+    job.fileSystemUuid = mustBe.uuid;
+    job.fileSystemSource = mustBe.source;
     job.folderWithoutLocks = TruthOf(reading, Member(table, "folder-without-locks"));
     ReadPasswordFile(reading, Member(table, "password-file"), job);
     job.everySeconds = DurationOf(reading, Member(table, "every"), job.everySeconds);

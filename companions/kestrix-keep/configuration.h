@@ -41,12 +41,19 @@ struct CheckRules {
     int64_t wholeEverySeconds = 7 * secondsOfDay;
 };
 
+// A file system by one of its names; one is set.
+struct FileSystemName {
+    std::string uuid;
+    std::string source; // as host:/export or \\server\share
+};
+
 // Where copies of the images go: folder or rclone is set.
 struct CopyPlace {
     std::string folder;
-    std::string rclone;            // REMOTE:PATH
-    bool plainIsFine = false;      // images that are not sealed may go there too
-    std::optional<KeepRules> keep; // none: nothing there is ever let go
+    std::vector<FileSystemName> mustBe; // folder has to lie on one of them; empty: on the one that it lay on before
+    std::string rclone;                 // REMOTE:PATH
+    bool plainIsFine = false;           // images that are not sealed may go there too
+    std::optional<KeepRules> keep;      // none: nothing there is ever let go
 };
 
 // A disk of a virtual machine, as kestrix-vm names it. Without a connection there is a socket.

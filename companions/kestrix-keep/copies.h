@@ -8,12 +8,20 @@
 #include <string>
 #include <vector>
 
+// An image in the job's own folder that was found to be no longer what was made, or that could not be read.
+struct BadImage {
+    size_t index = 0; // in the folder
+    std::string what;
+    bool isDamaged = false; // false: it could not be read, which is no verdict on it
+};
+
 struct CopyOutcome {
     std::string place;
     std::string failure; // why the place does not have all that it should; empty: it has
     std::vector<std::string> copied;
     std::vector<std::string> letGo;
     std::vector<std::string> notes; // what one has to know though it was made good
+    std::vector<BadImage> bad;      // noted in the folder as it was given, and not yet in the sidecars
 };
 
 struct CopyOptions {
@@ -24,5 +32,5 @@ struct CopyOptions {
 };
 
 // Brings the place up to the folder, whose images have been looked at. Digests that a remote wants of an image are
-// added to its sidecar, and when each copy was compared last to the folder's memory.
+// added to its sidecar; to the folder's memory, when each copy was compared last and what forbids that any goes.
 CopyOutcome CopyImages(JobFolder &folder, const CopyPlace &wanted, const CopyOptions &options);

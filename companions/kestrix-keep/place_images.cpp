@@ -1,14 +1,46 @@
 // Names first, then sidecars, then who stands on whom, as in a job's own folder.
 #include "kestrix-keep/place_images.h"
 
+#include "report/report.h"
+
 #include <algorithm>
 #include <map>
 
 using reader::Result;
 
-const char endingOfCopies[] = ".copying";
+static const char endingOfCopies[] = ".copying";
+static constexpr size_t machineDigits = 8;
 
 using FilesByName = std::map<std::string, std::optional<uint64_t>>;
+
+static std::string WithoutEnding(const std::string &name, const std::string &ending)
+{
+    const bool has =
+        name.size() > ending.size() && name.compare(name.size() - ending.size(), ending.size(), ending) == 0;
+    return has ? name.substr(0, name.size() - ending.size()) : std::string();
+}
+
+// Names of machines may hold what names of files may not.
+static std::string DigitsOfMachine()
+{
+    const std::string machine = host::MachineName();
+    const host::Digest digest = host::DigestOf(machine.data(), machine.size());
+    return HexText(digest.data(), machineDigits / 2);
+}
+
+std::string NameWhileCopied(const std::string &name)
+{
+    return name + "." + DigitsOfMachine() + endingOfCopies;
+}
+
+std::string NameOfCopy(const std::string &name)
+{
+    const std::string rest = WithoutEnding(name, endingOfCopies);
+    const size_t dot = rest.size() > machineDigits ? rest.size() - machineDigits - 1 : 0;
+    const bool hasDigits =
+        dot != 0 && rest[dot] == '.' && rest.find_first_not_of("0123456789abcdef", dot + 1) == std::string::npos;
+    return hasDigits ? rest.substr(0, dot) : rest;
+}
 
 // A name that leads out of a folder is no image's, wherever it comes from.
 static std::string JobOfImageName(const std::string &name)
@@ -23,14 +55,23 @@ static std::string JobOfImageName(const std::string &name)
 static std::string JobOfFile(const std::string &listed)
 {
     const std::string unfinished = NameOfUnfinished(listed);
-    const std::string &name = unfinished.empty() ? listed : unfinished;
-    for (const std::string &ending : {std::string(), std::string(endingOfCopies), SidecarPath("")}) {
-        if (name.size() > ending.size() && name.compare(name.size() - ending.size(), ending.size(), ending) == 0) {
-            std::string job = JobOfImageName(name.substr(0, name.size() - ending.size()));
-            if (!job.empty()) {
-                return job;
-            }
+    const std::string &finished = unfinished.empty() ? listed : unfinished;
+    const std::string copied = NameOfCopy(finished);
+    const std::string &name = copied.empty() ? finished : copied;
+    const std::string image = WithoutEnding(name, SidecarPath(""));
+    return JobOfImageName(image.empty() ? name : image);
+}
+
+// Between the two steps by which a remote gives a sidecar the name of the one before, there is none of that name.
+static std::string SidecarNameOf(const FilesByName &files, const std::string &image)
+{
+    const std::string name = SidecarPath(image);
+    auto file = files.lower_bound(name);
+    while (file != files.end() && file->first.compare(0, name.size(), name) == 0) {
+        if (file->first == name || NameOfCopy(file->first) == name) {
+            return file->first;
         }
+        ++file;
     }
     return {};
 }
@@ -38,8 +79,8 @@ static std::string JobOfFile(const std::string &listed)
 static std::optional<reader::Fault> ReadImage(const Place &place, const FilesByName &files, const JobFolder &folder,
                                               KeptImage &image)
 {
-    const std::string sidecarName = SidecarPath(image.name);
-    if (files.count(sidecarName) == 0) {
+    const std::string sidecarName = SidecarNameOf(files, image.name);
+    if (sidecarName.empty()) {
         NoteSidecar(folder, image, std::nullopt);
         return std::nullopt;
     }
@@ -56,9 +97,8 @@ static std::optional<reader::Fault> ReadImage(const Place &place, const FilesByN
 
 static bool IsSidecarOfOne(const std::string &name, const FilesByName &files)
 {
-    const std::string ending = SidecarPath("");
-    const std::string image = name.substr(0, name.size() - std::min(name.size(), ending.size()));
-    return name == SidecarPath(image) && files.count(image) != 0;
+    const std::string image = WithoutEnding(name, SidecarPath(""));
+    return !image.empty() && files.count(image) != 0;
 }
 
 static Result<JobFolder> ReadJob(const Place &place, const FilesByName &files, const std::string &job)

@@ -7,8 +7,10 @@
 #include <string>
 #include <vector>
 
-// What the name of an image ends with while it is copied.
-extern const char endingOfCopies[];
+// The name that a file has while this machine copies it there: NAME.0123abcd.copying, where the digits stand for the
+// machine. And what NAME is, whichever machine copies; empty: it is no such name.
+std::string NameWhileCopied(const std::string &name);
+std::string NameOfCopy(const std::string &name);
 
 // Reads the place; no image is opened. Gives the named jobs, or all that have images there if none is named: path is
 // the place's name, there is no memory, leftovers are what copies left that were not finished. A sidecar without its

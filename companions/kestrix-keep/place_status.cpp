@@ -128,7 +128,8 @@ static void Print(const CopiesStatus &status, int64_t now)
     }
     PrintLine("  images: " + std::to_string(status.images) + ", " + SizeText(status.usedBytes));
     for (const std::string &name : status.unfinished) {
-        PrintLine("  not finished: " + name + "; the job's next backup takes it away, and copies it again");
+        PrintLine("  not finished: " + name +
+                  "; the next backup of the machine that began it takes it away, and copies it again");
     }
 }
 

@@ -27,20 +27,22 @@ static MaybeFault FaultOf(const std::string &path, const host::Trouble &trouble)
 // ---- Folders ----
 
 // To the disk, block by block.
-static MaybeFault CopyFile(const std::string &from, const std::string &to, const OnBytes &onBytes)
+static MaybeFault CopyFile(LocalFile *from, const std::string &to, const OnBytes &onBytes)
 {
     constexpr size_t blockBytes = size_t{4} << 20;
     host::Source source;
     host::NewFile file;
-    if (const host::Trouble trouble = host::OpenFileToRead(from, host::Caching::Cached, &source)) {
-        return FaultOf(from, trouble);
+    if (const host::Trouble trouble = host::OpenFileToRead(from->path, host::Caching::Cached, &source)) {
+        from->isInDoubt = true;
+        return FaultOf(from->path, trouble);
     }
     host::Trouble trouble = host::CreateNewFile(to, host::Existing::GivesWay, &file);
     const host::Pages block = host::MakePages(blockBytes);
     for (uint64_t offset = 0; !trouble && offset < source.sizeBytes; offset += blockBytes) {
         const size_t step = std::min<uint64_t>(blockBytes, source.sizeBytes - offset);
         if (const host::Trouble unread = host::ReadAt(source, offset, block.get(), step)) {
-            return FaultOf(from, unread);
+            from->isInDoubt = true;
+            return FaultOf(from->path, unread);
         }
         trouble = host::WriteAt(file, offset, block.get(), step);
         if (onBytes) {
@@ -82,14 +84,17 @@ static Place MakeFolderPlace(const std::string &folder)
     const auto path = [folder](const std::string &name) { return folder + "/" + name; };
     place.name = folder;
     place.list = [folder] { return ListFolder(folder); };
-    place.put = [path](const std::string &localPath, const std::string &name, const OnBytes &onBytes) {
-        return CopyFile(localPath, path(name), onBytes);
+    place.put = [path](LocalFile *file, const std::string &name, const OnBytes &onBytes) {
+        return CopyFile(file, path(name), onBytes);
     };
     place.compare = [path](const std::string &name, WantedDigests *wanted, const OnBytes &) {
         return CompareInFolder(path(name), wanted->sha256);
     };
     place.rename = [path](const std::string &from, const std::string &to) {
         return FaultOf(path(to), host::GiveFinalName(path(from), path(to)));
+    };
+    place.renameInPlaceOf = [path](const std::string &from, const std::string &to) {
+        return FaultOf(path(to), host::GiveNameInPlaceOf(path(from), path(to)));
     };
     place.remove = [path](const std::string &name) { return FaultOf(path(name), host::RemoveName(path(name))); };
     place.read = [path](const std::string &name) -> Result<std::string> {
@@ -289,17 +294,17 @@ static MaybeFault Differs(const Remote &remote, const std::string &name, const s
 // A digest of another kind stands for the SHA-256 only if it is that of a file which has the SHA-256.
 static MaybeFault AddDigest(const Remote &remote, const std::string &kind, WantedDigests *wanted)
 {
-    Result<FileDigest> local = DigestFile(wanted->localPath, host::Caching::Cached);
+    Result<FileDigest> local = DigestFile(wanted->local.path, host::Caching::Cached);
+    wanted->local.isInDoubt = !local || local->sha256 != wanted->sha256;
     if (!local) {
         return local.fault;
     }
-    if (local->sha256 != wanted->sha256) {
-        return Fault{FaultKind::Unavailable,
-                     wanted->localPath + ": its SHA-256 is " + local->sha256 + ", not " + wanted->sha256};
+    if (wanted->local.isInDoubt) {
+        return FaultAt(wanted->local.path, "its SHA-256 is " + local->sha256 + ", not " + wanted->sha256);
     }
-    const std::string made = HashOf(remote, kind, wanted->localPath);
+    const std::string made = HashOf(remote, kind, wanted->local.path);
     if (made.empty()) {
-        return FaultAt(wanted->localPath, "rclone gives no " + kind + " of it");
+        return FaultAt(wanted->local.path, "rclone gives no " + kind + " of it");
     }
     wanted->others[kind] = made;
     return std::nullopt;
@@ -355,7 +360,7 @@ static MaybeFault CompareAtRemote(const Remote &remote, const std::string &name,
         const bool isOwn = kind == std::string("sha256");
         const bool isKnown = isOwn || wanted->others.count(kind) != 0;
         const bool isThere = std::find(kinds.begin(), kinds.end(), kind) != kinds.end();
-        const bool isOfUse = isThere && (isKnown || !wanted->localPath.empty());
+        const bool isOfUse = isThere && (isKnown || !wanted->local.path.empty());
         const std::string there = isOfUse ? HashOf(remote, kind, remote.At(name)) : std::string();
         if (there.empty()) {
             continue;
@@ -382,16 +387,21 @@ static Place MakeRemotePlace(const Remote &remote)
     place.isRemote = true;
     place.list = [remote] { return ListRemote(remote); };
     place.prepare = [remote] { return Do(remote, {{"mkdir", remote.path}}); };
-    // A remote that tells no times takes a file of the same length for the same one, if it is let.
-    place.put = [remote](const std::string &localPath, const std::string &name, const OnBytes &onBytes) {
-        return Do(remote, {{"copyto", "--no-traverse", "--ignore-times", localPath, remote.At(name)}, onBytes});
+    // A remote that tells no times takes a file of the same length for the same one, if it is let. rclone names the
+    // file here only where that is what it could not read.
+    place.put = [remote](LocalFile *file, const std::string &name, const OnBytes &onBytes) {
+        MaybeFault fault =
+            Do(remote, {{"copyto", "--no-traverse", "--ignore-times", file->path, remote.At(name)}, onBytes});
+        file->isInDoubt = fault && fault->text.find(file->path) != std::string::npos;
+        return fault;
     };
     place.compare = [remote](const std::string &name, WantedDigests *wanted, const OnBytes &onBytes) {
         return CompareAtRemote(remote, name, wanted, onBytes);
     };
     place.rename = [remote](const std::string &from, const std::string &to) {
-        return Do(remote, {{"moveto", "--no-traverse", remote.At(from), remote.At(to)}});
+        return Do(remote, {{"moveto", "--no-traverse", "--ignore-times", remote.At(from), remote.At(to)}});
     };
+    place.renameInPlaceOf = place.rename;
     place.copiesToRename = [remote] { return !FeaturesOf(remote).renames; };
     place.remove = [remote](const std::string &name) { return Do(remote, {{"deletefile", remote.At(name)}}); };
     place.read = [remote](const std::string &name) { return ReadAtRemote(remote, name); };

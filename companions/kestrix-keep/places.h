@@ -19,11 +19,17 @@ struct PlaceFile {
 // Gets how many more bytes have been moved, now and then.
 using OnBytes = std::function<void(uint64_t bytes)>;
 
+// A file here that is copied to a place, or is what was copied there.
+struct LocalFile {
+    std::string path;       // empty: there is none
+    bool isInDoubt = false; // set where it could not be read, or is not what it has to be
+};
+
 // What a file has to be, by its digests as hexadecimal digits.
 struct WantedDigests {
     std::string sha256;
     OtherDigests others;
-    std::string localPath; // the same file here, of which digests of other kinds can be made; empty: there is none
+    LocalFile local; // the same file here, of which digests of other kinds can be made
 };
 
 // All of them may be called any number of times; each fault is a sentence with the place in front.
@@ -34,16 +40,17 @@ struct Place {
     std::function<reader::Result<std::vector<PlaceFile>>()> list;
     // Of a remote alone: makes the folder that the place is, where there is none yet.
     std::function<std::optional<reader::Fault>()> prepare;
-    // Copies the file at localPath there under that name, and what had the name gives way.
-    std::function<std::optional<reader::Fault>(const std::string &localPath, const std::string &name,
-                                               const OnBytes &onBytes)>
-        put;
+    // Copies the file there under that name, and what had the name gives way.
+    std::function<std::optional<reader::Fault>(LocalFile *file, const std::string &name, const OnBytes &onBytes)> put;
     // None: the file there has these digests. Damaged: it has others. What the remote has of another kind, and is the
     // local file's too, is added to the wanted ones.
     std::function<std::optional<reader::Fault>(const std::string &name, WantedDigests *wanted, const OnBytes &onBytes)>
         compare;
+    // In a folder the new name has to be free.
     std::function<std::optional<reader::Fault>(const std::string &from, const std::string &to)> rename;
-    // Of a remote alone: whether it can't give a file another name, so that rename sends it once more.
+    // What has the name gives way: in a folder in one step, in a remote in two.
+    std::function<std::optional<reader::Fault>(const std::string &from, const std::string &to)> renameInPlaceOf;
+    // Of a remote alone: whether it can't give a file another name, so that renaming sends it once more.
     std::function<bool()> copiesToRename;
     std::function<std::optional<reader::Fault>(const std::string &name)> remove;
     // All of a small file there.

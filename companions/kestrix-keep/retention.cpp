@@ -109,7 +109,9 @@ static void KeepAllIfForbidden(Retention &run)
         return std::any_of(run.images.begin(), run.images.end(),
                            [mark](const RetainedImage &image) { return image.*mark; });
     };
-    if (any(&RetainedImage::isDamaged)) {
+    if (!run.state.forbids.empty()) {
+        KeepAll(run, run.state.forbids);
+    } else if (any(&RetainedImage::isDamaged)) {
         KeepAll(run, "nothing goes while an image is damaged");
     } else if (any(&RetainedImage::isOpaque)) {
         KeepAll(run, "nothing goes while there is an image without a sidecar of which it can't be told what it stands "
@@ -117,6 +119,15 @@ static void KeepAllIfForbidden(Retention &run)
     } else if (!run.state.chainIsProved) {
         KeepAll(run, "nothing goes before the newest image's chain has passed an audit: " + run.state.chainSays);
     }
+}
+
+std::string ReasonsText(const Decision &decision)
+{
+    std::string text;
+    for (const std::string &reason : decision.reasons) {
+        text += (text.empty() ? "" : "; ") + reason;
+    }
+    return text;
 }
 
 std::vector<Decision> DecideRetention(const std::vector<RetainedImage> &images, const std::optional<KeepRules> &rules,

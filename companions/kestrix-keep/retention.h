@@ -25,12 +25,16 @@ struct RetentionState {
     int64_t now = 0;
     bool chainIsProved = false; // the newest image's whole chain passed an audit lately
     std::string chainSays;      // since when it has not
+    std::string forbids = {};   // why nothing goes, whatever the images are; empty: nothing forbids it
 };
 
 struct Decision {
     bool isLetGo = false;
     std::vector<std::string> reasons; // why it is kept, or why it may go
 };
+
+// The reasons in one line.
+std::string ReasonsText(const Decision &decision);
 
 // Decides about each image; without rules all stay. The places of an image from the future, one that nobody made, and a
 // damaged one are never counted; as long as one is damaged or opaque, or the newest chain not proved, all stay.

@@ -87,12 +87,17 @@ static void JudgeCopies(const Job &job, const JobFolder &folder, int64_t now, Jo
 {
     for (const CopyPlace &place : job.copies) {
         const std::string name = place.rclone.empty() ? place.folder : "rclone:" + place.rclone;
-        const Json known = folder.memory.places.value(name, Json::object()).value("completeAt", Json());
-        const int64_t completeAt = known.is_number_integer() ? known.get<int64_t>() : 0;
+        const Json memory = folder.memory.places.value(name, Json::object());
+        const Json known = memory.value("completeAt", Json());
+        const int64_t completeAt = known.is_number_integer() ? TimeOfProof(known.get<int64_t>(), now) : 0;
         if (completeAt == 0) {
             status.problems.push_back(name + ": it never had all the copies that it should");
         } else if (now - completeAt > job.everySeconds + job.everySeconds / 2) {
             status.problems.push_back(name + ": it last had all copies " + AgeText(now - completeAt) + " ago");
+        }
+        const Json inTheWay = memory.value("inTheWay", Json());
+        for (const Json &sentence : inTheWay.is_array() ? inTheWay : Json::array()) {
+            status.problems.push_back(sentence.is_string() ? sentence.get<std::string>() : std::string());
         }
     }
 }

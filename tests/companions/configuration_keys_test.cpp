@@ -245,6 +245,17 @@ TEST(Configuration, CopiesGoToPlaces)
          "4: job.server.copies[1].to: this is empty: give it a value, or leave the key out"},
         {"copies = [{ to = \"offsite:server\" }]",
          "4: job.server.copies[1].to: \"offsite:server\" is no absolute path: it has to begin with /"},
+        {"copies = [{ to = \"/c\", must-be = \"usb\" }]",
+         "4: job.server.copies[1].must-be: \"uuid:...\" or \"source:...\" is wanted, not \"usb\""},
+        {"copies = [{ to = \"/c\", must-be = [\n\"uuid:1\",\n\"usb\"] }]",
+         "6: job.server.copies[1].must-be[2]: \"uuid:...\" or \"source:...\" is wanted, not \"usb\""},
+        {"copies = [{ to = \"/c\", must-be = [] }]",
+         "4: job.server.copies[1].must-be: the list is empty: name a file system, or leave the key out"},
+        {"copies = [{ to = \"/c\", must-be = 3 }]",
+         "4: job.server.copies[1].must-be: text in quotes is wanted, not a whole number"},
+        {"copies = [{ to = \"rclone:o:p\", plain-ok = true, must-be = \"uuid:1\" }]",
+         "4: job.server.copies[1].must-be: this is for folders: a place of rclone lies on no file system of this "
+         "machine"},
         {"copies = [{ to = \"rclone:\" }]", noRemote + "\"rclone:\""},
         {"copies = [{ to = \"rclone:offsite\" }]", noRemote + "\"rclone:offsite\""},
         {"copies = [{ to = \"rclone:offsite:\" }]", noRemote + "\"rclone:offsite:\""},
@@ -256,6 +267,9 @@ TEST(Configuration, CopiesGoToPlaces)
         {"copies = [{ to = \"rclone:offsite:server\" }]", plain},
     });
     EXPECT_EQ(JobOf(JobWith("copies = [{ to = \"rclone:o:p\", plain-ok = true }]")).copies[0].rclone, "o:p");
+    const Job oneDisk = JobOf(JobWith("copies = [{ to = \"/c\", must-be = \"uuid:1\" }]"));
+    ASSERT_EQ(oneDisk.copies[0].mustBe.size(), 1U);
+    EXPECT_EQ(oneDisk.copies[0].mustBe[0].uuid, "1");
     EXPECT_EQ(JobOf(JobWith("password-file = \"/p\"\ncopies = [{ to = \"rclone:o:p\" }]")).copies[0].rclone, "o:p");
     ExpectFaults({{"[job.a]\ndisk = 1\nfolder = 'D:\\b'\ncopies = [{ to = 'rclone:e:b', plain-ok = true }]\n",
                    "4: job.a.copies[1].to: \"e\" is a drive to rclone on Windows: give the remote a longer name"}},
@@ -350,6 +364,7 @@ TEST(Configuration, UnknownKeysAreRefusedWithWhatWasMeant)
         meant("new-full = { when-thin-exeeds = \"5%\" }", "new-full.when-thin-exeeds", "when-thin-exceeds"),
         meant("check = { whole_every = \"7d\" }", "check.whole_every", "whole-every"),
         meant("copies = [{ to = \"/c\", plainok = true }]", "copies[1].plainok", "plain-ok"),
+        meant("copies = [{ to = \"/c\", mustbe = \"uuid:1\" }]", "copies[1].mustbe", "must-be"),
     });
     ExpectFaultsInJob({
         {"chain = 5", "4: job.server.chain: this key belongs to new-full, not here"},

@@ -48,7 +48,7 @@ new-full = { every = "4w", when-thin-exceeds = "35%", chain = 20 }
 keep = { last = 3, daily = 14, weekly = 8, monthly = 12 }
 check = { each = "whole", whole-every = "90m" }
 copies = [
-  { to = "/mnt/usb2/server" },
+  { to = "/mnt/usb2/server", must-be = ["uuid:6f1c2a30-0000-4000-8000-000000000002", "source:nas:/second"] },
   { to = "rclone:offsite:kestrix/server", plain-ok = true, keep = { monthly = 24 } },
 ]
 before = ["/usr/local/bin/wake-nas", "--wait", "60"]
@@ -95,9 +95,15 @@ TEST(Configuration, CopiesAreFoldersOrPlacesOfRclone)
     ASSERT_EQ(job.copies.size(), 2U);
     EXPECT_EQ(job.copies[0].folder, "/mnt/usb2/server");
     EXPECT_EQ(job.copies[0].rclone, "");
+    ASSERT_EQ(job.copies[0].mustBe.size(), 2U);
+    EXPECT_EQ(job.copies[0].mustBe[0].uuid, "6f1c2a30-0000-4000-8000-000000000002");
+    EXPECT_EQ(job.copies[0].mustBe[0].source, "");
+    EXPECT_EQ(job.copies[0].mustBe[1].uuid, "");
+    EXPECT_EQ(job.copies[0].mustBe[1].source, "nas:/second");
     EXPECT_FALSE(job.copies[0].plainIsFine);
     EXPECT_FALSE(job.copies[0].keep.has_value());
     EXPECT_EQ(job.copies[1].folder, "");
+    EXPECT_TRUE(job.copies[1].mustBe.empty());
     EXPECT_EQ(job.copies[1].rclone, "offsite:kestrix/server");
     EXPECT_TRUE(job.copies[1].plainIsFine);
     ASSERT_TRUE(job.copies[1].keep.has_value());

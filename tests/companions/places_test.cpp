@@ -116,14 +116,41 @@ TEST(Places, WhatWasNotFinishedIsNoImage)
 {
     Files files;
     Add(files, NameOf(21), 1, "");
-    files[NameOf(22) + endingOfCopies] = "";
+    files[NameOf(22) + ".copying"] = "";
     files[SidecarPath(NameOf(23))] = "{}";
     files[NameOf(24) + ".copying.77.unfinished"] = "";
+    files[NameOf(25) + ".0badcafe.copying"] = "";
+    files[NameWhileCopied(SidecarPath(NameOf(26)))] = "";
     reader::Result<std::vector<JobFolder>> found = ReadPlace(PlaceOf(files), {});
     ASSERT_TRUE(found);
     EXPECT_EQ((*found)[0].images.size(), 1U);
-    EXPECT_EQ((*found)[0].leftovers, (std::vector<std::string>{NameOf(22) + endingOfCopies, SidecarPath(NameOf(23)),
-                                                               NameOf(24) + ".copying.77.unfinished"}));
+    EXPECT_EQ((*found)[0].leftovers,
+              (std::vector<std::string>{NameOf(22) + ".copying", SidecarPath(NameOf(23)),
+                                        NameOf(24) + ".copying.77.unfinished", NameOf(25) + ".0badcafe.copying",
+                                        NameWhileCopied(SidecarPath(NameOf(26)))}));
+}
+
+TEST(Places, TheNameOfAFileUnderWayTellsWhichFileItIs)
+{
+    EXPECT_EQ(NameOfCopy(NameWhileCopied(NameOf(21))), NameOf(21));
+    EXPECT_EQ(NameOfCopy(NameOf(21) + ".0badcafe.copying"), NameOf(21));
+    EXPECT_EQ(NameOfCopy(NameOf(21) + ".copying"), NameOf(21));
+    for (const char *name : {"", ".copying", "a", "copying", "a.copying.1"}) {
+        EXPECT_EQ(NameOfCopy(name), "") << name;
+    }
+}
+
+TEST(Places, ASidecarThatHasNotItsNameYetCountsWhereThereIsNoOther)
+{
+    Files files;
+    Add(files, NameOf(21), 1, "");
+    files[SidecarPath(NameOf(21)) + ".0badcafe.copying"] = files[SidecarPath(NameOf(21))];
+    files.erase(SidecarPath(NameOf(21)));
+    Add(files, NameOf(22), 2, "");
+    files[SidecarPath(NameOf(22)) + ".0badcafe.copying"] = "[";
+    reader::Result<std::vector<JobFolder>> found = ReadPlace(PlaceOf(files), {});
+    ASSERT_TRUE(found);
+    EXPECT_EQ(SoundOnes((*found)[0]), (std::vector<std::string>{NameOf(21), NameOf(22)}));
 }
 
 TEST(Places, ASidecarThatIsNoneOrAnotherJobsDoesNotCount)

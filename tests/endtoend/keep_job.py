@@ -96,3 +96,8 @@ class JobTest(KeepMachineTest):
         started = Started(command, self.images)
         self.addCleanup(self.end, started)
         return started
+
+    def report_of(self, started):
+        run = started.finish()
+        report, = json.loads(run.out)["jobs"]
+        return run.status, report

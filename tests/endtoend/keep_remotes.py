@@ -1,4 +1,5 @@
 """Places of copies for kestrix-keep: servers of rclone's on the loopback address, and what can happen to them."""
+import hashlib
 import os
 import socket
 import subprocess
@@ -19,6 +20,12 @@ def free_port():
 def answers(port):
     with socket.socket() as probe:
         return probe.connect_ex(("127.0.0.1", port)) == 0
+
+
+def under_way(name, machine=None):
+    """The name that a file has while a machine copies it, this one if none is named."""
+    machine = socket.gethostname() if machine is None else machine
+    return f"{name}.{hashlib.sha256(machine.encode()).hexdigest()[:8]}.copying"
 
 
 class Passage:

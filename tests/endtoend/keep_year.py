@@ -300,6 +300,7 @@ class Year:
             job.copies.check_compared(report, now, WHOLE_EVERY)
         if job.copies and not told:
             job.copies.check_complete(report["image"])
+            job.copies.check_told(report)
         demand(foreseen is None or foreseen in report["lines"], f"a dry run had said: {foreseen}")
         self.figures["proved by the tracker"] += any("matches tracker" in line for line in report["lines"])
         self.check_decisions(job, report, now)

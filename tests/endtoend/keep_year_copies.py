@@ -59,6 +59,15 @@ class Copies:
         """After a run that nothing was wrong with."""
         demand(newest in self.images(), f"{newest} was not copied, and nothing said so")
 
+    def check_told(self, report):
+        """After such a run each decision was told with its reason."""
+        for name in self.images():
+            said = f"kept at {self.place}: {name}: "
+            demand(any(line.startswith(said) for line in report["lines"]), f"no line begins with: {said}")
+        for line in report["lines"]:
+            isTold = not line.startswith(f"let go at {self.place}: ") or line.endswith(": no rule keeps it")
+            demand(isTold, f"it went, and nothing says why: {line}")
+
     def check_compared(self, report, now, wholeEvery):
         """After a run that let copies go: what is left of the newest was read within that many seconds."""
         if not any(line.startswith(f"let go at {self.place}") for line in report["lines"]):

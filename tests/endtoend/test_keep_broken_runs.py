@@ -1,6 +1,5 @@
 """kestrix-keep backup: calls that fail, captures that are no good, and what runs that died left behind."""
 import collections
-import json
 import os
 import re
 import shutil
@@ -17,11 +16,6 @@ from keep_machine import FAILED, WELL
 
 class FailingCalls(JobTest):
     """The program under strace, which makes its calls fail or wait."""
-
-    def report_of(self, started):
-        run = started.finish()
-        report, = json.loads(run.out)["jobs"]
-        return run.status, report
 
     def without_locks(self):
         lock = self.place_path(".kestrix-keep.lock")

@@ -176,7 +176,7 @@ class Digests(RemoteTest):
         with open(stand_in, "w", encoding="ascii") as file:
             file.write('#!/bin/sh\ncase "$*" in\n*" backend features "*) echo \'{"Hashes": ["md5"]}\';;\n'
                        '*" hashsum "*) echo "                                  name";;\n'
-                       f'*" cat "*.kstx.copying) ;;\n*) exec {real} "$@";;\nesac\n')
+                       f'*" cat "*.kstx.*.copying) ;;\n*) exec {real} "$@";;\nesac\n')
         os.chmod(stand_in, 0o755)
         run = subprocess.run(["unshare", "--mount", "sh", "-c", f'mount --bind {stand_in} {RCLONE} && exec "$@"', "sh",
                               self.keepProgram, "backup", "--now", str(NOW), "--config", self.configuration],
