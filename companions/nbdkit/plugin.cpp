@@ -32,6 +32,7 @@ constexpr uint64_t usualCacheBytes = 64 * mebibyte;
 constexpr uint64_t leastCacheBytes = 16 * mebibyte; // so that some fetches can be under way without a cache
 constexpr uint32_t largestRequest = 32 * mebibyte;  // bytes; what clients of the protocol count on
 constexpr uint32_t smallestPreferredRequest = 512;  // bytes, as the protocol has it
+constexpr size_t mostToTry = 4;                     // chunks of a sealed image
 
 // ---- The command line ----
 
@@ -173,6 +174,48 @@ std::string FindObstacle(const reader::Chain &chain, uint64_t cacheBytes)
     return {};
 }
 
+// The chunks to try the key of an image with: a few that the disk needs of it, from its first to its last, so that no
+// one damaged stretch holds them all.
+std::vector<uint64_t> ChunksToTry(const reader::Chain &chain, size_t level)
+{
+    std::vector<uint64_t> needed;
+    for (uint64_t i = 0; i < chain.ChunkCount(); ++i) {
+        if (chain.storedIn[i] == level && !reader::CheckTables(chain, i)) {
+            needed.push_back(i);
+        }
+    }
+    const size_t count = std::min(needed.size(), mostToTry);
+    std::vector<uint64_t> tried;
+    for (size_t n = 0; n < count; ++n) {
+        tried.push_back(needed[count == 1 ? 0 : n * (needed.size() - 1) / (count - 1)]);
+    }
+    return tried;
+}
+
+// Whether a sealed image gives nothing for the password: it would be served as a disk of errors. A single chunk proves
+// nothing, since it may be damaged.
+bool RefusesPassword(const reader::Chain &chain, size_t level, reader::ChunkReader *reader)
+{
+    const std::vector<uint64_t> tried = ChunksToTry(chain, level);
+    return tried.size() > 1 && std::all_of(tried.begin(), tried.end(), [&](uint64_t i) {
+               const std::optional<reader::ChunkFault> fault = reader->Read(i);
+               return fault && fault->cause == reader::ChunkCause::Seal;
+           });
+}
+
+// The sentence about the first image that the password doesn't open; empty where there is none.
+std::string FindRefusedPassword(const reader::Chain &chain)
+{
+    reader::ChunkReader reader(chain);
+    for (size_t level = 0; level < chain.images.size(); ++level) {
+        const reader::ImageFacts &facts = chain.images[level].facts;
+        if (reader::IsSealed(facts.header) && RefusesPassword(chain, level, &reader)) {
+            return facts.path + ": the password is another than it was sealed with, or it is damaged throughout";
+        }
+    }
+    return {};
+}
+
 int GetReady()
 {
     try {
@@ -188,6 +231,11 @@ int GetReady()
         const std::string obstacle = FindObstacle(*chain, settings.cacheBytes);
         if (!obstacle.empty()) {
             nbdkit_error("%s: %s", settings.image.c_str(), obstacle.c_str());
+            return -1;
+        }
+        const std::string refused = FindRefusedPassword(*chain);
+        if (!refused.empty()) {
+            nbdkit_error("%s", host::PrintableText(refused).c_str());
             return -1;
         }
         served = std::make_unique<Served>(std::move(*chain), settings.cacheBytes);

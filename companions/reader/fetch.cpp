@@ -42,7 +42,7 @@ std::string CauseText(const ChunkFault &fault)
 
 Fault DescribeChunkFault(const Chain &chain, uint64_t i, const ChunkFault &fault)
 {
-    return {FaultKind::Damaged,
+    return {fault.cause == ChunkCause::Unreadable ? FaultKind::Unavailable : FaultKind::Damaged,
             chain.images[fault.level].facts.path + ": chunk " + std::to_string(i) + ": " + CauseText(fault)};
 }
 

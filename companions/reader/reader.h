@@ -23,7 +23,7 @@ namespace reader
 
 // Damaged: the files hold what they must not, or one of them is missing. Unreadable: the medium doesn't give back a
 // part without which the rest makes no sense. Unavailable: it can't be told, since something outside of them failed: a
-// file that doesn't open, no password, no memory.
+// file that doesn't open, a chunk that doesn't come off its medium, no password, no memory.
 enum class FaultKind { Damaged, Unreadable, Unavailable };
 
 struct Fault {

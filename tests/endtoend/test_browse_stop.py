@@ -10,11 +10,22 @@ import subprocess
 import tempfile
 
 import harness
-from harness import MIB, MachineTest, needs, why_no_loop_devices, why_no_mounts
+from harness import MIB, TIME_LIMIT, MachineTest, needs, why_no_loop_devices, why_no_mounts
 from nbdkit_server import sanitizer
 
 BROWSE = os.environ.get("KESTRIX_BROWSE", os.path.join(os.path.dirname(harness.PROGRAM), "kestrix-browse"))
 NOBODY = 65534
+
+
+def programs_but(folder, missing):
+    """A new folder in that one, of every program of this machine but one."""
+    programs = tempfile.mkdtemp(dir=folder)
+    os.chmod(programs, 0o755)
+    for path in ("/usr/bin", "/usr/sbin"):
+        for name in os.listdir(path):
+            if name != missing and not os.path.lexists(os.path.join(programs, name)):
+                os.symlink(os.path.join(path, name), os.path.join(programs, name))
+    return programs
 
 
 class BrowseScript(MachineTest):
@@ -116,6 +127,40 @@ class Stop(BrowseScript):
                     "$browse" --stop "$look/"; ! mountpoint --quiet "$look" """)
                 self.assertEqual(os.listdir(self.browsed), [])
 
+    def in_use(self, until):
+        """A hanging server, and someone in a mounted folder who leaves when that command fails."""
+        self.known()
+        self.note("mounts", f"{self.browsed}/1\0")
+        os.mkdir(os.path.join(self.browsed, "1"))
+        return f"""
+            mount -t tmpfs a "$look/1"
+            (exec -a nbdkit /usr/bin/python3 -c 'import time; time.sleep(60)' {self.runFolder}/socket) & server=$!
+            sleep 0.3; kill -STOP $server; disown $server
+            (cd "$look/1"; while {until}; do sleep 0.05; done) & sleep 0.1"""
+
+    @needs(why_no_mounts)
+    def test_who_waits_for_a_server_that_hangs_is_freed_from_it(self):
+        self.stopped(self.in_use("kill -0 $server 2>/dev/null") + """
+            "$browse" --stop "$look"; wait; ! mountpoint --quiet "$look/1" """)
+        self.assertEqual(os.listdir(self.browsed), [])
+
+    @needs(why_no_mounts)
+    def test_unmounting_does_not_itself_wait_for_a_server_that_hangs(self):
+        self.stand_in("umount", f"""! pgrep -f '^nbdkit .*{self.runFolder}/' >/dev/null || exec sleep {TIME_LIMIT}
+            exec /usr/bin/umount "$@" """)
+        self.stopped(self.in_use("kill -0 $server 2>/dev/null") + """
+            "$browse" --stop "$look"; wait; ! mountpoint --quiet "$look/1" """)
+
+    @needs(why_no_mounts)
+    def test_what_someone_stays_in_is_not_unmounted_and_goes_when_they_have_left(self):
+        status, out, err = self.shell(self.in_use(f"[ ! -e {self.folder}/left ]") + f"""
+            status=0; "$browse" --stop "$look" || status=$?
+            mountpoint --quiet "$look/1"; touch {self.folder}/left; wait
+            "$browse" --stop "$look"; exit $status""")
+        self.assertEqual((status, out), (1, ""))
+        self.assertIn(f"kestrix-browse: {self.browsed}/1 is in use: leave it, and stop it again\n", err)
+        self.assertFalse(os.path.exists(self.runFolder))
+
     @needs(why_no_mounts)
     def test_the_folder_may_be_named_as_the_one_that_one_is_in(self):
         self.known()
@@ -184,27 +229,95 @@ class Stop(BrowseScript):
         self.assertFalse(os.path.exists(self.path("started")))
 
 
+class Start(BrowseScript):
+    def setUp(self):
+        super().setUp()
+        self.image("image", bytes(MIB), chunkSize=MIB)
+        self.before = self.run_folders()
+
+    @staticmethod
+    def run_folders():
+        return {name for name in os.listdir("/tmp") if name.startswith("kestrix-browse.")}
+
+    @needs(why_no_mounts)
+    def test_a_program_that_is_missing_is_told_with_its_package_and_nothing_is_left(self):
+        os.chmod(self.folder, 0o755)
+        if tempfile.tempdir:
+            os.chmod(tempfile.tempdir, 0o711)
+        os.chown(self.browsed, NOBODY, NOBODY)
+        for missing, package in (("nbdkit", "nbdkit"), ("guestfish", "guestfish"), ("fusermount", "fuse3")):
+            with self.subTest(missing):
+                self.refused(f"there is no {missing} here: install the package {package}",
+                             f"""PATH={programs_but(self.folder, missing)}
+                             setpriv --reuid={NOBODY} --clear-groups "$browse" --untrusted image "$look" """)
+                self.assertEqual((os.listdir(self.browsed), self.run_folders()), ([], self.before))
+
+    @needs(why_no_mounts)
+    def test_a_folder_that_takes_no_link_is_an_error_and_nothing_is_left(self):
+        self.stand_in("ln", "echo 'ln: no links here' >&2; exit 1")
+        self.assertEqual(self.shell('"$browse" --untrusted image "$look"'), (1, "", "ln: no links here\n"))
+        self.assertEqual((os.listdir(self.browsed), self.run_folders()), ([], self.before))
+
+    @needs(why_no_mounts)
+    def test_a_folder_that_another_start_has_taken_meanwhile_is_left_to_it(self):
+        self.known()
+        os.rename(os.path.join(self.browsed, ".browse"), self.path("taken"))
+        self.stand_in("ln", f"""mv {shlex.quote(self.path("taken"))} {shlex.quote(self.browsed)}/.browse
+            exec /usr/bin/ln "$@" """)
+        status, out, err = self.shell('"$browse" --untrusted image "$look"')
+        self.assertEqual((status, out), (1, ""))
+        self.assertIn("File exists", err)
+        self.assertEqual((os.listdir(self.browsed), self.run_folders()), ([".browse"], self.before))
+
+    @needs(why_no_mounts)
+    def test_a_wrong_password_is_told_by_the_server_and_nothing_is_left(self):
+        self.image("image", bytes(2 * MIB), b"secret", chunkSize=MIB)
+        self.file("password", b"other\n")
+        status, out, err = self.shell('"$browse" --untrusted --password-file password image "$look"')
+        self.assertEqual((status, out, err), (1, "", f"nbdkit: error: {self.path('image')}: the password is another "
+                                                     "than it was sealed with, or it is damaged throughout\n"))
+        self.assertEqual((os.listdir(self.browsed), self.run_folders()), ([], self.before))
+
+
 class KernelWay(BrowseScript):
     """A device of the kernel's that is a loop device of another name."""
+
+    def browse_disk(self, disk, after="", sectorSize=512, start='"$browse" image "$look"',
+                    end='"$browse" --stop "$look"'):
+        """Browses the disk in a file, with its loop device as /dev/nbd0, and then does what comes after. Of the list
+        it gives the lines of partitions."""
+        with open(disk, "rb") as file:
+            self.image("image", file.read(), chunkSize=65 * 8 * sectorSize, sectorSize=sectorSize)
+        device = os.stat(self.loop_device(disk, 4096 if sectorSize == 4096 else 512)).st_rdev
+        self.stand_in("lsblk", 'echo "$3 disk"')  # it knows devices by what is covered in /sys/block
+        status, out, err = self.shell(f"""
+            for program in nbd-client mount guestfish; do >>{self.folder}/$program; done
+            /usr/bin/mount -t tmpfs a /sys/block; mkdir /sys/block/nbd0 /sys/block/nbd1
+            /usr/bin/mount -t tmpfs a /dev; mknod /dev/null c 1 3; ln -s /proc/self/fd /dev/fd
+            mknod /dev/full c 1 7; mknod /dev/fuse c 10 229
+            for device in nbd0 nbd1; do mknod /dev/$device b {os.major(device)} {os.minor(device)}; done
+            {start}
+            {after}
+            {end}; ls -A "$look"; ! grep -F "$look" /proc/self/mounts""")
+        told = "What can't be read is told in /tmp/kestrix-browse."
+        return status, "".join(line for line in out.splitlines(True) if not line.startswith(told)), err
 
     def setUp(self):
         super().setUp()
         os.rmdir(self.browsed)
+        self.client("")
 
-    def browse_disk(self, disk, after):
-        """Browses the disk in a file, with its loop device as /dev/nbd0, and then does what comes after."""
-        with open(disk, "rb") as file:
-            self.image("image", file.read(), chunkSize=MIB)
-        device = os.stat(self.loop_device(disk)).st_rdev
-        self.stand_in("nbd-client", 'case $1 in -d) rm /sys/block/nbd0/pid ;; *) echo $$ >/sys/block/nbd0/pid ;; esac')
-        self.stand_in("lsblk", "echo /dev/nbd0 disk")  # it knows devices by what is covered in /sys/block
-        return self.shell(f"""
-            mount -t tmpfs a /sys/block; mkdir /sys/block/nbd0
-            mount -t tmpfs a /dev; mknod /dev/null c 1 3; ln -s /proc/self/fd /dev/fd
-            mknod /dev/nbd0 b {os.major(device)} {os.minor(device)}
-            "$browse" image "$look"
-            {after}
-            "$browse" --stop "$look"; ls -A "$look"; ! grep -F "$look" /proc/self/mounts""")
+    def client(self, first):
+        """Stands in for nbd-client, with what it does first, and notes how it was called."""
+        self.stand_in("nbd-client", f"""echo "$@" >>{self.folder}/nbd-client
+            case $1 in -d) rm /sys/block/${{2#/dev/}}/pid; exit ;; esac
+            device=${{4#/dev/}}
+            {first}
+            echo $$ >/sys/block/$device/pid""")
+
+    def called(self, program):
+        with open(os.path.join(self.folder, program), encoding="utf-8") as file:
+            return file.read()
 
     def ext(self, kind, *options):
         disk = self.path("disk")
@@ -220,9 +333,11 @@ class KernelWay(BrowseScript):
         for kind in ("ext2", "ext3", "ext4"):
             with self.subTest(kind):
                 status, out, err = self.browse_disk(self.ext(kind, "-L", "name"),
-                                                    'findmnt -nro FSTYPE,OPTIONS "$look/1"')
+                                                    'findmnt -nro FSTYPE,OPTIONS "$look/1"; sleep 0.3; nbdinfo --size '
+                                                    '"nbd+unix:///?socket=$(readlink "$look/.browse")/socket"')
                 self.assertEqual((status, err), (0, ""))
-                listed, mounted = out.splitlines()
+                listed, mounted, served = out.splitlines()
+                self.assertEqual(served, str(16 * MIB))  # the server has not ended with what started it
                 self.assertEqual(listed.split(), ["1", "16.0MiB", kind, "name"])
                 self.assertTrue(re.match(kind + " ro,", mounted), mounted)
 
@@ -233,3 +348,110 @@ class KernelWay(BrowseScript):
         status, out, err = self.browse_disk(self.ext("ext4", "-L", "a\x1b[2J\u009bm\x07b"), "")
         self.assertEqual((status, err), (0, ""))
         self.assertEqual(out.split()[3:], ["a[2J?mb"])
+
+    @needs(why_no_mounts, why_no_loop_devices)
+    def test_ntfs_is_mounted_read_only(self):
+        if sanitizer():
+            return
+        disk = self.path("disk")
+        with open(disk, "wb") as file:
+            file.truncate(8 * MIB)
+        self.must("mkntfs", "-q", "-F", "-L", "name", disk)
+        status, out, err = self.browse_disk(disk, 'findmnt -nro FSTYPE,OPTIONS "$look/1"')
+        self.assertEqual((status, err), (0, ""))
+        listed, mounted = out.splitlines()
+        self.assertEqual(listed.split(), ["1", "8.0MiB", "ntfs", "name"])
+        self.assertRegex(mounted, "^(fuseblk|ntfs3?) ro,")
+
+    @needs(why_no_mounts, why_no_loop_devices)
+    def test_the_device_gets_the_sectors_of_the_image_and_is_read_only(self):
+        if sanitizer():
+            return
+        for sectorSize in (512, 4096):
+            with self.subTest(sectorSize):
+                status, out, err = self.browse_disk(self.ext("ext4", "-b", "4096"), sectorSize=sectorSize)
+                self.assertEqual((status, out.split()[:3], err), (0, ["1", "16.0MiB", "ext4"], ""))
+                self.assertRegex(self.called("nbd-client").splitlines()[-2],
+                                 f"^-nonetlink -unix /tmp/\\S+/socket /dev/nbd0 -readonly -block-size {sectorSize}$")
+
+    def without_machine(self):
+        self.stand_in("guestfish", f'echo "$@" >>{self.folder}/guestfish; echo "no machine here" >&2; exit 1')
+        self.stand_in("mount", f'echo "$@" >>{self.folder}/mount; exec /usr/bin/mount "$@"')
+
+    def check_kernel_untouched(self, options, sectorSize):
+        self.without_machine()
+        status, out, err = self.browse_disk(self.ext("ext4"), "exit 9", sectorSize,
+                                            f'"$browse" {options} image "$look"')
+        self.assertEqual((status, out, err), (1, "", "no machine here\n"))
+        self.assertEqual((self.called("nbd-client"), self.called("mount")), ("", ""))
+        self.assertIn("--listen --ro --format=raw -a nbd://", self.called("guestfish"))
+
+    @needs(why_no_mounts, why_no_loop_devices)
+    def test_an_untrusted_image_never_comes_near_the_kernel(self):
+        if not sanitizer():
+            self.check_kernel_untouched("--untrusted", 512)
+
+    @needs(why_no_mounts, why_no_loop_devices)
+    def test_a_disk_of_sectors_that_the_kernel_does_not_know_goes_to_the_machine(self):
+        if not sanitizer():
+            self.check_kernel_untouched("", 520)
+
+    @needs(why_no_mounts, why_no_loop_devices)
+    def test_a_device_that_another_takes_meanwhile_is_left_to_it(self):
+        if sanitizer():
+            return
+        for status in (0, 1):  # it may not even notice
+            with self.subTest(status):
+                self.client(f"""[ $device != nbd0 ] || {{
+                    echo 1 >/sys/block/nbd0/pid; echo 'Cannot set NBD: busy' >&2; exit {status}; }}""")
+                mounted = 'grep -o "^/dev/nbd[^ ]* $look/1" /proc/self/mounts; ls "$look/1"'
+                done, out, err = self.browse_disk(self.ext("ext4", "-L", "name"), mounted,
+                                                  end='"$browse" --stop "$look"; cat /sys/block/nbd0/pid')
+                self.assertEqual((done, err), (0, ""))
+                self.assertEqual(out.split()[3:], ["name", "/dev/nbd1", f"{self.browsed}/1", "lost+found", "1"])
+                self.assertNotIn("-d /dev/nbd0", self.called("nbd-client"))
+
+    @needs(why_no_mounts, why_no_loop_devices)
+    def test_where_no_device_is_to_be_had_the_reason_is_told(self):
+        if sanitizer():
+            return
+        self.client("echo 'Cannot set NBD: busy' >&2; exit 1")
+        self.assertEqual(self.browse_disk(self.ext("ext4")), (
+            1, "", "kestrix-browse: there is no NBD device to be had (/dev/nbd1 gets no server: Cannot set NBD: busy); "
+            "--untrusted needs none\n"))
+        self.assertEqual(os.listdir(self.browsed), [])
+
+    @needs(why_no_mounts, why_no_loop_devices)
+    def test_what_the_kernel_does_not_mount_the_machine_may(self):
+        if sanitizer():
+            return
+        disk = self.ext("ext4", "-O", "^metadata_csum", "-L", "name")
+        with open(disk, "r+b") as file:
+            file.seek(1024 + 4)
+            file.write((1 << 24).to_bytes(4, "little"))  # blocks: more than there are
+        status, out, err = self.browse_disk(disk)
+        self.assertEqual((status, err), (0, ""))
+        self.assertRegex(out, "ext4 +name: can't be mounted: .*; --untrusted may show it\n$")
+
+    @needs(why_no_mounts, why_no_loop_devices)
+    def test_it_is_mounted_also_where_the_list_can_not_be_printed(self):
+        if sanitizer():
+            return
+        for sink in (">/dev/full", "| true"):
+            with self.subTest(sink):
+                status, out, err = self.browse_disk(self.ext("ext4"), 'ls "$look/1"; grep -c ext4 "$look/list.txt"',
+                                                    start=f'set -o pipefail; "$browse" image "$look" {sink}')
+                self.assertEqual((status, out.split()), (0, ["lost+found", "1"]))
+                self.assertIn(f"kestrix-browse: {self.browsed} shows it; the list lies there in list.txt\n", err)
+
+    @needs(why_no_mounts, why_no_loop_devices)
+    def test_without_the_machine_the_command_that_goes_on_is_one_of_this_system(self):
+        if sanitizer():
+            return
+        disk = self.path("disk")
+        with open(disk, "wb") as file:
+            file.write((b"LUKS\xba\xbe\0\1").ljust(MIB, b"\0"))
+        others = programs_but(self.folder, "guestfish")
+        start = f'PATH={self.bin}:{others} "$browse" image "$look"'
+        self.assertEqual(self.browse_disk(disk, start=start), (0, "1       1.0MiB  crypto_LUKS   locked; to open it: "
+                         "cryptsetup open --readonly /dev/nbd0 open, which makes /dev/mapper/open\n", ""))

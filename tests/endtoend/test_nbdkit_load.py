@@ -87,8 +87,10 @@ class Load(NbdkitTest):
         bad = {3, 20}
         for i in bad:
             flip_byte(self.path("full"), len(written.record.head()) + i * MIB)
-        server = self.serve("full", "cache=0")
+        # nbdkit keeps memory for the largest request of each of its threads.
+        server = self.serve("full", "cache=0", options=["--threads=2"])
         self.check_load(server, disk, MIB, bad, wholeChunks=0.3)
+        self.check_memory(server, 16 * MIB, 24)
         self.assertEqual(server.said().count("its digest is not the recorded one"), len(bad))
 
     def test_eight_clients_get_their_bytes_and_errors_from_a_damaged_image_of_small_chunks(self):

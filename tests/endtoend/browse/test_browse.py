@@ -54,9 +54,11 @@ class BrowseTest(harness.MachineTest):
         """Browses the image; gives the list as {number: (size, kind, the rest)}."""
         run = self.browse(*arguments, "image", self.browsed, user=user)
         self.assertEqual((run.status, run.err.decode()), (0, ""))
-        self.runFolder = self.run_folder()
         self.listed = run.out
-        lines = [re.fullmatch(r"(\d+) +(\S+) +(\S+) +(.*)", line).groups() for line in run.out.decode().splitlines()]
+        *listed, last = run.out.decode().splitlines()
+        self.assertRegex(last, r"^What can't be read is told in /\S+/kestrix-browse\.\w+/server\.log$")
+        self.runFolder = os.path.dirname(last.split()[-1])
+        lines = [re.fullmatch(r"(\d+) +(\S+) +(\S+) +(.*)", line).groups() for line in listed]
         return {int(number): (size, kind, rest) for number, size, kind, rest in lines}
 
     def run_folder(self):
@@ -79,11 +81,11 @@ class BrowseTest(harness.MachineTest):
                 found.append((int(pid), line))
         return found
 
-    def kill(self, program):
+    def kill(self, program, number=signal.SIGKILL):
         pids = [pid for pid, line in self.processes(self.runFolder) if line.startswith(program)]
         self.assertNotEqual(pids, [], f"there is no {program}")
         for pid in pids:
-            os.kill(pid, signal.SIGKILL)
+            os.kill(pid, number)
 
     def stop(self, user=None):
         if os.path.isdir(self.folder):
@@ -113,9 +115,22 @@ class BrowseTest(harness.MachineTest):
         self.assertEqual(caught.exception.errno, errno.EROFS)
 
 
+def data_offset(written, i):
+    """File offset of what the image stores of chunk i."""
+    return len(written.record.head()) + sum(len(data) for data in written.record.data[:i])
+
+
 class FileSystems(BrowseTest):
-    def go_on(self, partition):
-        return f"guestfish --ro --format=raw -a 'nbd://?socket={self.runFolder}/socket' run : {partition}"
+    def go_on(self, opening="", volume="DEVICE"):
+        return (f"guestfish --ro --format=raw -a 'nbd://?socket={self.runFolder}/socket' run : {opening}"
+                f"list-filesystems, then the same with : mount-ro {volume} / : ll / behind it")
+
+    def run_listed(self, line, behind, text=""):
+        """What the command in a line of the list says, with more behind it."""
+        command = re.search("guestfish .* list-filesystems", line).group()
+        done = subprocess.run(["bash", "-c", f"{command} : {behind}"], input=text, stdout=subprocess.PIPE, text=True,
+                              timeout=TIME_LIMIT, env={**SURROUNDINGS, "LIBGUESTFS_BACKEND": "direct"}, check=True)
+        return done.stdout
 
     def test_every_file_system_of_a_gpt_disk_shows_its_files_and_the_image_stays_as_it_is(self):
         make = self.maker
@@ -123,31 +138,37 @@ class FileSystems(BrowseTest):
         partitions = [make.ext4_after_a_crash("p1", "after a crash", replayed), make.xfs("p2", "second"),
                       make.btrfs("p3", "third"), make.ntfs("p4", "fourth"), make.vfat("p5", "FIFTH"),
                       make.exfat("p6", "sixth"), make.swap("p7"), make.luks("p8"), make.lvm("p9"),
-                      make.bitlocker("p10"), make.sized("p11", 1), make.ext4_that_is_cut_off("p12", "cut off")]
+                      make.bitlocker("p10"), make.sized("p11", 1), make.ext4_that_is_cut_off("p12", "cut off"),
+                      self.path("p2"), make.vfat("p14", "BAD")]
         self.file("password", b"secret\n")
-        self.image_of(make.disk("disk", "gpt", partitions), password=b"secret")
+        written = self.image_of(make.disk("disk", "gpt", partitions), password=b"secret")
+        bad = sum(os.path.getsize(partition) // MIB + 1 for partition in partitions[:13]) + 1
+        kestrix_image.flip_byte(self.path("image"), data_offset(written, bad))
         before = self.digest("image")
         listed = self.show("--password-file", "password")
         cannot = listed[12][2].partition("can't be mounted: ")[2]
         self.assertRegex(cannot, "/dev/sd[a-z]12")  # the letter is that which the disk got inside of the machine
-        unlock = "cryptsetup-open /dev/sda%d open : mount-ro /dev/mapper/open / : ll /"
+        unlock = "cryptsetup-open /dev/sda%d open : lvm-scan true : "
+        cause = f"{self.path('image')}: chunk {bad}: its seal is broken, or the password is another"
         self.assertEqual(listed, {
             1: ("16.0MiB", "ext4", "after a crash"), 2: ("32.0MiB", "xfs", "second"), 3: ("40.0MiB", "btrfs", "third"),
             4: ("8.0MiB", "ntfs", "fourth"), 5: ("8.0MiB", "vfat", "FIFTH"), 6: ("8.0MiB", "exfat", "sixth"),
             7: ("1.0MiB", "swap", "no files"),
             8: ("1.0MiB", "crypto_LUKS", "locked; to open it: " + self.go_on(unlock % 8)),
-            9: ("2.0MiB", "LVM2_member", "logical volumes; to see them: " + self.go_on("lvs")),
+            9: ("2.0MiB", "LVM2_member", "logical volumes; to see them: " + self.go_on("", "/dev/VG/LV")),
             10: ("1.0MiB", "BitLocker", "locked; to open it: " + self.go_on(unlock % 10)),
             11: ("1.0MiB", "unknown", "nothing that is known here"),
-            12: ("16.0MiB", "ext4", "cut off: can't be mounted: " + cannot)})
-        self.assertEqual(sorted(os.listdir(self.browsed)), ["1", "2", "3", "4", "5", "6", "list.txt"])
+            12: ("16.0MiB", "ext4", "cut off: can't be mounted: " + cannot),
+            13: ("32.0MiB", "xfs", "second"), 14: ("8.0MiB", "unknown", "can't be read: " + cause)})
+        self.assertEqual(sorted(os.listdir(self.browsed)), ["1", "13", "2", "3", "4", "5", "6", "list.txt"])
+        self.assertIn(f"error: {cause}\n", self.file_bytes(f"{self.runFolder}/server.log").decode())
         with open(os.path.join(self.browsed, "list.txt"), "rb") as file:
             self.assertEqual(file.read(), self.listed)
         self.assertEqual(self.read(1)[:len(replayed)], replayed[:len(HELLO)])
-        for number in range(2, 7):
+        for number in (2, 3, 4, 5, 6, 13):
             self.assertEqual(self.read(number), HELLO)
-        for number in range(1, 7):
             self.check_read_only(number)
+        self.check_read_only(1)
         self.stop()
         self.check_nothing_is_left()
         self.assertEqual(self.digest("image"), before)
@@ -178,6 +199,71 @@ class FileSystems(BrowseTest):
         self.assertEqual(self.read(1), HELLO)
         self.kill("guestfish")
         self.stop()
+        self.check_nothing_is_left()
+
+    def fill(self, disk, opening, device, text=""):
+        """Makes a volume group of a device, with hello.txt in its one volume."""
+        subprocess.run(["guestfish", "--format=raw", "-a", disk, "run", *opening, ":", "pvcreate", device, ":",
+                        "vgcreate", "group", device, ":", "lvcreate", "files", "group", "8", ":",
+                        "mkfs", "ext4", "/dev/group/files", ":", "mount", "/dev/group/files", "/", ":",
+                        "upload", f"{self.maker.content}/hello.txt", "/hello.txt"], input=text, text=True, check=True,
+                       stdout=subprocess.PIPE, timeout=TIME_LIMIT,
+                       env={**SURROUNDINGS, "LIBGUESTFS_BACKEND": "direct"})
+
+    def check_only_listed(self, listed, told):
+        self.assertEqual(listed, {1: told})
+        self.assertEqual(sorted(os.listdir(self.browsed)), [".browse", "list.txt"])
+        with open(os.path.join(self.browsed, "list.txt"), "rb") as file:
+            self.assertEqual(file.read(), self.listed)
+
+    def test_a_disk_of_nothing_but_luks_is_listed_and_its_command_opens_the_volumes_in_it(self):
+        disk = self.maker.sized("disk", 32)
+        self.file("key", b"secret")
+        self.must("cryptsetup", "luksFormat", "-q", "--type", "luks1", "--pbkdf-force-iterations", "1000", "--key-file",
+                  self.path("key"), disk)
+        opening = "cryptsetup-open /dev/sda open"
+        self.fill(disk, [":", *opening.split()], "/dev/mapper/open", "secret\n")
+        self.image_of(disk)
+        listed = self.show()
+        self.check_only_listed(listed, ("32.0MiB", "crypto_LUKS",
+                                        "locked; to open it: " + self.go_on(f"{opening} : lvm-scan true : ")))
+        said = self.run_listed(listed[1][2], "mount-ro /dev/group/files / : cat /hello.txt", "secret\n")
+        self.assertIn("/dev/group/files: ext4\n" + HELLO.decode(), said)
+        self.stop()
+        self.check_nothing_is_left()
+
+    def test_a_disk_of_nothing_but_volumes_is_listed_and_its_command_opens_them(self):
+        disk = self.maker.sized("disk", 32)
+        self.fill(disk, [], "/dev/sda")
+        self.image_of(disk)
+        listed = self.show("--untrusted")
+        self.check_only_listed(listed, ("32.0MiB", "LVM2_member",
+                                        "logical volumes; to see them: " + self.go_on("", "/dev/VG/LV")))
+        said = self.run_listed(listed[1][2], "mount-ro /dev/group/files / : cat /hello.txt")
+        self.assertIn("/dev/group/files: ext4\n" + HELLO.decode(), said)
+        self.stop()
+        self.check_nothing_is_left()
+
+    def test_a_disk_whose_start_can_not_be_read_does_not_look_empty(self):
+        written = self.image_of(self.maker.ext4("disk", "whole"))
+        kestrix_image.flip_byte(self.path("image"), data_offset(written, 0))
+        run = self.browse("image", self.browsed)
+        self.assertEqual((run.status, run.out), (1, b""))
+        self.assertEqual(run.err.decode().splitlines()[0], f"kestrix-browse: the disk can't be read: "
+                         f"{self.path('image')}: chunk 0: its digest is not the recorded one")
+        self.assertEqual(os.listdir(self.browsed), [])
+
+    def test_it_is_stopped_while_its_server_hangs_and_someone_reads(self):
+        self.maker.put("content/large", os.urandom(8 * MIB))
+        self.image_of(self.maker.ext4("disk", "whole"))
+        self.show()
+        self.kill("nbdkit", signal.SIGSTOP)
+        reader = subprocess.Popen(["cat", os.path.join(self.browsed, "1", "large")], stdout=subprocess.DEVNULL,
+                                  stderr=subprocess.DEVNULL)
+        with self.assertRaises(subprocess.TimeoutExpired):
+            reader.wait(2)
+        self.stop()
+        self.assertNotEqual(reader.wait(TIME_LIMIT), 0)
         self.check_nothing_is_left()
 
     def test_a_user_without_rights_browses_a_disk_of_4096_byte_sectors(self):
