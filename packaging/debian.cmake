@@ -26,8 +26,8 @@ QEMU guests from their host.]])
 
 set(CPACK_DEBIAN_PLUGIN_PACKAGE_NAME nbdkit-plugin-kestrix)
 set(CPACK_DEBIAN_PLUGIN_PACKAGE_DEPENDS "nbdkit (>= 1.32), procps")
-set(CPACK_DEBIAN_PLUGIN_PACKAGE_RECOMMENDS "guestfish, fuse3, libnbd-bin")
-set(CPACK_DEBIAN_PLUGIN_PACKAGE_SUGGESTS "nbd-client, qemu-utils")
+set(CPACK_DEBIAN_PLUGIN_PACKAGE_RECOMMENDS "guestfish, fuse3, fdisk, libnbd-bin, ntfs-3g")
+set(CPACK_DEBIAN_PLUGIN_PACKAGE_SUGGESTS "cryptsetup-bin, lvm2, nbd-client, qemu-utils")
 set(CPACK_DEBIAN_PLUGIN_PACKAGE_ENHANCES nbdkit)
 set(CPACK_DEBIAN_PLUGIN_DESCRIPTION [[
 serves and shows what a Kestrix image holds
@@ -75,9 +75,9 @@ install_legal(kestrix kestrix libstdc++6 libc6 liburing-dev libcli11-dev nlohman
 file(GLOB modules CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/companions/kestrix-vm/kestrix_vm/*.py)
 install(PROGRAMS ${CMAKE_SOURCE_DIR}/companions/kestrix-vm/kestrix-vm DESTINATION bin COMPONENT kestrix)
 install(FILES ${modules} DESTINATION share/kestrix-vm/kestrix_vm COMPONENT kestrix)
-# One file for all three, which bash looks for by the name of the program.
+# One file for all of them, which bash looks for by the name of the program.
 install(FILES ${CMAKE_SOURCE_DIR}/completion/bash/kestrix DESTINATION ${completions} COMPONENT kestrix)
-foreach(name IN ITEMS kestrix-image kestrix-keep)
+foreach(name IN ITEMS kestrix-image kestrix-keep kestrix-vm)
   file(CREATE_LINK kestrix ${CMAKE_CURRENT_BINARY_DIR}/${name} SYMBOLIC)
   install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${name} DESTINATION ${completions} COMPONENT kestrix)
 endforeach()

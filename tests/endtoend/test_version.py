@@ -32,7 +32,7 @@ class Version(unittest.TestCase):
                 self.assertEqual(said("sh", "-c", command, PROGRAM), f"Kestrix {of_the_tree()}\n")
 
     def test_of_companions_is_told_by_an_option(self):
-        for name in ("kestrix-image", "kestrix-keep", "kestrix-browse"):
+        for name in ("kestrix-image", "kestrix-keep", "kestrix-browse", "kestrix-vm"):
             with self.subTest(name):
                 self.assertEqual(said(os.path.join(FOLDER, name), "--version"), f"{name} {of_the_tree()}\n")
 

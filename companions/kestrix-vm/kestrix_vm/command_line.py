@@ -3,6 +3,7 @@ import argparse
 import json
 import sys
 
+from . import VERSION
 from .capture import capture, human, say
 from .disks import refuse_unfit
 from .fault import Fault, NotBegun
@@ -26,6 +27,7 @@ def make_parser():
     parser = Parser(prog="kestrix-vm", description="Captures disks of running QEMU guests by kestrix: the disk of one "
                     "moment, and of a later image only what changed.", epilog=SUBCOMMANDS,
                     formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--version", action="version", version=f"kestrix-vm {VERSION}")
     commands = parser.add_subparsers(dest="command", required=True, metavar="SUBCOMMAND", help=argparse.SUPPRESS)
     disks = commands.add_parser("disks", description="Shows the disks of the "
                                 "guests: where they lie, whether what changes can be tracked, and the last capture.")

@@ -13,7 +13,7 @@ import time
 import xml.etree.ElementTree as ET
 
 from .bitmaps import (EXTENT, GRANULARITY, STOOD_STILL, TWIN, Previous, add_action, extent_granularity, make_marks,
-                       mark_extent, merge_action, read_changes, remove, twin_name, written_since)
+                      mark_extent, merge_action, read_changes, remove, twin_name, written_since)
 from .disks import Disk, refuse_unfit
 from .fault import Fault, NotBegun
 from .qmp import Refused
