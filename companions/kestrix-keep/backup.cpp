@@ -714,15 +714,6 @@ static RetentionState StateOfRetention(const Run &run)
     return {TimeNow(run), IsLately(run, provedAt), since};
 }
 
-static std::string Joined(const std::vector<std::string> &sentences)
-{
-    std::string text;
-    for (const std::string &sentence : sentences) {
-        text += (text.empty() ? "" : "; ") + sentence;
-    }
-    return text;
-}
-
 // From the renaming on the image is gone, whenever the rest comes to be done.
 static bool LetGo(Run &run, const KeptImage &image)
 {
@@ -765,7 +756,7 @@ static void ApplyRetention(Run &run)
             Say(run, "kept: " + image.name + ": " + stuck + " has to go before it");
             continue;
         }
-        Say(run, (decision.isLetGo ? "let go: " : "kept: ") + image.name + ": " + Joined(decision.reasons));
+        Say(run, (decision.isLetGo ? "let go: " : "kept: ") + image.name + ": " + ReasonsText(decision));
         if (decision.isLetGo && !run.options.isDryRun && !LetGo(run, image)) {
             stuck = image.name;
         }

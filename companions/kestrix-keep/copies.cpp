@@ -197,9 +197,8 @@ static reader::Result<std::vector<PlaceFile>> ListThere(const Place &place)
 static const char meanwhileText[] =
     ": another machine copied one of this name meanwhile: give each machine a folder of its own there";
 static const char nameIsTakenText[] =
-    ": there is one of this name already, and nothing says that it is this image. It is left alone, and this one is "
-    "not "
-    "copied: give each machine a folder of its own there, or remove it, with its sidecar, if nobody needs it";
+    ": there is one of this name already, and nothing says that it is this image. It is left alone, and this one "
+    "is not copied: give each machine a folder of its own there, or remove it, with its sidecar, if nobody needs it";
 
 // Two machines whose jobs have one name and one time make images of one name; copying takes long.
 static bool IsStillFree(Copying &run, const KeptImage &image)
