@@ -6,12 +6,15 @@
 //   bare_loop verify IMAGE [KEY]           read, open, digest
 //   bare_loop restore IMAGE DISK [KEY]     read, open or else digest, write unbuffered
 //   bare_loop consolidate IMAGE FILE       read, digest, write; then read what was written, digest
+//   bare_loop tables IMAGE [IMAGE]...      read header and table, digest: what listing images can't do without
+//   bare_loop memory BYTES                 digest so much, of memory alone
 //
 // IMAGE is a full image; its records are taken as they stand. KEY is that of the image, in hexadecimal digits: deriving
 // it is no matter of chunks. FILE gets the chunks alone, since header and table are no matter of chunks either.
 #include <openssl/evp.h>
 #include <openssl/rand.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -118,13 +121,20 @@ static void ReadChunk(const Loop &loop, int file, const Entry &entry)
     Require(read(file, loop.chunk, entry.storedLength) == static_cast<ssize_t>(entry.storedLength), "read");
 }
 
-// The table of an image, whose file is then at its first chunk.
-static std::vector<Entry> ReadTable(int image)
+// The number of chunks of an image, whose file is then at its table.
+static uint64_t ReadCount(int image)
 {
     uint8_t header[headerBytes];
     uint64_t count = 0;
     Require(read(image, header, sizeof(header)) == static_cast<ssize_t>(sizeof(header)), "header");
     memcpy(&count, header + countOffset, sizeof(count));
+    return count;
+}
+
+// The table of an image, whose file is then at its first chunk.
+static std::vector<Entry> ReadTable(int image)
+{
+    const uint64_t count = ReadCount(image);
     std::vector<Entry> table(count);
     const auto tableBytes = static_cast<ssize_t>(count * sizeof(Entry));
     Require(read(image, table.data(), count * sizeof(Entry)) == tableBytes, "table");
@@ -200,6 +210,34 @@ static void Consolidate(const char *path, const char *file)
     }
 }
 
+static void Tables(char **paths)
+{
+    const Loop loop = MakeLoop(nullptr, false);
+    for (char **path = paths; *path != nullptr; ++path) {
+        const int image = Open(*path, O_RDONLY);
+        for (uint64_t left = ReadCount(image) * sizeof(Entry); left != 0;) {
+            uint8_t digest[32];
+            const auto length = static_cast<size_t>(std::min<uint64_t>(left, chunkBytes));
+            Require(read(image, loop.chunk, length) == static_cast<ssize_t>(length), "table");
+            Digest(loop, length, digest);
+            left -= length;
+        }
+        close(image);
+    }
+}
+
+static void Memory(const char *bytes)
+{
+    const Loop loop = MakeLoop(nullptr, false);
+    memset(loop.chunk, 0x5A, chunkBytes);
+    for (uint64_t left = strtoull(bytes, nullptr, 10); left != 0;) {
+        uint8_t digest[32];
+        const auto length = static_cast<size_t>(std::min<uint64_t>(left, chunkBytes));
+        Digest(loop, length, digest);
+        left -= length;
+    }
+}
+
 int main(int argc, char **argv)
 {
     const std::string mode = argc > 2 ? argv[1] : "";
@@ -215,8 +253,14 @@ int main(int argc, char **argv)
         Restore(argv[2], third, fourth);
     } else if (mode == "consolidate" && third != nullptr) {
         Consolidate(argv[2], third);
+    } else if (mode == "tables") {
+        Tables(argv + 2);
+    } else if (mode == "memory") {
+        Memory(argv[2]);
     } else {
-        fprintf(stderr, "usage: bare_loop capture|digest|verify|restore|consolidate PATH [PATH] [KEY]\n");
+        fprintf(stderr, "usage: bare_loop capture|digest|verify|restore|consolidate PATH [PATH] [KEY]\n"
+                        "       bare_loop tables PATH [PATH]...\n"
+                        "       bare_loop memory BYTES\n");
         return 1;
     }
     return 0;

@@ -6,10 +6,12 @@ from dataclasses import dataclass
 
 from commands import SOURCE, TARGET_FILE, size_of
 from growth import change, write_head
-from machine import CHUNK, GIB, Contender, fill_with
+from machine import CHUNK, GIB, TIB, Contender, fill_with
 
 PROGRAM = "kestrix-image"
 CHAIN = 30
+CORES = os.cpu_count()
+LARGER, LARGER_COUNT = "larger", 8 * CORES  # a folder of images of disks of 4 TiB, and how many
 
 
 @dataclass
@@ -27,12 +29,18 @@ class Row:
 ROWS = [
     Row("check of a full image", "check --cached full", "kestrix verify", "{kestrix} verify --in full", 0.60,
         reads=("full",)),
+    Row("check of a full image on all cores", "check --cached full",
+        f"digest of 1/{CORES} of that much memory on one core", "{bareLoop} memory {share}", 1.15, reads=("full",)),
     Row("compare, cold", f"compare full --disk {SOURCE}", "bare loop", "{bareLoop} digest {source}", 0.60, "cold"),
     Row("compare, warm", f"compare --cached full --disk {SOURCE}", "bare loop", "{bareLoop} digest {source}", 0.60),
     Row("extract of a disk that is half zeros", "extract half --out out", "kestrix restore onto a file",
         f"{{kestrix}} restore --in half --disk {TARGET_FILE} --confirm YES", 1.00, "cold"),
     Row(f"check of a chain of {CHAIN}", f"check --cached image{CHAIN - 1}", "check of a full image of that disk",
         "{program} check --cached whole", 1.15, reads=("whole",)),
+    Row(f"tree over {LARGER_COUNT} images of disks of 4 TiB, cold", f"tree {LARGER}",
+        "reading and digesting their tables on all cores",
+        f"xargs --arg-file=list --max-procs={CORES} --max-args={LARGER_COUNT // CORES} {{bareLoop}} tables", 1.20,
+        "cold"),
 ]
 TREE = "tree over a folder of images"
 
@@ -63,15 +71,16 @@ def make_chain(machine, size):
 def compare(machine, row, rounds):
     program = os.path.join(machine.folder, PROGRAM)
     names = {"kestrix": machine.kestrix, "bareLoop": machine.bareLoop, "program": program,
-             "source": machine.device(f"PhysicalDrive{SOURCE}")}
+             "source": machine.device(f"PhysicalDrive{SOURCE}"),
+             "share": size_of(machine.path("source.disk")) // CORES}
     contenders = {PROGRAM: Contender([program, *row.ours.split()], row.makes),
                   row.beside: Contender([word.format(**names) for word in row.theirs.split()], row.makes)}
     return machine.compare(contenders, rounds, {"row": row.name}, row.cache, [machine.path(name) for name in row.reads])
 
 
-def make_folder(machine, count, diskBytes):
+def make_folder(machine, name, count, diskBytes):
     """Images of which only header and table are there to be read: the rest is a hole."""
-    folder = machine.path("folder")
+    folder = machine.path(name)
     os.mkdir(folder)
     write_head(os.path.join(folder, "head"), diskBytes)
     with open(os.path.join(folder, "head"), "rb") as file:
@@ -82,6 +91,7 @@ def make_folder(machine, count, diskBytes):
         with open(os.path.join(folder, f"{number:04}.kstx"), "wb") as file:
             file.write(head)
             file.truncate(len(head) + diskBytes)
+            os.fsync(file.fileno())
 
 
 def measure(machine, rounds, quick):
@@ -92,8 +102,12 @@ def measure(machine, rounds, quick):
     for row in ROWS:
         if row.ours.endswith(f"image{CHAIN - 1}"):
             make_chain(machine, size)
+        elif row.ours.endswith(LARGER):
+            make_folder(machine, LARGER, LARGER_COUNT, TIB // 64 if quick else 4 * TIB)
+            with open(machine.path("list"), "w", encoding="ascii") as file:
+                file.writelines(f"{LARGER}/{name}\n" for name in sorted(os.listdir(machine.path(LARGER))))
         records += compare(machine, row, rounds)
     count = 10 if quick else 1000
-    make_folder(machine, count, 16 * GIB)
+    make_folder(machine, "folder", count, 16 * GIB)
     tree = Contender([os.path.join(machine.folder, PROGRAM), "tree", "folder"])
     return records + machine.compare({PROGRAM: tree}, rounds, {"row": TREE, "images": count}, "cold")

@@ -183,10 +183,17 @@ Trouble ReadAt(const Source &source, uint64_t offsetBytes, void *buffer, size_t 
                          : ReadAround(source, offsetBytes, bytes, byteCount);
     }
     if (byteCount >= worthAnnouncing) {
+        Announce(source, offsetBytes, byteCount);
+    }
+    return ReadFully(source.handle->descriptor, offsetBytes, bytes, byteCount);
+}
+
+void Announce(const Source &source, uint64_t offsetBytes, uint64_t byteCount)
+{
+    if (!source.handle->isDirect) {
         posix_fadvise(source.handle->descriptor, static_cast<off_t>(offsetBytes), static_cast<off_t>(byteCount),
                       POSIX_FADV_WILLNEED);
     }
-    return ReadFully(source.handle->descriptor, offsetBytes, bytes, byteCount);
 }
 
 bool IsGone(const Source &source)

@@ -197,6 +197,8 @@ Trouble ReadAt(const Source &source, uint64_t offsetBytes, void *buffer, size_t 
     return {};
 }
 
+void Announce(const Source & /*source*/, uint64_t /*offsetBytes*/, uint64_t /*byteCount*/) {}
+
 bool IsGone(const Source &source)
 {
     uint8_t first = 0;

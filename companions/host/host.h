@@ -60,6 +60,10 @@ constexpr char beingWritten[] = "another program is writing it";
 // that is a trouble as well; the buffer's content is then undefined.
 [[nodiscard]] Trouble ReadAt(const Source &source, uint64_t offsetBytes, void *buffer, size_t byteCount);
 
+// Says that these bytes will be read soon, one after the other. It promises nothing, fails in nothing, and does nothing
+// on Windows, where the cache finds that out by itself, and for what is read past the cache.
+void Announce(const Source &source, uint64_t offsetBytes, uint64_t byteCount);
+
 // Whether nothing can be read of what source has open, not even its first byte: the medium was pulled, or the way to it
 // is cut. To be asked after a read that failed.
 bool IsGone(const Source &source);

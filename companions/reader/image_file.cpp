@@ -12,6 +12,7 @@ namespace reader
 {
 
 static constexpr uint64_t entriesPerPiece = 8192;
+static constexpr uint64_t piecesAhead = 8; // on their way from the medium while one is digested
 static constexpr uint64_t chunksPerPlace = 16;
 static constexpr uint64_t longestTable =
     UINT32_MAX; // bytes: their count is held in 32 bits wherever a table is written
@@ -172,6 +173,15 @@ static bool ReadHeader(const host::Source &source, ImageFacts *facts)
     return true;
 }
 
+// Announces twice as much as is read until the next time, so that there is always some on its way.
+static void AnnounceTable(const host::Source &source, uint64_t first, uint64_t chunkCount)
+{
+    const uint64_t count = std::min(chunkCount - first, 2 * piecesAhead * entriesPerPiece);
+    if (count > entriesPerPiece) {
+        host::Announce(source, StartOfData(first), count * sizeof(ChunkEntry));
+    }
+}
+
 static bool ReadTable(const host::Source &source, ImageFacts *facts, const TakeTable &take)
 {
     const uint64_t chunkCount = facts->header.chunkCount;
@@ -183,6 +193,9 @@ static bool ReadTable(const host::Source &source, ImageFacts *facts, const TakeT
     for (uint64_t first = 0; first < chunkCount; first += piece.size()) {
         const uint64_t count = std::min<uint64_t>(piece.size(), chunkCount - first);
         const auto bytes = static_cast<size_t>(count * sizeof(ChunkEntry));
+        if (first % (piecesAhead * entriesPerPiece) == 0) {
+            AnnounceTable(source, first, chunkCount);
+        }
         if (const host::Trouble trouble = host::ReadAt(source, StartOfData(first), piece.data(), bytes)) {
             Refuse(facts, FileKind::Unreadable, "its chunk table can't be read: " + *trouble);
             return false;
