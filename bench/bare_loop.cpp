@@ -3,6 +3,7 @@
 //
 //   bare_loop capture DISK FILE [KEY]      read unbuffered, digest, seal, write
 //   bare_loop digest DISK                  read unbuffered, digest: a thin capture of a disk that did not change
+//   bare_loop digest-cached DISK           read through the page cache, digest
 //   bare_loop verify IMAGE [KEY]           read, open, digest
 //   bare_loop restore IMAGE DISK [KEY]     read, open or else digest, write unbuffered
 //   bare_loop consolidate IMAGE FILE       read, digest, write; then read what was written, digest
@@ -141,10 +142,10 @@ static std::vector<Entry> ReadTable(int image)
     return table;
 }
 
-static void Capture(const char *disk, const char *file, const char *key)
+static void Capture(const char *disk, int flags, const char *file, const char *key)
 {
     const Loop loop = MakeLoop(key, true);
-    const int source = Open(disk, O_RDONLY | O_DIRECT);
+    const int source = Open(disk, O_RDONLY | flags);
     const int image = file != nullptr ? Open(file, O_WRONLY | O_CREAT | O_TRUNC) : -1;
     for (;;) {
         uint8_t digest[32];
@@ -244,9 +245,11 @@ int main(int argc, char **argv)
     const char *third = argc > 3 ? argv[3] : nullptr;
     const char *fourth = argc > 4 ? argv[4] : nullptr;
     if (mode == "capture" && third != nullptr) {
-        Capture(argv[2], third, fourth);
+        Capture(argv[2], O_DIRECT, third, fourth);
     } else if (mode == "digest") {
-        Capture(argv[2], nullptr, nullptr);
+        Capture(argv[2], O_DIRECT, nullptr, nullptr);
+    } else if (mode == "digest-cached") {
+        Capture(argv[2], 0, nullptr, nullptr);
     } else if (mode == "verify") {
         Verify(argv[2], third);
     } else if (mode == "restore" && third != nullptr) {
@@ -258,7 +261,7 @@ int main(int argc, char **argv)
     } else if (mode == "memory") {
         Memory(argv[2]);
     } else {
-        fprintf(stderr, "usage: bare_loop capture|digest|verify|restore|consolidate PATH [PATH] [KEY]\n"
+        fprintf(stderr, "usage: bare_loop capture|digest|digest-cached|verify|restore|consolidate PATH [PATH] [KEY]\n"
                         "       bare_loop tables PATH [PATH]...\n"
                         "       bare_loop memory BYTES\n");
         return 1;

@@ -463,15 +463,11 @@ def draw(results):
 
 INTRODUCTION = """# Performance
 
-Written by `scripts/bench`; by hand only the causes in `bench/notes.md` are added. Each command is measured beside the
-*bare loop* (`bench/bare_loop.cpp`): what the command can't do without, on one thread, with one buffer on huge pages:
-unbuffered reads and writes of 4 MiB on disks, SHA-256 and AES-256-GCM of the same libcrypto, images through the page
-cache. The disk is made from a fixed seed: a third random, a third hexadecimal digits, a third stored zeros. Runs
-alternate, every second round in the other order, and the first round is dropped. Figures are medians, with the least
-and the most; ratios are taken pair by pair. Cold: the page cache was dropped before the run. Warm: the image that is
-read was in it. Before each run memory is taken, written to and given back, so that no run pays for memory that the
-machine has to get from its host first. CPU is user and system time of the process and those that it waited for. Memory
-is the most of any one process.
+Each command is measured beside the *bare loop*: what the command can't do without, on one thread and with one buffer.
+Runs alternate. Figures are medians, with the least and the most; ratios are taken pair by pair. Cold: the page cache
+was dropped before the run. Warm: what is read was in it. CPU is user and system time of the process and those that it
+waited for. Memory is the most of any one process. How all of this is done stands in the source tree, in
+`docs/development/measuring.md`.
 """
 
 
