@@ -432,6 +432,12 @@ def setting_text(about):
     return "\n".join(lines) + "\n"
 
 
+def measured_when(results, part):
+    """A part may have been measured on another day than the first, and of another commit."""
+    about = results[part]["about"]
+    return f"Measured on {about['date']} at {about['kestrix']}."
+
+
 def bars(records, names, wanted, ours):
     found = []
     for name in names:
@@ -486,15 +492,15 @@ def write(results, notesPath):
     imageText = []
     if "images" in results:
         found = results["images"]
-        imageText = [f"## kestrix-image\n\nA disk of {size_text(found['size'])}.\n",
+        imageText = [f"## kestrix-image\n\nA disk of {size_text(found['size'])}. {measured_when(results, 'images')}\n",
                      image_goals(found["records"], goals)]
     nightText = []
     if "nightly" in results:
         found = results["nightly"]
-        nightText = [f"## A night of kestrix-keep\n\nA disk of {size_text(found['size'])} on a loop device, cold; "
-                     f"measured on {found['about']['date']} at {found['about']['kestrix']}. A full image is read back "
-                     "from the medium\nas it has to be, once for its chunks and once for the digest of the file; with "
-                     "that left out it is a capture.\n", night_goals(found["records"], goals)]
+        nightText = [f"## A night of kestrix-keep\n\nA disk of {size_text(found['size'])} on a loop device, cold. "
+                     f"{measured_when(results, 'nightly')} A full image is read back from the medium\nas it has to be, "
+                     "once for its chunks and once for the digest of the file; with that left out it is a capture.\n",
+                     night_goals(found["records"], goals)]
     if "serving" in results:
         stated += [serving_goals(results["serving"]["records"], goals)]
     text += ["## Goals\n\nA figure in bold misses its goal.\n", "".join(stated)]
@@ -504,12 +510,15 @@ def write(results, notesPath):
     if picture:
         text += ["![Wall and processor time](performance.svg)\n"]
     if "commands" in results:
-        text += [f"## Commands\n\nA disk of {size_text(results['commands']['size'])}.\n",
+        text += [f"## Commands\n\nA disk of {size_text(results['commands']['size'])}. "
+                 f"{measured_when(results, 'commands')}\n",
                  all_commands(results["commands"]["records"])]
     if "closing" in results:
         text += ["## What complete costs\n\nClosing what was written brings it to the disk. Beside that, the same "
                  "program without the calls that wait for\nthe disk at the close, which ends before all is there. "
-                 f"Cold, loop devices, a disk of {size_text(results['closing']['size'])}.\n",
+                 "Waiting makes no run faster: a ratio below 1\ntells how far figures swing on such a machine. "
+                 f"Cold, loop devices, a disk of {size_text(results['closing']['size'])}. "
+                 f"{measured_when(results, 'closing')}\n",
                  all_closes(results["closing"]["records"])]
     text += imageText + nightText
     if "peers" in results:
@@ -517,16 +526,15 @@ def write(results, notesPath):
         names = "; ".join(f"{name}: {version}" for name, version in found["about"]["peers"].items())
         text += [f"## Peers\n\nThe same disk of {size_text(found['size'])} on a loop device, cold, since "
                  "a warm cache would help only those who read through it; the fastest first. "
-                 f"Versions: {names}.\n", all_peers(found["records"])]
+                 f"{measured_when(results, 'peers')} Versions: {names}.\n", all_peers(found["records"])]
     if "growth" in results:
         found = results["growth"]
-        about = found["about"]
-        text += [f"## How cost grows\n\nMeasured on {about['date']} at {about['kestrix']}; load before the first run "
-                 f"{about['load']:.2f}.\n", growth_text(found["records"])]
+        text += [f"## How cost grows\n\n{measured_when(results, 'growth')}\n", growth_text(found["records"])]
     if "serving" in results:
         found = results["serving"]
         text += ["## An image served by nbdkit\n\n"
-                 f"A disk of {size_text(found['size'])} of random bytes. The whole disk goes through nbdcopy into "
+                 f"A disk of {size_text(found['size'])} of random bytes. {measured_when(results, 'serving')} The "
+                 "whole disk goes through nbdcopy into "
                  "nothing, server and client\non two cores and nbdkit with `--threads=2`, beside `kestrix verify` of "
                  "the image on one. The small reads are fio's,\n32 under way, out of a cache that holds all of what "
                  "they read, beside nbdkit's file plugin on the raw disk in the page cache.\n",

@@ -38,7 +38,8 @@ class BrowseScript(MachineTest):
         self.browsed = self.path("look")
         os.mkdir(self.browsed)
         if sanitizer():
-            settings = " ".join(f"{name}={shlex.quote(surroundings()[name])}" for name in ("LD_PRELOAD", "ASAN_OPTIONS"))
+            settings = " ".join(f"{name}={shlex.quote(surroundings()[name])}"
+                                for name in ("LD_PRELOAD", "ASAN_OPTIONS"))
             self.stand_in("nbdkit", f'exec env {settings} /usr/bin/nbdkit "$@"')
 
     def stand_in(self, name, text):

@@ -1,6 +1,7 @@
 """What a process finds around it: descriptors that are closed, a reader that leaves, no /proc, a loader in front, a
 configuration of the cryptography library, modes of new files, disks that go away, and the power that fails at once.
 """
+import errno
 import itertools
 import os
 import shutil
@@ -103,6 +104,21 @@ class Surroundings(MachineTest):
         os.symlink("devices", self.devices)
         self.assertRaises(OSError, os.stat, self.devices)
         self.check_no_device('"$@"')
+
+    def test_a_devices_folder_of_which_nobody_can_tell_whether_it_is_there_leaves_no_device(self):
+        longest = 4095  # bytes of a path
+        folder = os.path.join(self.folder, "")
+        while len(folder) + len("devices") <= longest:
+            folder += "f" * max(1, min(200, longest - len("devices") - len(folder))) + "/"
+        os.makedirs(folder)
+        shutil.copy2(self.program, folder + "k")
+        handle = os.open(folder, os.O_RDONLY)
+        self.addCleanup(os.close, handle)
+        os.mkdir("devices", dir_fd=handle)
+        with self.assertRaises(OSError) as raised:
+            os.lstat(folder + "devices")
+        self.assertEqual(raised.exception.errno, errno.ENAMETOOLONG)
+        self.check_no_device(f'shift; exec {folder}k "$@"')
 
     def test_behind_a_loader_no_device_exists(self):
         loader = [word for word in self.must("readelf", "--program-headers", self.program).split()

@@ -382,10 +382,16 @@ static void ExtractWhatThereIs(const ImageFiles &images, const Json &checked)
 static bool HoldsItsChunks(const Bytes &file)
 {
     const HeaderFields header = HeaderOf(file);
+    const std::vector<EntryFields> entries = EntriesOf(file);
+    const bool storesAny =
+        std::any_of(entries.begin(), entries.end(), [](const EntryFields &entry) { return entry.storedLength != 0; });
+    if (!storesAny || (header.encrypted != 0 && header.kdfIterations == 0)) {
+        return !storesAny; // no key comes from no iterations
+    }
     const std::array<uint8_t, 32> key =
         header.encrypted != 0 ? Pbkdf2Of("password", header.salt, header.kdfIterations) : std::array<uint8_t, 32>();
     uint64_t place = DataStartOf(file);
-    for (const EntryFields &entry : EntriesOf(file)) {
+    for (const EntryFields &entry : entries) {
         if (entry.storedLength > file.size() - place) {
             return false;
         }

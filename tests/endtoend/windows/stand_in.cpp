@@ -5,7 +5,7 @@
 // A disk's first sector tells in words where its volume lies and what its label is, so that a restored copy has both.
 // What is written to the folder where a volume is mounted gets onto the disk when that goes offline.
 //
-// KESTRIX_STAND_IN_FAULT, "ROLE FIRST LAST WORD", makes these calls of one role fail: powershell tells another value
+// KESTRIX_STAND_IN_FAULTS, "ROLE FIRST LAST WORD", makes these calls of one role fail: powershell tells another value
 // for the fact WORD, the others end with exit status WORD. Every call is a line in the file log of the folder.
 #include "simulator/images.h"
 #include "simulator/run_command.h"
