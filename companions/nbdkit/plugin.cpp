@@ -8,6 +8,7 @@
 #include "reader/reader.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -33,6 +34,9 @@ constexpr uint64_t leastCacheBytes = 16 * mebibyte; // so that some fetches can 
 constexpr uint32_t largestRequest = 32 * mebibyte;  // bytes; what clients of the protocol count on
 constexpr uint32_t smallestPreferredRequest = 512;  // bytes, as the protocol has it
 constexpr size_t mostToTry = 4;                     // chunks of a sealed image
+constexpr uint64_t bytesAhead = 16 * mebibyte;      // on their way behind the chunk that is fetched
+constexpr uint64_t mostSkipped = 16;                // chunks between two that are fetched one behind the other
+constexpr uint64_t noChunk = UINT64_MAX;
 
 // ---- The command line ----
 
@@ -113,6 +117,7 @@ struct Served {
     Served(reader::Chain opened, uint64_t cacheBytes);
 
     bool Fetch(uint64_t i, uint8_t *out);
+    void AnnounceNext(uint64_t i);
     void TellOnce(uint64_t i, const std::string &what);
 
     const reader::Chain chain;
@@ -120,8 +125,9 @@ struct Served {
     const uint64_t chunkBytes;
     const uint64_t chunkCount; // of those that lie on the disk
     std::vector<bool> isZero;  // for each chunk whether its tables are in order and say that it is zeros
-    std::mutex mutex;          // over what follows
-    std::vector<bool> isTold;  // for each chunk, and one more for what lies behind the last, that it is bad
+    std::atomic<uint64_t> lastFetched{noChunk};
+    std::mutex mutex;         // over what follows
+    std::vector<bool> isTold; // for each chunk, and one more for what lies behind the last, that it is bad
     serving::ChunkCache cache;
 };
 
@@ -287,11 +293,29 @@ void Served::TellOnce(uint64_t i, const std::string &what)
     }
 }
 
+// Where chunks are fetched one behind the other, perhaps by several threads, the next are on their way meanwhile. A
+// chunk of zeros is never fetched, and may be between two that are.
+void Served::AnnounceNext(uint64_t i)
+{
+    const uint64_t before = lastFetched.exchange(i);
+    if (before == noChunk || i <= before || i - before > mostSkipped) {
+        return;
+    }
+    uint64_t announced = 0;
+    for (uint64_t next = i + 1; next < chunkCount && next <= i + mostSkipped && announced < bytesAhead; ++next) {
+        if (!isZero[next]) {
+            reader::AnnounceChunk(chain, next);
+            announced += chunkBytes;
+        }
+    }
+}
+
 // Never throws: who else waits for the chunk would do so for ever. What may pass is told each time, so that it doesn't
 // use up the line of a chunk that turns out to be bad.
 bool Served::Fetch(uint64_t i, uint8_t *out)
 {
     try {
+        AnnounceNext(i);
         const std::optional<reader::Fault> fault = reader::FetchChunk(chain, i, out);
         if (fault && fault->kind == reader::FaultKind::Unavailable) {
             nbdkit_error("%s", host::PrintableText(fault->text).c_str());

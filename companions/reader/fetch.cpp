@@ -209,4 +209,12 @@ std::optional<Fault> FetchChunk(const Chain &chain, uint64_t i, uint8_t *out)
     }
 }
 
+void AnnounceChunk(const Chain &chain, uint64_t i)
+{
+    if (i < chain.ChunkCount() && chain.storedIn[i] != storedNowhere) {
+        const ImageFile &image = chain.images[chain.storedIn[i]];
+        host::Announce(image.source, image.OffsetOf(i), image.table[i].storedLength);
+    }
+}
+
 } // namespace reader

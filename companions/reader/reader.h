@@ -249,6 +249,10 @@ constexpr size_t largestBuffer = size_t{8} << 20;
 // fault the content of out is undefined.
 std::optional<Fault> FetchChunk(const Chain &chain, uint64_t i, uint8_t *out);
 
+// Says that chunk i will be fetched soon, so that it may be on its way from the medium; whether there is such a chunk,
+// and whether its file holds it, is no matter.
+void AnnounceChunk(const Chain &chain, uint64_t i);
+
 // ---- Threads: threads.cpp ----
 
 // As many threads as there are cores.

@@ -3,6 +3,7 @@ import errno
 import hashlib
 import json
 import os
+import re
 import subprocess
 
 import nbd
@@ -54,6 +55,22 @@ class Content(Served):
         base = self.image("full", lower, chunkSize=CHUNK)
         self.image("thin", upper, base=base, chunkSize=CHUNK)
         self.check("thin", upper)
+
+    def announced(self, image, *chunks):
+        """Where in the image's file what is announced begins when these chunks are read one after the other."""
+        reads = ("import nbd, os; h = nbd.NBD(); h.connect_uri(os.environ['uri']); "
+                 f"[h.pread(1, {CHUNK} * i) for i in {chunks}]")
+        command = ["strace", "-f", "-qq", "-o", self.path("trace"), "-e", "trace=fadvise64", *nbdkit(
+            "-f", "-U", "-", PLUGIN, image, "--run", f'export uri; /usr/bin/python3 -c "{reads}"')]
+        subprocess.run(command, cwd=self.images, check=True, env=surroundings(), timeout=harness.TIME_LIMIT)
+        return [int(offset) for offset in re.findall(rf"fadvise64\(\d+, (\d+), {CHUNK}, POSIX_FADV_WILLNEED\)",
+                                                     self.file_bytes("trace").decode())]
+
+    def test_what_is_read_in_order_is_announced_and_what_is_read_at_random_is_not(self):
+        full = self.image("full", disk_with_zeros(60, (7, 8)), chunkSize=CHUNK)
+        self.assertEqual(self.announced("full", 3), [])
+        self.assertEqual(self.announced("full", 40, 3, 50), [])
+        self.assertEqual(self.announced("full", 4, 5), [data_offset(full, i) for i in (6, *range(9, 22))])
 
     def test_a_sealed_image_is_served_with_its_password(self):
         disk = disk_with_zeros(9, (0,), tail=100)
