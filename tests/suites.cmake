@@ -57,8 +57,8 @@ program_suite("companions, sanitized" LABELS unit sanitized COST 20 ENVIRONMENT 
 
 # Without what is about cost, time, pages and other programs: there the plain run sees all that there is to see.
 set(plainAlone test_architecture test_chain_cost test_completion test_keep_faults test_keep_page test_keep_places
-               test_keep_year test_large_disk test_magic test_manual_pages test_month test_page_links test_scripts test_version test_vm
-               test_vm_ends test_vm_freezing test_vm_migration test_vm_page test_vm_proof)
+               test_keep_year test_large_disk test_magic test_manual_pages test_month test_page_links test_scripts
+               test_version test_vm test_vm_ends test_vm_freezing test_vm_migration test_vm_page test_vm_proof)
 file(GLOB files CONFIGURE_DEPENDS RELATIVE ${CMAKE_CURRENT_SOURCE_DIR}/endtoend endtoend/test_*.py)
 foreach(tests IN LISTS files)
   cmake_path(GET tests STEM stem)
@@ -75,7 +75,7 @@ foreach(tests IN LISTS files)
                    ENVIRONMENT KESTRIX=${other}/linux-asan/kestrix ${sanitizers})
   endif()
 endforeach()
-endtoend_suite("endtoend browsing" browse LABELS machine COST 400)
+endtoend_suite("endtoend browsing" browse LABELS machine COST 700)
 endtoend_suite("endtoend whole guests" vm LABELS machine long COST 600)
 
 foreach(target IN LISTS fuzzTargets)
