@@ -2,7 +2,10 @@
 be mended, and no file that was an image is called another file or a capture that never ended.
 """
 import os
+import re
+import subprocess
 
+from harness import SANITIZERS, TIME_LIMIT
 from image_machine import FOUND, GOOD, ImageMachineTest
 from kestrix_image import HEADER, TRAILER_MAGIC, flip_byte, seeded_disk
 
@@ -97,3 +100,18 @@ class DamagedFolder(ImageMachineTest):
         status, said = self.ask("info", "cut")
         self.assertEqual((status, said["files"][0]["state"], "header" in said["files"][0]), (FOUND, "damaged", False))
         self.assertEqual(self.image_program("info", "cut").out, b"cut:\n  DAMAGED: cut: its header is cut off\n")
+
+
+class LargeTable(ImageMachineTest):
+    def test_it_is_announced_piece_by_piece_before_it_is_read(self):
+        step, least, entry = 65536, 512, 72  # entries between two announcements, bytes of a chunk and of an entry
+        count = 3 * step
+        self.image("large", bytes(count * least), chunkSize=least)
+        subprocess.run(["strace", "-f", "-qq", "-o", self.path("trace"), "-e", "trace=fadvise64", "-P",
+                        self.path("large"), self.imageProgram, "tree", "."], cwd=self.images, check=True,
+                       timeout=TIME_LIMIT, stdout=subprocess.DEVNULL, env={**SANITIZERS, **os.environ})
+        announced = re.findall(r"fadvise64\(\d+, (\d+), (\d+), POSIX_FADV_WILLNEED\)",
+                               self.file_bytes("trace").decode())
+        ahead = [(int(start), int(length)) for start, length in announced if int(length) >= step * entry]
+        self.assertEqual(ahead, [(HEADER.size + first * entry, min(2 * step, count - first) * entry)
+                                 for first in range(0, count, step)])
