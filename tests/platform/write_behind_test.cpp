@@ -51,11 +51,13 @@ struct WriteBehindTest : DevicesTest {
         std::ofstream(scratch.File("small/filler"), std::ios::binary) << std::string(48 * mebibyte, 'x');
     }
 
-    // What was written goes to the disk while it has no room, and nobody is told.
-    void FailOnTheWayToTheDisk() const
+    // What is written at the start of file goes to the disk while it has no room, and nobody who opens file is told.
+    // The room is gone before the bytes are written, since a busy system brings them to the disk at any moment.
+    void FailOnTheWayToTheDisk(const std::string &file, const std::string &bytes) const
     {
         FillUp();
         const int folder = open(scratch.File("mount").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        std::ofstream(file, std::ios::binary | std::ios::in | std::ios::out) << bytes;
         EXPECT_NE(syncfs(folder), 0);
         close(folder);
         std::filesystem::remove(scratch.File("small/filler"));
@@ -119,7 +121,7 @@ TEST_F(WriteBehindTest, AFaultOfTheDiskUnderTheImageFailsAWriteBeforeTheEnd)
         Pause();
     }
     EXPECT_TRUE(GetLastError() == ERROR_IO_DEVICE || GetLastError() == ERROR_DISK_FULL) << GetLastError();
-    EXPECT_GE(written, 11);
+    EXPECT_GE(written, 10);
     EXPECT_LT(written, 24) << "the file system has room for five times as many";
     CloseHandle(image);
 }
@@ -209,8 +211,8 @@ TEST_F(WriteBehindTest, AWriteOfADiskOnAFileSystemThatLogsItsDataFailsInItsOwnCa
 TEST_F(WriteBehindTest, AnImageDoesNotHearOfAFaultOfTheOneBeforeIt)
 {
     MakeFileSystemWithoutRoom();
-    std::ofstream(Image(), std::ios::binary) << std::string(blockBytes, 'x');
-    FailOnTheWayToTheDisk();
+    WriteBytes(Image(), "");
+    FailOnTheWayToTheDisk(Image(), std::string(blockBytes, 'x'));
     const HANDLE image = OpenToWrite(Image(), CREATE_ALWAYS);
     EXPECT_TRUE(WritesOn(image)) << GetLastError();
     CloseHandle(image);
@@ -220,8 +222,7 @@ TEST_F(WriteBehindTest, ADiskDoesNotHearOfAFaultFromBeforeItWasOpened)
 {
     MakeFileSystemWithoutRoom();
     MakeDisk(2 * blockBytes);
-    std::ofstream(scratch.File("mount/disk"), std::ios::binary | std::ios::in) << std::string(2 * blockBytes, 'y');
-    FailOnTheWayToTheDisk();
+    FailOnTheWayToTheDisk(scratch.File("mount/disk"), std::string(2 * blockBytes, 'y'));
     const HANDLE disk = OpenDiskToRestore("PhysicalDrive0");
     EXPECT_TRUE(WritesOn(disk)) << GetLastError();
     CloseHandle(disk);
@@ -466,8 +467,8 @@ TEST_F(CloseTest, FailsWhereTheDiskHasNoRoomForWhatWasWritten)
 {
     MakeFileSystemWithoutRoom();
     const HANDLE image = OpenToWrite(Image(), CREATE_NEW);
+    FillUp(); // before the write, which a busy system brings to the disk at any moment
     ASSERT_TRUE(WritesOn(image));
-    FillUp();
     SetPortError(poison);
     EXPECT_FALSE(CloseHandle(image));
     EXPECT_TRUE(GetLastError() == ERROR_IO_DEVICE || GetLastError() == ERROR_DISK_FULL) << GetLastError();
