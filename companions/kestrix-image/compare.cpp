@@ -109,16 +109,6 @@ static int ReportComparison(JsonOutput &output, const CompareRun &run)
                : exitFound;
 }
 
-static int ReportFault(JsonOutput &output, const reader::Fault &fault)
-{
-    output.Member("result", "impossible");
-    output.Member("fault", fault.text);
-    if (!output.wanted) {
-        PrintFault(fault.text);
-    }
-    return StatusOf(fault);
-}
-
 int Compare(const CommonOptions &common, const CompareOptions &options)
 {
     JsonOutput output(common.json);
@@ -126,11 +116,11 @@ int Compare(const CommonOptions &common, const CompareOptions &options)
     output.Member("with", SourceName(options));
     reader::Result<reader::ImageFile> image = reader::OpenImageFile(options.image, common.caching, true);
     if (!image) {
-        return ReportFault(output, image.fault);
+        return ReportFault(output, "impossible", image.fault);
     }
     CompareRun run = {options, *image, {}};
     if (const host::Trouble trouble = OpenSource(common, options, &run.source)) {
-        return ReportFault(output,
+        return ReportFault(output, "impossible",
                            {reader::FaultKind::Unavailable, SourceName(options) + ": it can't be opened: " + *trouble});
     }
     Progress progress(!common.quiet, SourceName(options), image->facts.header.diskSize);
@@ -139,7 +129,7 @@ int Compare(const CommonOptions &common, const CompareOptions &options)
         *image, {run.source, openAgain}, common.threads, {[&progress](uint64_t bytes) { progress.Add(bytes); }});
     progress.Hide();
     if (!comparison) {
-        return ReportFault(output, comparison.fault);
+        return ReportFault(output, "impossible", comparison.fault);
     }
     run.comparison = std::move(*comparison);
     return ReportComparison(output, run);

@@ -24,16 +24,6 @@ static uint64_t LengthInEither(const ImageFile &a, const ImageFile &b, uint64_t 
     return std::max(lengthInA, lengthInB);
 }
 
-static int ReportFault(JsonOutput &output, const reader::Fault &fault)
-{
-    output.Member("result", "impossible");
-    output.Member("fault", fault.text);
-    if (!output.wanted) {
-        PrintFault(fault.text);
-    }
-    return StatusOf(fault);
-}
-
 // Bytes from the start of the disk on for which either of the two has chunks, and bytes of the larger disk.
 static uint64_t CoveredInEither(const ImageFile &a, const ImageFile &b)
 {
@@ -114,16 +104,17 @@ int Diff(const CommonOptions &common, const std::string &imageA, const std::stri
     output.Member("b", imageB);
     reader::Result<ImageFile> a = reader::OpenImageFile(imageA, host::Caching::Cached, true);
     if (!a) {
-        return ReportFault(output, a.fault);
+        return ReportFault(output, "impossible", a.fault);
     }
     reader::Result<ImageFile> b = reader::OpenImageFile(imageB, host::Caching::Cached, true);
     if (!b) {
-        return ReportFault(output, b.fault);
+        return ReportFault(output, "impossible", b.fault);
     }
     if (a->facts.header.chunkSize != b->facts.header.chunkSize) {
-        return ReportFault(output, {reader::FaultKind::Unavailable,
-                                    imageA + " and " + imageB +
-                                        " are cut into chunks of different sizes: their tables " + "don't compare"});
+        return ReportFault(
+            output, "impossible",
+            {reader::FaultKind::Unavailable,
+             imageA + " and " + imageB + " are cut into chunks of different sizes: their tables " + "don't compare"});
     }
     return ReportDifference(output, *a, *b);
 }

@@ -293,16 +293,6 @@ static int Report(JsonOutput &output, const ExtractRun &run, const std::vector<L
     return isWhole ? exitGood : exitFound;
 }
 
-static int ReportFault(JsonOutput &output, const reader::Fault &fault)
-{
-    output.Member("result", "nothing");
-    output.Member("fault", fault.text);
-    if (!output.wanted) {
-        PrintFault(fault.text);
-    }
-    return StatusOf(fault);
-}
-
 int Extract(const CommonOptions &common, const ExtractOptions &options)
 {
     JsonOutput output(common.json);
@@ -311,11 +301,12 @@ int Extract(const CommonOptions &common, const ExtractOptions &options)
     reader::Result<Chain> chain = reader::OpenChain(
         options.image, {common.passwordFile, common.caching, common.threads, false, true, GoesOn(options)});
     if (!chain) {
-        return ReportFault(output, chain.fault);
+        return ReportFault(output, "nothing", chain.fault);
     }
     if (const uint64_t unknown = reader::UncoveredBytes(chain->Header()); unknown != 0 && !options.keepGoing) {
-        return ReportFault(output, {reader::FaultKind::Damaged, options.image + ": it has no chunks for the last " +
-                                                                    Counted(unknown, "byte") + " of its disk"});
+        return ReportFault(output, "nothing",
+                           {reader::FaultKind::Damaged, options.image + ": it has no chunks for the last " +
+                                                            Counted(unknown, "byte") + " of its disk"});
     }
     ExtractRun run(common, options, *chain);
     std::vector<LostChunk> lost;
@@ -324,7 +315,7 @@ int Extract(const CommonOptions &common, const ExtractOptions &options)
         AddSentence(notes, chain->endsBy->text);
     }
     if (const std::optional<reader::Fault> fault = RunExtract(run, lost, notes)) {
-        return ReportFault(output, *fault);
+        return ReportFault(output, "nothing", *fault);
     }
     return Report(output, run, lost, notes);
 }

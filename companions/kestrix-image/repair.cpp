@@ -511,16 +511,6 @@ static int ReportRepair(JsonOutput &output, const RepairRun &run)
     return isWhole ? exitGood : exitFound;
 }
 
-static int ReportFault(JsonOutput &output, const reader::Fault &fault)
-{
-    output.Member("result", "nothing");
-    output.Member("fault", fault.text);
-    if (!output.wanted) {
-        PrintFault(fault.text);
-    }
-    return StatusOf(fault);
-}
-
 int Repair(const CommonOptions &common, const RepairOptions &options)
 {
     JsonOutput output(common.json);
@@ -528,12 +518,12 @@ int Repair(const CommonOptions &common, const RepairOptions &options)
     output.Member("out", options.out);
     reader::Result<reader::ImageFile> image = reader::OpenImageFile(options.image, common.caching, true);
     if (!image) {
-        return ReportFault(output, image.fault);
+        return ReportFault(output, "nothing", image.fault);
     }
     Chain chain = reader::MakeAlone(std::move(*image));
     RepairRun run(common, options, chain);
     if (const std::optional<reader::Fault> fault = RunRepair(run)) {
-        return ReportFault(output, *fault);
+        return ReportFault(output, "nothing", *fault);
     }
     return ReportRepair(output, run);
 }

@@ -8,6 +8,16 @@ int StatusOf(const reader::Fault &fault)
     return fault.kind == reader::FaultKind::Damaged ? exitFound : exitImpossible;
 }
 
+int ReportFault(JsonOutput &output, const char *result, const reader::Fault &fault)
+{
+    output.Member("result", result);
+    output.Member("fault", fault.text);
+    if (!output.wanted) {
+        PrintFault(fault.text);
+    }
+    return StatusOf(fault);
+}
+
 int Worse(int left, int right)
 {
     return std::max(left, right);

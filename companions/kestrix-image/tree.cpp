@@ -4,6 +4,7 @@
 // in the verdict, and what can be done about it stands with the image.
 #include "kestrix-image/commands.h"
 #include "kestrix-image/forest.h"
+#include "kestrix-image/status.h"
 #include "report/report.h"
 
 #include <algorithm>
@@ -297,14 +298,10 @@ static int ReportFolder(JsonOutput &output, const std::string &folder, const Fol
     return !content.unreadable.empty() ? exitImpossible : isGood ? exitGood : exitFound;
 }
 
-static int ReportFault(JsonOutput &output, const std::string &text)
+// Whatever the kind of fault, it is the folder that could not be told of.
+static int ReportImpossible(JsonOutput &output, const std::string &text)
 {
-    output.Member("result", "impossible");
-    output.Member("fault", text);
-    if (!output.wanted) {
-        PrintFault(text);
-    }
-    return exitImpossible;
+    return ReportFault(output, "impossible", {reader::FaultKind::Unavailable, text});
 }
 
 int Tree(const CommonOptions &common, const std::string &folder)
@@ -313,9 +310,9 @@ int Tree(const CommonOptions &common, const std::string &folder)
     output.Member("folder", folder);
     std::vector<std::string> names;
     if (const host::Trouble trouble = host::ListFiles(folder, &names)) {
-        return ReportFault(output, folder + ": the folder can't be read: " + *trouble);
+        return ReportImpossible(output, folder + ": the folder can't be read: " + *trouble);
     }
     std::optional<reader::Fault> fault;
     std::vector<ImageFacts> files = ReadFolder(common, folder + "/", names, &fault);
-    return fault ? ReportFault(output, fault->text) : ReportFolder(output, folder, SortFiles(std::move(files)));
+    return fault ? ReportImpossible(output, fault->text) : ReportFolder(output, folder, SortFiles(std::move(files)));
 }

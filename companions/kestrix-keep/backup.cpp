@@ -202,13 +202,6 @@ static bool FindTheGuestsDisk(Run &run)
 
 // ---- What dead runs left ----
 
-static std::string WithoutEnding(const std::string &name, const std::string &ending)
-{
-    const bool has =
-        name.size() > ending.size() && name.compare(name.size() - ending.size(), ending.size(), ending) == 0;
-    return has ? name.substr(0, name.size() - ending.size()) : std::string();
-}
-
 // An image that was audited has its sidecar already, and gets its name now; any other one is nothing.
 static void FinishOrRemove(Run &run, const std::string &name)
 {

@@ -58,11 +58,6 @@ static void AddBlocks(const std::vector<std::vector<size_t>> &standing, ChainBlo
     }
 }
 
-static bool IsFull(const KeptImage &image)
-{
-    return image.sidecar && image.sidecar->base.empty();
-}
-
 static std::string BaseName(const KeptImage &image)
 {
     return image.sidecar ? image.sidecar->base : std::string();

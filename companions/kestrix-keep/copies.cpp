@@ -642,16 +642,10 @@ static void LetGoThere(Copying &run)
     }
 }
 
-static bool EndsWith(const std::string &text, const std::string &ending)
-{
-    return text.size() > ending.size() && text.compare(text.size() - ending.size(), ending.size(), ending) == 0;
-}
-
 // The image whose sidecar has this name; empty: it is none of this job's.
 static std::string ImageOfSidecar(const Copying &run, const std::string &name)
 {
-    const std::string ending = SidecarPath("");
-    const std::string image = EndsWith(name, ending) ? name.substr(0, name.size() - ending.size()) : std::string();
+    const std::string image = WithoutEnding(name, SidecarPath(""));
     return TimeOfImageName(run.folder.job, image) ? image : std::string();
 }
 

@@ -12,11 +12,6 @@ using MaybeFault = std::optional<Fault>;
 
 static const char endingOfFetches[] = ".fetching";
 
-static Fault FaultAt(const std::string &path, const std::string &text)
-{
-    return {FaultKind::Unavailable, path + ": " + text};
-}
-
 // ---- What is there ----
 
 static void TakeChain(const JobFolder &folder, size_t index, FoundImage &image)

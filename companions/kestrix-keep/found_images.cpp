@@ -3,6 +3,7 @@
 #include "kestrix-keep/found_images.h"
 
 #include "kestrix-keep/clock.h"
+#include "kestrix-keep/job_folder.h"
 
 #include <algorithm>
 
@@ -103,11 +104,6 @@ FoundImage LookAtImage(const std::string &path, KnownFiles &known)
     return image;
 }
 
-static bool EndsWith(const std::string &text, const std::string &ending)
-{
-    return text.size() >= ending.size() && text.compare(text.size() - ending.size(), ending.size(), ending) == 0;
-}
-
 host::Trouble FindImages(const std::string &folder, const std::string &passwordFile, std::vector<FoundImage> *images)
 {
     std::vector<std::string> names;
@@ -119,7 +115,7 @@ host::Trouble FindImages(const std::string &folder, const std::string &passwordF
     const std::string separator = host::NameOf(folder).empty() ? "" : "/";
     for (const std::string &name : names) {
         FoundImage image = LookAtImage(folder + separator + name, known);
-        const bool isMeant = EndsWith(name, ".kstx"); // of a file that begins as no image does
+        const bool isMeant = !WithoutEnding(name, ".kstx").empty(); // of a file that begins as no image does
         const FileKind kind = image.facts.kind;
         if (kind == FileKind::Image || kind == FileKind::Damaged || (isMeant && kind != FileKind::Other)) {
             image.passwordFile = passwordFile;

@@ -10,9 +10,11 @@ const char endingOfWhatGoes[] = ".let-go";
 static const char imageEnding[] = ".kstx";
 static const char endingInTheMaking[] = ".in-the-making";
 
-static bool EndsWith(const std::string &text, const std::string &ending)
+std::string WithoutEnding(const std::string &name, const std::string &ending)
 {
-    return text.size() >= ending.size() && text.compare(text.size() - ending.size(), ending.size(), ending) == 0;
+    const bool has =
+        name.size() > ending.size() && name.compare(name.size() - ending.size(), ending.size(), ending) == 0;
+    return has ? name.substr(0, name.size() - ending.size()) : std::string();
 }
 
 std::string LockPath(const std::string &folder)
@@ -28,10 +30,8 @@ std::string ImageName(const std::string &job, int64_t time)
 std::optional<int64_t> TimeOfImageName(const std::string &job, const std::string &name)
 {
     const std::string begin = job + "-";
-    if (name.compare(0, begin.size(), begin) != 0 || !EndsWith(name, imageEnding)) {
-        return std::nullopt;
-    }
-    return TimeOfStamp(name.substr(begin.size(), name.size() - begin.size() - (sizeof(imageEnding) - 1)));
+    const std::string stem = WithoutEnding(name, imageEnding);
+    return stem.compare(0, begin.size(), begin) == 0 ? TimeOfStamp(stem.substr(begin.size())) : std::nullopt;
 }
 
 std::string NameInTheMaking(const std::string &imageName)
@@ -49,17 +49,14 @@ std::string PathOf(const JobFolder &folder, const KeptImage &image)
 // Whether what stands before the ending is a name that this job gives its images.
 static bool IsImagesWith(const std::string &job, const std::string &name, const std::string &ending)
 {
-    return EndsWith(name, ending) && TimeOfImageName(job, name.substr(0, name.size() - ending.size()));
+    return TimeOfImageName(job, WithoutEnding(name, ending)).has_value();
 }
 
 std::string NameOfUnfinished(const std::string &name)
 {
-    if (!EndsWith(name, host::unfinishedEnding)) {
-        return {};
-    }
-    const size_t end = name.size() - std::string(host::unfinishedEnding).size();
-    const size_t dot = name.rfind('.', end == 0 ? 0 : end - 1);
-    return dot == std::string::npos ? std::string() : name.substr(0, dot);
+    const std::string stem = WithoutEnding(name, host::unfinishedEnding);
+    const size_t dot = stem.rfind('.');
+    return dot == std::string::npos ? std::string() : stem.substr(0, dot);
 }
 
 // What runs of this job have begun and not finished: images in the making, and files that got no name.
@@ -79,7 +76,8 @@ static bool IsBeingLetGo(const std::vector<std::string> &names, const std::strin
 // The image's name, of an image or a sidecar; empty for other files.
 static std::string ImageNameOf(const std::string &job, const std::string &name)
 {
-    const std::string image = EndsWith(name, ".json") ? name.substr(0, name.size() - 5) : name;
+    const std::string stem = WithoutEnding(name, ".json");
+    const std::string image = stem.empty() ? name : stem;
     return TimeOfImageName(job, image) ? image : std::string();
 }
 
@@ -345,6 +343,11 @@ std::vector<size_t> CheckChainFiles(JobFolder &folder, size_t image)
         }
     }
     return found;
+}
+
+bool IsFull(const KeptImage &image)
+{
+    return image.sidecar && image.sidecar->base.empty();
 }
 
 bool IsSound(const KeptImage &image)

@@ -32,6 +32,9 @@ struct JobFolder {
     std::vector<std::string> notes;
 };
 
+// What stands in name before the ending; empty: it ends otherwise, or holds nothing else.
+std::string WithoutEnding(const std::string &name, const std::string &ending);
+
 // Path of the file that who writes into a folder holds the lock of.
 std::string LockPath(const std::string &folder);
 
@@ -68,6 +71,9 @@ void ArrangeImages(JobFolder &folder);
 // Looks at header, table and trailer of the image and of all that it stands on, and notes what is not as the sidecars
 // say. Gives the indices of those whose own file was found damaged now, or could not be read.
 std::vector<size_t> CheckChainFiles(JobFolder &folder, size_t image);
+
+// Whether its sidecar says that it stands on no other; false without one.
+bool IsFull(const KeptImage &image);
 
 // Whether the image is there, made by this job, and nothing is known against it and what it stands on.
 bool IsSound(const KeptImage &image);

@@ -13,13 +13,6 @@ static constexpr size_t machineDigits = 8;
 
 using FilesByName = std::map<std::string, std::optional<uint64_t>>;
 
-static std::string WithoutEnding(const std::string &name, const std::string &ending)
-{
-    const bool has =
-        name.size() > ending.size() && name.compare(name.size() - ending.size(), ending.size(), ending) == 0;
-    return has ? name.substr(0, name.size() - ending.size()) : std::string();
-}
-
 // Names of machines may hold what names of files may not.
 static std::string DigitsOfMachine()
 {

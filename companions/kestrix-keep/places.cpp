@@ -14,9 +14,9 @@ using reader::FaultKind;
 using reader::Result;
 using MaybeFault = std::optional<Fault>;
 
-static Fault FaultAt(const std::string &place, const std::string &text)
+Fault FaultAt(const std::string &path, const std::string &text)
 {
-    return {FaultKind::Unavailable, place + ": " + text};
+    return {FaultKind::Unavailable, path + ": " + text};
 }
 
 static MaybeFault FaultOf(const std::string &path, const host::Trouble &trouble)

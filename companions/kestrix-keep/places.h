@@ -32,6 +32,9 @@ struct WantedDigests {
     LocalFile local; // the same file here, of which digests of other kinds can be made
 };
 
+// What keeps path, a file's or a place's name, from being used: no verdict on what lies there.
+reader::Fault FaultAt(const std::string &path, const std::string &text);
+
 // All of them may be called any number of times; each fault is a sentence with the place in front.
 struct Place {
     std::string name; // as the configuration has it

@@ -31,11 +31,6 @@ static std::string WhyNoBase(const Job &job, const KeptImage &image, const DiskI
     return difference.empty() ? "" : "the disk is another: " + difference;
 }
 
-static bool IsFull(const KeptImage &image)
-{
-    return image.sidecar && image.sidecar->base.empty();
-}
-
 // The newest base by the job's scheme. Says of each newer one why it is none. Where the scheme has none, any sound
 // image is better than none at all.
 static size_t FindBase(const Job &job, const JobFolder &folder, const DiskIdentity &disk, CapturePlan &plan)

@@ -104,11 +104,6 @@ static bool IsWrong(const KeptImage &image)
     return !image.isThere || !image.doubt.empty();
 }
 
-static bool IsFull(const KeptImage &image)
-{
-    return image.sidecar && image.sidecar->base.empty();
-}
-
 static uint64_t FileBytes(const KeptImage &image)
 {
     return image.isThere && image.sidecar ? image.sidecar->fileBytes : 0;

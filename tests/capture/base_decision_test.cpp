@@ -7,9 +7,6 @@
 namespace
 {
 const std::string epochLine = "Change tracker: disk 1 epoch 6\n";
-const std::string baseLine = "Incremental mode: base image base.kstx\n";
-const std::string provedLine =
-    "  --base: base epoch 5 matches tracker; unchanged chunks will be copied from the base image.\n";
 
 std::string LostLine(const std::string &reason, bool isThin)
 {

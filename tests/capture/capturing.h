@@ -22,6 +22,9 @@ const std::string threeChunkSource =
     "Source: PhysicalDrive1  Size: 0.01 GiB  SectorSize: 512  Chunks: 3 (4194304 bytes each)\n";
 const std::string noTrackerLine =
     "Change tracker: not available for this disk (Tallier not loaded/attached) - image carries no epoch.\n";
+const std::string baseLine = "Incremental mode: base image base.kstx\n";
+const std::string provedLine =
+    "  --base: base epoch 5 matches tracker; unchanged chunks will be copied from the base image.\n";
 const std::string tinyProgress = "\r  100.00%  0 / 0 MiB  (0.0 MiB/s)   \n";
 const std::string threeChunkProgress = "\r   49.99%  4 / 8 MiB  (0.0 MiB/s)   \r  100.00%  8 / 8 MiB  (0.0 MiB/s)   \n";
 

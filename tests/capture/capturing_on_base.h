@@ -10,10 +10,7 @@
 #include <string>
 #include <vector>
 
-const std::string baseLine = "Incremental mode: base image base.kstx\n";
 const std::string headLines = threeChunkSource + "Change tracker: disk 1 epoch 6\n" + baseLine;
-const std::string provedLine =
-    "  --base: base epoch 5 matches tracker; unchanged chunks will be copied from the base image.\n";
 
 struct IncrementalCapture : Capturing {
     IncrementalCapture()

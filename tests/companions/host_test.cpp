@@ -309,16 +309,16 @@ TEST_F(HostFiles, ReplaceNothingThatIsThereOrComesMeanwhile)
 
 TEST_F(HostFiles, BeyondTwoGibibytesKeepTheirLengthAndTheirPlaces)
 {
-    constexpr uint64_t far = (uint64_t{5} << 30) + 1;
+    constexpr uint64_t beyond = (uint64_t{5} << 30) + 1;
     host::NewFile file;
     ASSERT_FALSE(host::CreateNewFile(Path("far"), host::Existing::IsTrouble, &file));
-    ASSERT_FALSE(host::SetLength(file, far + 1));
-    ASSERT_FALSE(host::WriteAt(file, far, "x", 1));
+    ASSERT_FALSE(host::SetLength(file, beyond + 1));
+    ASSERT_FALSE(host::WriteAt(file, beyond, "x", 1));
     ASSERT_FALSE(host::FinishNewFile(&file));
     host::Source source;
     char byte = 0;
     ASSERT_FALSE(host::OpenFileToRead(Path("far"), host::Caching::Cached, &source));
-    EXPECT_EQ(source.sizeBytes, far + 1);
-    EXPECT_FALSE(host::ReadAt(source, far, &byte, 1));
+    EXPECT_EQ(source.sizeBytes, beyond + 1);
+    EXPECT_FALSE(host::ReadAt(source, beyond, &byte, 1));
     EXPECT_EQ(byte, 'x');
 }

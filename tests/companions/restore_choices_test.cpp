@@ -8,7 +8,7 @@ namespace
 
 constexpr uint64_t imageBytes = 1000000000;
 
-host::DiskFacts Disk(uint32_t number, const std::string &serial, uint64_t sizeBytes = imageBytes)
+host::DiskFacts Target(uint32_t number, const std::string &serial, uint64_t sizeBytes = imageBytes)
 {
     host::DiskFacts disk;
     disk.number = number;
@@ -77,23 +77,23 @@ reader::ImageFacts SoundImage()
 
 TEST(RestoreTarget, IsAFreeDiskOfTheSameSizeAndSectors)
 {
-    EXPECT_EQ(WhyNot(Disk(1, "S123456")), "");
-    EXPECT_EQ(WhyNot(Disk(1, "S123456", imageBytes + 512)), "");
+    EXPECT_EQ(WhyNot(Target(1, "S123456")), "");
+    EXPECT_EQ(WhyNot(Target(1, "S123456", imageBytes + 512)), "");
 }
 
 TEST(RestoreTarget, IsNeverTheDiskThatTheImageLiesOn)
 {
     TargetRules rules = Rules();
     rules.imageDisks = {"7:3", "8:16"};
-    EXPECT_EQ(WhyNot(Disk(1, "S123456"), rules), "the image lies on it");
-    EXPECT_EQ(WhyNot(Disk(2, "S123456"), rules), "");
+    EXPECT_EQ(WhyNot(Target(1, "S123456"), rules), "the image lies on it");
+    EXPECT_EQ(WhyNot(Target(2, "S123456"), rules), "");
 }
 
 TEST(RestoreTarget, IsKnownByItsNumberWhereTheSystemHasNoDeviceNumbers)
 {
     TargetRules rules = Rules();
     rules.imageDisks = {"1"};
-    host::DiskFacts disk = Disk(1, "S123456");
+    host::DiskFacts disk = Target(1, "S123456");
     disk.deviceNumber.clear();
     EXPECT_EQ(WhyNot(disk, rules), "the image lies on it");
     disk.number = 11;
@@ -104,7 +104,7 @@ TEST(RestoreTarget, InAFileLiesOnNoDiskOfThatNumber)
 {
     TargetRules rules = Rules();
     rules.imageDisks = {"1"};
-    host::DiskFacts disk = Disk(1, "S123456");
+    host::DiskFacts disk = Target(1, "S123456");
     disk.deviceNumber.clear();
     disk.file = {5, 6};
     EXPECT_EQ(WhyNot(disk, rules), "");
@@ -112,7 +112,7 @@ TEST(RestoreTarget, InAFileLiesOnNoDiskOfThatNumber)
 
 TEST(RestoreTarget, IsNeverTheSystemDiskNorTheOneItWasStartedFrom)
 {
-    host::DiskFacts disk = Disk(1, "S123456");
+    host::DiskFacts disk = Target(1, "S123456");
     TargetRules rules = Rules();
     rules.startDisks = {"8:16"};
     EXPECT_EQ(WhyNot(disk, rules), "the running system was started from it");
@@ -122,13 +122,13 @@ TEST(RestoreTarget, IsNeverTheSystemDiskNorTheOneItWasStartedFrom)
 
 TEST(RestoreTarget, IsNotSmallerByASingleByte)
 {
-    EXPECT_EQ(WhyNot(Disk(1, "S123456", imageBytes - 1)),
+    EXPECT_EQ(WhyNot(Target(1, "S123456", imageBytes - 1)),
               "it is smaller than the image's disk: 999999999 bytes, not 1000000000");
 }
 
 TEST(RestoreTarget, HasTheSameSectorsUnlessOthersAreTaken)
 {
-    host::DiskFacts disk = Disk(1, "S123456");
+    host::DiskFacts disk = Target(1, "S123456");
     TargetRules rules = Rules();
     disk.logicalSectorBytes = 4096;
     EXPECT_EQ(WhyNot(disk), "its sectors have 4096 bytes, those of the image's disk have 512");
@@ -140,7 +140,7 @@ TEST(RestoreTarget, HasTheSameSectorsUnlessOthersAreTaken)
 
 TEST(RestoreTarget, IsNotInUseAndTheReasonSaysByWhat)
 {
-    host::DiskFacts disk = Disk(1, "S123456");
+    host::DiskFacts disk = Target(1, "S123456");
     disk.isInUse = true;
     disk.partitions.resize(2);
     disk.partitions[0].mounts = {"/srv", "/mnt"};
@@ -156,15 +156,15 @@ TEST(RestoreTarget, IsNotInUseAndTheReasonSaysByWhat)
 
 TEST(RestoreTarget, CanBeRead)
 {
-    host::DiskFacts disk = Disk(1, "S123456");
+    host::DiskFacts disk = Target(1, "S123456");
     disk.unreadable = "Permission denied";
     EXPECT_EQ(WhyNot(disk), "what lies on it can't be read: Permission denied");
 }
 
 TEST(RestoreTarget, OfTwoThatNothingTellsApartIsNeither)
 {
-    const host::DiskFacts disk = Disk(1, "0123456789");
-    const host::DiskFacts twin = Disk(2, "0123456789");
+    const host::DiskFacts disk = Target(1, "0123456789");
+    const host::DiskFacts twin = Target(2, "0123456789");
     const std::optional<Refusal> refusal = WhyNoTarget(disk, {disk, twin}, Rules());
     ASSERT_TRUE(refusal);
     EXPECT_NE(refusal->remedy.find("unplug one"), std::string::npos);
@@ -174,7 +174,7 @@ TEST(RestoreTarget, OfTwoThatNothingTellsApartIsNeither)
 
 TEST(RestoreTarget, SaysFirstWhatMustNeverBe)
 {
-    host::DiskFacts disk = Disk(1, "", 1);
+    host::DiskFacts disk = Target(1, "", 1);
     disk.isInUse = true;
     disk.isSystemDisk = true;
     disk.unreadable = "?";
@@ -189,79 +189,79 @@ TEST(RestoreTarget, SaysFirstWhatMustNeverBe)
 
 TEST(RestoreProof, IsFourCharactersWhereTheyTellTheDiskFromAllOthers)
 {
-    EXPECT_EQ(Asked(Disk(1, "AAAA1234"), {}), "end of 4");
-    EXPECT_EQ(Asked(Disk(1, "AAAA1234"), {Disk(2, "AAAA1235"), Disk(3, "")}), "end of 4");
+    EXPECT_EQ(Asked(Target(1, "AAAA1234"), {}), "end of 4");
+    EXPECT_EQ(Asked(Target(1, "AAAA1234"), {Target(2, "AAAA1235"), Target(3, "")}), "end of 4");
 }
 
 TEST(RestoreProof, IsAsManyCharactersAsTellTheDisksApart)
 {
-    EXPECT_EQ(Asked(Disk(1, "XY1234"), {Disk(2, "XZ1234")}), "end of 5");
-    EXPECT_EQ(Asked(Disk(1, "AB1234"), {Disk(2, "CB1234"), Disk(3, "AX1234")}), "end of 6");
+    EXPECT_EQ(Asked(Target(1, "XY1234"), {Target(2, "XZ1234")}), "end of 5");
+    EXPECT_EQ(Asked(Target(1, "AB1234"), {Target(2, "CB1234"), Target(3, "AX1234")}), "end of 6");
 }
 
 TEST(RestoreProof, IsTheSizeWhereTheSerialHasLessThanFourCharacters)
 {
-    EXPECT_EQ(Asked(Disk(1, "0", 512), {Disk(2, "B1", 513)}), "size 512");
-    EXPECT_EQ(Asked(Disk(1, "0AB", 512), {Disk(2, "B1", 512)}), "nothing");
-    EXPECT_EQ(Asked(Disk(1, "0ABC", 512), {Disk(2, "B1", 512)}), "end of 4");
+    EXPECT_EQ(Asked(Target(1, "0", 512), {Target(2, "B1", 513)}), "size 512");
+    EXPECT_EQ(Asked(Target(1, "0AB", 512), {Target(2, "B1", 512)}), "nothing");
+    EXPECT_EQ(Asked(Target(1, "0ABC", 512), {Target(2, "B1", 512)}), "end of 4");
 }
 
 TEST(RestoreProof, IsTheSizeWhereTheSerialSaysNothing)
 {
-    EXPECT_EQ(Asked(Disk(1, "", 512), {Disk(2, "AAAA1234", 513)}), "size 512");
-    EXPECT_EQ(Asked(Disk(1, "SAME", 512), {Disk(2, "SAME", 513)}), "size 512");
-    EXPECT_EQ(Asked(Disk(1, "", 512), {Disk(2, "AAAA1234", 512)}), "nothing");
+    EXPECT_EQ(Asked(Target(1, "", 512), {Target(2, "AAAA1234", 513)}), "size 512");
+    EXPECT_EQ(Asked(Target(1, "SAME", 512), {Target(2, "SAME", 513)}), "size 512");
+    EXPECT_EQ(Asked(Target(1, "", 512), {Target(2, "AAAA1234", 512)}), "nothing");
 }
 
 TEST(RestoreProof, OfASerialThatEndsAnotherOneIsNoPartOfIt)
 {
-    EXPECT_EQ(Asked(Disk(1, "1234", 512), {Disk(2, "XX1234", 513)}), "size 512");
-    EXPECT_EQ(Asked(Disk(1, "1234", 512), {Disk(2, "XX1234", 512)}), "nothing");
-    EXPECT_EQ(Asked(Disk(2, "XX1234", 512), {Disk(1, "1234", 512)}), "end of 5");
+    EXPECT_EQ(Asked(Target(1, "1234", 512), {Target(2, "XX1234", 513)}), "size 512");
+    EXPECT_EQ(Asked(Target(1, "1234", 512), {Target(2, "XX1234", 512)}), "nothing");
+    EXPECT_EQ(Asked(Target(2, "XX1234", 512), {Target(1, "1234", 512)}), "end of 5");
 }
 
 TEST(RestoreProof, TellsNoDisksApartByTheSizeOfLettersOrBlanks)
 {
-    EXPECT_EQ(Asked(Disk(1, "WD-ab 12", 512), {Disk(2, "WD-AB12", 512)}), "nothing");
-    EXPECT_TRUE(Accepts(Disk(1, "WD-ab 12"), {}, "AB12"));
-    EXPECT_FALSE(Accepts(Disk(1, "WD-ab 12"), {}, "b 12 ")); // three characters
+    EXPECT_EQ(Asked(Target(1, "WD-ab 12", 512), {Target(2, "WD-AB12", 512)}), "nothing");
+    EXPECT_TRUE(Accepts(Target(1, "WD-ab 12"), {}, "AB12"));
+    EXPECT_FALSE(Accepts(Target(1, "WD-ab 12"), {}, "b 12 ")); // three characters
 }
 
 TEST(RestoreProof, IsTakenFromTheEndAndInFull)
 {
-    const host::DiskFacts disk = Disk(1, "ABCD1234");
+    const host::DiskFacts disk = Target(1, "ABCD1234");
     EXPECT_TRUE(Accepts(disk, {}, "1234"));
     EXPECT_TRUE(Accepts(disk, {}, "ABCD1234"));
     for (const char *wrong : {"", "234", "ABCD", "1235", "XABCD1234", "1234 5", "y", "YES"}) {
         EXPECT_FALSE(Accepts(disk, {}, wrong)) << wrong;
     }
-    EXPECT_FALSE(Accepts(disk, {Disk(2, "XXXX1234")}, "1234"));
-    EXPECT_TRUE(Accepts(disk, {Disk(2, "XXXX1234")}, "D1234"));
+    EXPECT_FALSE(Accepts(disk, {Target(2, "XXXX1234")}, "1234"));
+    EXPECT_TRUE(Accepts(disk, {Target(2, "XXXX1234")}, "D1234"));
 }
 
 TEST(RestoreProof, BySizeIsEachDigit)
 {
-    EXPECT_TRUE(Accepts(Disk(1, "", 4096), {}, "4096"));
+    EXPECT_TRUE(Accepts(Target(1, "", 4096), {}, "4096"));
     for (const char *wrong : {"", "096", "04096", "4096.0", "8192"}) {
-        EXPECT_FALSE(Accepts(Disk(1, "", 4096), {}, wrong)) << wrong;
+        EXPECT_FALSE(Accepts(Target(1, "", 4096), {}, wrong)) << wrong;
     }
 }
 
 TEST(RestoreProof, OfADiskThatHasNothingIsNothingAtAll)
 {
-    EXPECT_FALSE(Accepts(Disk(1, "SAME", 512), {Disk(2, "SAME", 512)}, "SAME"));
-    EXPECT_FALSE(Accepts(Disk(1, "", 512), {Disk(2, "", 512)}, ""));
-    EXPECT_FALSE(Accepts(Disk(1, "", 512), {Disk(2, "", 512)}, "512"));
+    EXPECT_FALSE(Accepts(Target(1, "SAME", 512), {Target(2, "SAME", 512)}, "SAME"));
+    EXPECT_FALSE(Accepts(Target(1, "", 512), {Target(2, "", 512)}, ""));
+    EXPECT_FALSE(Accepts(Target(1, "", 512), {Target(2, "", 512)}, "512"));
 }
 
 TEST(RestoreProof, OfAScriptIsTheWholeSerialToTheLetter)
 {
-    const host::DiskFacts disk = Disk(1, "ABCD 1234", 512);
+    const host::DiskFacts disk = Target(1, "ABCD 1234", 512);
     EXPECT_EQ(ProofForScript(disk, {disk}).text, "ABCD 1234");
-    EXPECT_EQ(ProofForScript(disk, {disk, Disk(2, "X", 512)}).text, "ABCD 1234");
-    EXPECT_EQ(ProofForScript(disk, {disk, Disk(2, "ABCD 1234", 513)}).text, "512");
-    EXPECT_EQ(ProofForScript(disk, {disk, Disk(2, "ABCD 1234", 512)}).kind, ProofKind::Nothing);
-    EXPECT_EQ(ProofForScript(Disk(1, "", 512), {Disk(1, "", 512)}).text, "512");
+    EXPECT_EQ(ProofForScript(disk, {disk, Target(2, "X", 512)}).text, "ABCD 1234");
+    EXPECT_EQ(ProofForScript(disk, {disk, Target(2, "ABCD 1234", 513)}).text, "512");
+    EXPECT_EQ(ProofForScript(disk, {disk, Target(2, "ABCD 1234", 512)}).kind, ProofKind::Nothing);
+    EXPECT_EQ(ProofForScript(Target(1, "", 512), {Target(1, "", 512)}).text, "512");
 }
 
 // ---- Images ----

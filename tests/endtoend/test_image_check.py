@@ -90,7 +90,8 @@ class Check(CommandTest):
         lost = self.peak_memory("extract", "a", "--out", "o2", "-j", "1", "--quiet", "--twins", os.path.dirname(sound))
         self.assertEqual(self.file_bytes("o2"), content)
         if not is_sanitized():
-            self.assertLess(lost, small + 2 * 80 * chunks, "the image and its twin")
+            inexactness = 512 * 1024  # of two figures: the system counts pages for each thread some dozens at a time
+            self.assertLess(lost, small + 2 * 80 * chunks + inexactness, "the image and its twin")
 
     def test_what_the_tables_refuse_is_not_told_as_checked(self):
         def hollow(record):

@@ -15,7 +15,7 @@
 
 namespace
 {
-HANDLE OpenDisk()
+HANDLE OpenSampleDisk()
 {
     return CreateFileW(L"\\\\.\\PhysicalDrive0", GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
 }
@@ -107,7 +107,7 @@ void TransferSomething()
     char sector[512] = {};
     DWORD count = 0;
     LARGE_INTEGER start = {};
-    const HANDLE disk = OpenDisk();
+    const HANDLE disk = OpenSampleDisk();
     SetFilePointerEx(disk, start, nullptr, FILE_BEGIN);
     ReadFile(disk, sector, sizeof(sector), &count, nullptr);
     SetFilePointerEx(disk, start, nullptr, FILE_BEGIN);
@@ -120,7 +120,7 @@ void AskForLengths()
     GET_LENGTH_INFORMATION length = {};
     LARGE_INTEGER size = {};
     DWORD count = 0;
-    const HANDLE disk = OpenDisk();
+    const HANDLE disk = OpenSampleDisk();
     DeviceIoControl(disk, IOCTL_DISK_GET_LENGTH_INFO, nullptr, 0, &length, sizeof(length), &count, nullptr);
     CloseHandle(disk);
     const HANDLE file = CreateOrdinaryFile();
@@ -232,13 +232,13 @@ void Nothing() {}
 std::map<std::string, std::function<void()>> SampleCalls()
 {
     return {
-        {"CreateFileW", [] { CloseHandle(OpenDisk()); }},
+        {"CreateFileW", [] { CloseHandle(OpenSampleDisk()); }},
         {"ReadFile", TransferSomething},
         {"WriteFile", TransferSomething},
         {"SetFilePointerEx", TransferSomething},
         {"GetFileSizeEx", AskForLengths},
         {"GetFileAttributesA", [] { GetFileAttributesA("sample"); }},
-        {"CloseHandle", [] { CloseHandle(OpenDisk()); }},
+        {"CloseHandle", [] { CloseHandle(OpenSampleDisk()); }},
         {"DeviceIoControl", AskForLengths},
         {"GetLastError", [] { GetLastError(); }},
         {"GetTickCount64", [] { GetTickCount64(); }},

@@ -10,7 +10,7 @@
 
 namespace
 {
-const std::vector<std::string> none;
+const std::vector<std::string> noneFound;
 constexpr auto badState = static_cast<HRESULT>(0x80042301U);
 
 struct SimulatedSnapshots : testing::Test {
@@ -94,7 +94,7 @@ TEST_F(SimulatedSnapshots, RefuseWhatComesTooEarly)
         EXPECT_EQ(components->AbortBackup(), badState);
         EXPECT_EQ(async, nullptr);
     });
-    EXPECT_EQ(machine.misuses, none);
+    EXPECT_EQ(machine.misuses, noneFound);
     EXPECT_EQ(machine.leaks, (std::vector<std::string>{"components#1", "COM"}));
 }
 
@@ -121,7 +121,7 @@ TEST_F(SimulatedSnapshots, HaveADeviceFromTheEndOfTheOperationToTheDeletion)
         EXPECT_EQ(components->DeleteSnapshots(set, VSS_OBJECT_SNAPSHOT_SET, TRUE, &deleted, &nondeleted),
                   VSS_E_OBJECT_NOT_FOUND);
     });
-    EXPECT_EQ(machine.misuses, none);
+    EXPECT_EQ(machine.misuses, noneFound);
     EXPECT_EQ(machine.snapshotService->sets[0].fate, SetFate::Deleted);
 }
 
@@ -192,7 +192,7 @@ TEST_F(SimulatedSnapshots, NoticeWhatIsUsedAfterItsRelease)
     EXPECT_EQ(machine.misuses,
               (std::vector<std::string>{"InitializeForBackup components#1: released before",
                                         "Release components#1: released before", "CoUninitialize : COM is not up"}));
-    EXPECT_EQ(machine.leaks, none);
+    EXPECT_EQ(machine.leaks, noneFound);
 }
 
 TEST_F(SimulatedSnapshots, NoticeComThatGoesBeforeTheComponents)
@@ -318,5 +318,5 @@ TEST_F(SimulatedSnapshots, BeginEachRunWithoutThoseOfTheLast)
         EXPECT_TRUE(snapshotRequester.shadowHandles.empty());
         EXPECT_EQ(snapshotRequester.components, nullptr);
     });
-    EXPECT_EQ(machine.leaks, none);
+    EXPECT_EQ(machine.leaks, noneFound);
 }
