@@ -49,6 +49,7 @@ class JobModel:
         self.headless = set()  # those of them whose header, table or trailer was
         self.uncommitted = set()  # images that the tracker took no note of
         self.gone = set()     # names that were removed on purpose
+        self.report = {"lines": []}  # of this night's last run
         self.seen = set()     # image names that were there after the last night
         self.contents = []    # what the disk held at the start of each run of this night
         self.seconds = 0.1    # that the last good run took
