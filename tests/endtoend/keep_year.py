@@ -349,14 +349,16 @@ class Year:
         job.seen.discard(name)
 
     def run_badly(self, job, now):
-        """A run that something stands in the way of: it fails, says why, and makes no image."""
+        """A run that something stands in the way of: it fails, says why, and makes no image. Gives what it says; where
+        damage is found too, which may come first, both."""
         self.remember()
         before = set(job.images())
         status, report = self.run(job, now)
         demand(status == 1 and report["failure"], f"exit status {status}: {report}")
         demand(report["image"] is None and set(job.images()) <= before, "a failed run made an image")
         demand(report["letGo"] == [], "a failed run let images go")
-        return report
+        others = [line for line in report["lines"] if line.startswith("FAILED: ")] if job.spoiled else []
+        return "; ".join([report["failure"], *others])
 
     # What happens in a night. What each gives, if anything, is what came of it instead.
 
@@ -395,8 +397,8 @@ class Year:
     def folder_missing(self, job, now):
         os.unlink(job.folder)
         os.symlink(job.elsewhere, job.folder)
-        report = self.run_badly(job, now)
-        demand("not on kestrix-" in report["failure"], report["failure"])
+        said = self.run_badly(job, now)
+        demand("not on kestrix-" in said, said)
         demand(os.listdir(job.elsewhere) == [], "something was written beside the backup disk")
         self.check_status(job, now, isWell=False)
         os.unlink(job.folder)
@@ -405,8 +407,8 @@ class Year:
 
     def folder_read_only(self, job, now):
         subprocess.run(["mount", "-o", "remount,ro", job.place], check=True)
-        report = self.run_badly(job, now)
-        demand("read-only" in report["failure"], report["failure"])
+        said = self.run_badly(job, now)
+        demand("read-only" in said, said)
         subprocess.run(["mount", "-o", "remount,rw", job.place], check=True)
         self.after(job, now)
 
@@ -414,15 +416,15 @@ class Year:
         space = os.statvfs(job.place)
         with open(job.path("filler"), "wb") as file:
             os.posix_fallocate(file.fileno(), 0, max(space.f_bavail * space.f_frsize - (64 << 10), 1))
-        report = self.run_badly(job, now)
-        demand("room" in report["failure"] or "full" in report["failure"], report["failure"])
+        said = self.run_badly(job, now)
+        demand("room" in said or "full" in said, said)
         os.unlink(job.path("filler"))
         self.after(job, now, isWell=False)
 
     def disk_gone(self, job, now):
         os.rename(job.node(), job.node() + ".away")
-        report = self.run_badly(job, now)
-        demand(job.serial in report["failure"], report["failure"])
+        said = self.run_badly(job, now)
+        demand(job.serial in said, said)
         os.rename(job.node() + ".away", job.node())
         self.after(job, now, isWell=False)
 
@@ -441,8 +443,8 @@ class Year:
         """Another disk of equal size under the same number: it is not the one that the job names."""
         serial, job.serial = job.serial, "ANOTHER"
         job.write_disk()
-        report = self.run_badly(job, now)
-        demand(serial in report["failure"], report["failure"])
+        said = self.run_badly(job, now)
+        demand(serial in said, said)
         job.serial = serial
         job.write_disk()
         self.after(job, now, isWell=False)
