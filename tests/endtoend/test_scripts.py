@@ -145,6 +145,33 @@ class Figures(ScriptTest):
                          (1, "docs/development/trust.md doesn't say what the tables do\n"))
 
 
+class FuzzFigures(ScriptTest):
+    """The function with which a slice of fuzzing writes down what it came to, run alone."""
+
+    def table_after(self, before, *slices):
+        self.file("fuzz.tsv", "".join(f"{line}\n" for line in before))
+        with open(os.path.join(ROOT, "scripts", "fuzz"), encoding="utf-8") as file:
+            function = re.search(r"^add_figures\(\) \{\n.*?^\}\n", file.read(), re.MULTILINE | re.DOTALL).group()
+        calls = "".join(f"laws[{slice_.split()[0]}]={law}; add_figures {slice_}\n" for law, slice_ in slices)
+        subprocess.run(["bash", "-euc", f"declare -A laws; figures={self.folder}\n{function}{calls}"], check=True)
+        return self.text("fuzz.tsv").splitlines()
+
+    HEAD = "target\texecutions\tseconds\tedges\tfindings\tlaws"
+
+    def test_a_slice_adds_to_what_was_run_of_the_same_laws_and_to_nothing_else(self):
+        before = [self.HEAD, "images\t100\t60\t7\t1\t12e4", "verify\t5\t6\t7\t0\tab"]
+        self.assertEqual(self.table_after(before, ("12e4", "images 20 30 9 0"), ("12e4", "images 1 1 8 1")),
+                         [self.HEAD, "verify\t5\t6\t7\t0\tab", "images\t121\t91\t9\t2\t12e4"])
+
+    def test_a_slice_of_other_laws_begins_anew_though_they_look_like_the_same_number(self):
+        before = [self.HEAD, "images\t100\t60\t7\t1\t12e4"]
+        self.assertEqual(self.table_after(before, ("120000", "images 20 30 5 0")),
+                         [self.HEAD, "images\t20\t30\t5\t0\t120000"])
+
+    def test_the_first_slice_of_all_makes_the_table(self):
+        self.assertEqual(self.table_after([], ("ab", "images 20 30 5 0")), [self.HEAD, "images\t20\t30\t5\t0\tab"])
+
+
 class Instructions(ScriptTest):
     def refused(self, piece=None):
         """What is found wrong with a program that copies what it digests, on a disk of two chunks."""
