@@ -73,6 +73,12 @@ static bool IsBeingLetGo(const std::vector<std::string> &names, const std::strin
     return std::find(names.begin(), names.end(), SidecarPath(image) + endingOfWhatGoes) != names.end();
 }
 
+// It has its sidecar before its name, and between the two a run can die: the next one gives it the name.
+static bool IsInTheMaking(const std::vector<std::string> &names, const KeptImage &image)
+{
+    return !image.isThere && std::find(names.begin(), names.end(), NameInTheMaking(image.name)) != names.end();
+}
+
 // The image's name, of an image or a sidecar; empty for other files.
 static std::string ImageNameOf(const std::string &job, const std::string &name)
 {
@@ -246,7 +252,7 @@ reader::Result<JobFolder> ReadJobFolder(const std::string &path, const std::stri
     for (auto &[name, image] : images) {
         ReadOneSidecar(folder, image);
         LookAtFile(folder, image);
-        if ((image.isThere || image.sidecar) && !IsBeingLetGo(names, name)) {
+        if ((image.isThere || image.sidecar) && !IsBeingLetGo(names, name) && !IsInTheMaking(names, image)) {
             if (!image.sidecar) {
                 AskFileForBase(folder, image);
             }

@@ -97,6 +97,7 @@ call :prove %1 online KESTRIX_%1
 if errorlevel 1 exit /b 1
 call :put %1 first.bin
 call :capture_with_snapshot %1
+if errorlevel 1 exit /b 1
 call :switch %1 offline KESTRIX_%1
 if errorlevel 1 exit /b 1
 call :switch c offline %targetLabel%
@@ -139,6 +140,8 @@ exit /b 0
 
 rem Where the volume ends with a chunk, its last sectors may be out of the snapshot's reach: that is noted.
 :capture_with_snapshot
+call :prove %1 online KESTRIX_%1
+if errorlevel 1 exit /b 1
 call :expect 0 "1 volume(s) snapshotted" "%1: captured through a snapshot"
 if "%1"=="a" set "orLine=ReadFile from source disk failed mid-capture"
 call :kestrix capture --disk %number% --out %1-vss.img --vss

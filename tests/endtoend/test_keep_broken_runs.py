@@ -224,6 +224,14 @@ class DeadRuns(JobTest):
         os.rename(self.place_path(NAME), self.place_path(NAME + ".in-the-making"))
         self.assertEqual(self.sidecar(self.well(NOW + DAY))["base"], NAME)
 
+    def test_an_image_that_had_its_sidecar_and_no_name_yet_is_not_called_gone(self):
+        first, second = self.well(), self.well(NOW + DAY)
+        os.rename(self.place_path(second), self.place_path(second + ".in-the-making"))
+        status, said = self.ask("status", "--now", str(NOW + DAY), "--config", self.configuration)
+        job, = said["jobs"]
+        self.assertEqual((status, job["problems"], job["damagedImages"], job["images"], job["lastGood"]),
+                         (WELL, [], 0, 1, first))
+
     def test_an_image_that_was_being_let_go_goes(self):
         self.well()
         second = self.well(NOW + DAY)
