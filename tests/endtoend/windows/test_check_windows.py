@@ -177,7 +177,7 @@ class CheckWindows(MachineTest):
         # Of the target, just ahead of the first restore, when it should be offline.
         for fact in ("number", "offline"):
             with self.subTest((fact, "ahead of a restore")):
-                log = self.stopped_by(step % ("c", "offline", ""), f"powershell 11 13 {fact}")
+                log = self.stopped_by(step % ("c", "offline", ""), f"powershell 12 14 {fact}")
                 self.assertTrue([line for line in log if line.startswith("kestrix capture")])
                 self.assertFalse([line for line in log if line.startswith("kestrix restore")])
 
