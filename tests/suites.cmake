@@ -29,7 +29,7 @@ function(suite name)
 endfunction()
 
 # A GoogleTest program.
-function(program_suite name)
+function(program_suite name) # with COMMAND last
   cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "COMMAND")
   results(${name} file)
   suite(${name} ${arg_UNPARSED_ARGUMENTS} COMMAND ${arg_COMMAND} --gtest_brief=1 --gtest_output=xml:${file}.xml)
@@ -43,7 +43,7 @@ endfunction()
 
 # ---- What runs on this system, plainly and under sanitizers ----
 
-program_suite("subsystems" LABELS unit COST 140 COMMAND kestrix_tests ENVIRONMENT KESTRIX_FIGURES=${logs}/figures)
+program_suite("subsystems" LABELS unit COST 140 ENVIRONMENT KESTRIX_FIGURES=${logs}/figures COMMAND kestrix_tests)
 program_suite("port" LABELS port COST 40 COMMAND port_tests)
 program_suite("companions over failing calls" LABELS unit COST 40 COMMAND companion_faults)
 program_suite("subsystems, sanitized" LABELS unit sanitized COST 300 ENVIRONMENT ${sanitizers}
