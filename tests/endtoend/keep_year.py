@@ -296,7 +296,7 @@ class Year:
         status, report = self.run(job, now)
         demand(report["image"] in job.images(), f"no image: {report}")
         demand(report["image"] not in self.sidecarsBefore[job.name], f"it made an image that was there: {report}")
-        told = job.copies.heal(report) if job.copies else ""
+        told = self.heal_copies(job, report)
         if job.spoiled:  # which it may have found, or not yet
             self.heal(job, status, report, now)
             return
@@ -321,6 +321,11 @@ class Year:
         self.figures["dry runs"] += 1
         line, = [line for line in report["lines"] if line.startswith(("a thin image on ", "a full image, since "))]
         return line
+
+    @staticmethod
+    def heal_copies(job, *reports):
+        """What is told of the copies."""
+        return "\n".join(filter(None, map(job.copies.heal, reports))) if job.copies else ""
 
     def heal(self, job, status, report, now):
         """What an administrator does with a damaged image that was told: takes it and its sidecar away."""
@@ -357,6 +362,7 @@ class Year:
         demand(status == 1 and report["failure"], f"exit status {status}: {report}")
         demand(report["image"] is None and set(job.images()) <= before, "a failed run made an image")
         demand(report["letGo"] == [], "a failed run let images go")
+        self.heal_copies(job, report)
         others = [line for line in report["lines"] if line.startswith("FAILED: ")] if job.spoiled else []
         return "; ".join([report["failure"], *others])
 
@@ -372,6 +378,8 @@ class Year:
         wasThere = process.poll() is None
         process.kill()
         process.communicate()
+        if job.copies:
+            job.copies.note_killed_run()
         self.after(job, now)
         if self.chance.random() < 0.5:
             self.run_well(job, now + 60)
@@ -391,7 +399,8 @@ class Year:
         wasKilled = "kestrix was ended" in out
         demand(status == (1 if wasKilled or job.spoiled else 0) or job.spoiled, out)
         demand((report["image"] is None) == wasKilled, f"an image of a capture that was killed: {out}")
-        self.after(job, now, isWell=None if job.spoiled else not wasKilled)
+        told = self.heal_copies(job, report)
+        self.after(job, now, isWell=None if job.spoiled or told else not wasKilled)
         return None if wasKilled else "kill came too late"
 
     def folder_missing(self, job, now):
@@ -524,7 +533,8 @@ class Year:
         ended = [self.finish(process) for process in processes]
         statuses = sorted(status for status, _ in ended)
         demand(statuses in ([0, 0], [0, 3]) or (job.spoiled and set(statuses) <= {0, 1, 3}), f"{ended}")
-        self.after(job, now, isWell=None if job.spoiled else True)
+        told = self.heal_copies(job, *[self.report(out) for _, out in ended])
+        self.after(job, now, isWell=None if job.spoiled or told else True)
 
 
 def local_time(seconds):

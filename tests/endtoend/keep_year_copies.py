@@ -23,6 +23,7 @@ class Copies:
         self.job = job
         self.place = os.path.join(folder, f"copies-{job}")
         self.spoiled = {}     # name of what was damaged here on purpose: when
+        self.unseen = set()   # those of them that a run which was killed may have made anew
         self.told = 0         # of those
         self.compared = {}    # name: marks of what had the digest of its sidecar
         os.mkdir(self.place)
@@ -90,13 +91,17 @@ class Copies:
         name = chance.choice([chance.choice(names), *fulls[-1:]])  # the newest stays long enough to be read again
         kestrix_image.flip_byte(self.path(name), chance.randrange(os.path.getsize(self.path(name))))
         self.spoiled[name] = now
+        self.unseen.discard(name)
         return True
+
+    def note_killed_run(self):
+        self.unseen.update(self.spoiled)
 
     def heal(self, report):
         """After each run: what was made anew is sound again, and what is told as damaged and was not is taken away."""
         told = "\n".join(report["warnings"])
         for name in sorted(self.spoiled):
-            if not os.path.exists(self.path(name)) or self.is_as_sent(name):  # by a run that could tell nothing
+            if not os.path.exists(self.path(name)) or (name in self.unseen and self.is_as_sent(name)):
                 del self.spoiled[name]
             elif f"{name}: its SHA-256 is" in told:
                 self.told += 1
